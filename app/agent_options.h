@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QHostAddress>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+namespace tellwyn {
+
+// The agent's command line.
+struct AgentOptions {
+    bool headless = false;
+    bool startServer = false;
+    std::optional<quint16> port;
+    QString configDirectory; // empty: the user's configuration folder
+    QString dataDirectory;   // empty: the user's data folder
+    QHostAddress listenAddress = QHostAddress::Any;
+};
+
+struct AgentOptionsParse {
+    std::optional<AgentOptions> options;
+    // Set when the program should end right away: the text to print and the exit code.
+    QString output;
+    int exitCode = 0;
+};
+
+AgentOptionsParse parseAgentOptions(const QStringList& arguments);
+
+} // namespace tellwyn

@@ -1,0 +1,106 @@
+#include "agent_options.h"
+#include "clipboard_pasteboard.h"
+#include "linux_display_probe.h"
+#include "linux_system_events.h"
+#include "linux_system_identity.h"
+#include "server_log_manager.h"
+#include "server_manager.h"
+#include "settings_preferences.h"
+#include "system_clock.h"
+#include "unix_signal_watcher.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QGuiApplication>
+#include <QStandardPaths>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+using namespace Qt::StringLiterals;
+using namespace tellwyn;
+
+namespace {
+
+bool hasArgument(int argc, char** argv, const char* name) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void printTo(FILE* stream, const QString& text) {
+    const QByteArray bytes = text.toLocal8Bit();
+    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
+    std::fflush(stream);
+}
+
+std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
+    // A GUI application cannot start without a display, so the choice is made before Qt starts.
+    if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
+        return std::make_unique<QCoreApplication>(argc, argv);
+    }
+    return std::make_unique<QGuiApplication>(argc, argv);
+}
+
+QString folderOr(const QString& chosen, QStandardPaths::StandardLocation location) {
+    return QDir(chosen.isEmpty() ? QStandardPaths::writableLocation(location) : chosen).absolutePath();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::unique_ptr<QCoreApplication> application = makeApplication(argc, argv);
+    QCoreApplication::setApplicationName(u"tellwyn-agent"_s);
+    QCoreApplication::setApplicationVersion(QLatin1String(TELLWYN_VERSION));
+
+    const AgentOptionsParse parsed = parseAgentOptions(QCoreApplication::arguments());
+    if (!parsed.options) {
+        printTo(parsed.exitCode == 0 ? stdout : stderr, parsed.output);
+        return parsed.exitCode;
+    }
+    const AgentOptions& options = *parsed.options;
+
+    const QString configDirectory = folderOr(options.configDirectory, QStandardPaths::AppConfigLocation);
+    const QString dataDirectory = folderOr(options.dataDirectory, QStandardPaths::AppDataLocation);
+
+    SystemClock clock;
+    QtScheduler scheduler;
+    SettingsPreferences preferences(QDir(configDirectory).filePath(u"tellwyn-agent.conf"_s));
+    LinuxSystemIdentity identity;
+    LinuxDisplayProbe displays;
+    LinuxSystemEvents events;
+    ClipboardPasteboard pasteboard;
+    ServerLogManager::shared().setPasteboard(&pasteboard);
+
+    if (!preferences.problem().isEmpty()) {
+        printTo(stderr, u"tellwyn-agent: %1\n"_s.arg(preferences.problem()));
+        ServerLogManager::shared().log(preferences.problem(), u"WARN"_s);
+    }
+    if (options.port) {
+        // Stored before the settings load, exactly where a port change would store it.
+        preferences.set(PreferenceKey::serverPort, static_cast<int>(*options.port));
+    }
+
+    UnixSignalWatcher signals;
+    QObject::connect(&signals, &UnixSignalWatcher::terminationRequested, application.get(),
+                     [](int) { QCoreApplication::quit(); });
+
+    ServerManager manager(AgentEnvironment{clock, scheduler, preferences, identity, displays, events,
+                                           dataDirectory, options.listenAddress});
+    if (options.startServer) {
+        // Runs after the settings load; with auto-start on, the auto-start does it instead.
+        QMetaObject::invokeMethod(
+            &manager,
+            [&manager] {
+                if (!manager.settingsState().autoStartServer && !manager.serverState().isRunning) {
+                    manager.startServer();
+                }
+            },
+            Qt::QueuedConnection);
+    }
+    return QCoreApplication::exec();
+}

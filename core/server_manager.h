@@ -1,0 +1,159 @@
+#pragma once
+
+#include "hlvp_server.h"
+#include "server_state.h"
+#include "task.h"
+
+#include <QHash>
+#include <QHostAddress>
+#include <QMetaObject>
+#include <QMutex>
+#include <QObject>
+
+#include <memory>
+#include <optional>
+#include <set>
+
+namespace tellwyn {
+
+class Clock;
+class DisplayProbe;
+class Preferences;
+class Scheduler;
+class ScheduledTimer;
+class SerialQueue;
+class SystemEvents;
+class SystemIdentity;
+
+// What the agent core needs from the machine. The application passes the platform's
+// implementations; tests pass fakes and a virtual clock.
+struct AgentEnvironment {
+    Clock& clock;
+    Scheduler& scheduler;
+    Preferences& preferences;
+    SystemIdentity& identity;
+    DisplayProbe& displays;
+    SystemEvents& events;
+    QString dataDirectory;                          // the TLS identity lives here
+    QHostAddress listenAddress = QHostAddress::Any; // where the server listens
+};
+
+// The agent core: the protocol server and its life, the published state the user interface
+// shows, the settings, and every per-client table. Everything here runs on the main thread.
+class ServerManager final : public QObject {
+    Q_OBJECT
+public:
+    static constexpr qsizetype maximumPendingAuthentications = 8;
+    static constexpr int maxAuthFailuresPerEndpoint = 5;
+    static constexpr int maxAuthFailuresPerUsername = 15;
+    static constexpr double authFailureWindow = 300.0;
+    static constexpr qsizetype maximumAuthFailureEntries = 512;
+    static constexpr double permissionCacheTimeout = 300.0;
+    static constexpr int maxConnections = 32;
+
+    explicit ServerManager(AgentEnvironment environment, QObject* parent = nullptr);
+    ~ServerManager() override;
+
+    // Published state.
+    bool isBonjourEnabled() const { return m_isBonjourEnabled; }
+    const ServerState& serverState() const { return m_serverState; }
+    const PermissionState& permissionState() const { return m_permissionState; }
+    const SettingsState& settingsState() const { return m_settingsState; }
+    bool isConfiguringPort() const { return m_isConfiguringPort; }
+    bool isRefreshingPermissions() const { return m_isRefreshingPermissions; }
+    bool screenCaptureRequiresRelaunch() const { return m_screenCaptureRequiresRelaunch; }
+
+    HLVPServer* server() const { return m_server.get(); }
+    qsizetype activeTaskCount() const;
+
+    // Server life.
+    void loadSettings();
+    void configureSystemCredentials();
+    void setupServer();
+    bool detectHeadlessMode();
+    // Asynchronous: `completion` runs once the start attempt has ended, successful or not.
+    void startServer(std::function<void()> completion = {});
+    void handleServerRunningChange(bool isRunning);
+    void startCleanupTimer();
+    void stopServer();
+    void updateServerPort(quint16 port, std::function<void()> completion = {});
+    void setAutoStartServer(bool enabled);
+    void trackTask(const TaskPtr& task);
+    void cancelAllTasks();
+    void handleAppTermination();
+    void handleSleepNotification();
+    void handleWakeNotification();
+
+    // Client sessions.
+    void handleNewConnection(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
+    void handleConnectionClosed(const QString& key);
+    void cleanupStaleClients();
+
+    // Clipboard sharing.
+    void updateClipboardMonitor();
+
+    // Permissions.
+    void screenCaptureStartupPreflight();
+    void checkScreenCapturePermission();
+
+    // Menu lock.
+    void loadPasswordProtectionSettings();
+
+Q_SIGNALS:
+    void serverStateChanged();
+    void permissionStateChanged();
+    void settingsStateChanged();
+    void isConfiguringPortChanged();
+    void isRefreshingPermissionsChanged();
+    void screenCaptureRequiresRelaunchChanged();
+    // Any published part of the manager changed.
+    void changed();
+
+private:
+    void log(const QString& message, const QString& category) const;
+    QString displayLabel(const QString& key) const;
+    void setStatusMessage(const QString& text);
+    void updateServerState(const std::function<void(ServerState&)>& change);
+    void updatePermissionState(const std::function<void(PermissionState&)>& change);
+    void updateSettingsState(const std::function<void(SettingsState&)>& change);
+    void setConfiguringPort(bool value);
+    void stopClipboardMonitor();
+    void finishStart(const std::optional<HLVPError>& error, bool headless);
+
+    AgentEnvironment m_environment;
+
+    // Fields in declaration order.
+    std::unique_ptr<HLVPServer> m_server;
+    std::optional<QMetaObject::Connection> m_serverRunningCancellable;
+    std::unique_ptr<ScheduledTimer> m_cleanupTimer;
+    std::unique_ptr<SerialQueue> m_authenticationQueue;
+    QSet<QString> m_authenticationInProgress;
+    bool m_isBonjourEnabled = true;
+    ServerState m_serverState;
+    PermissionState m_permissionState;
+    SettingsState m_settingsState;
+    bool m_isConfiguringPort = false;
+    bool m_isRefreshingPermissions = false;
+    bool m_screenCaptureRequiresRelaunch = false;
+    QHash<QString, AuthFailureRecord> m_endpointAuthFailures;
+    QHash<QString, AuthFailureRecord> m_globalAuthFailures;
+    QHash<QString, QString> m_clientRemoteHosts;
+    QHash<QString, QString> m_clientComputerNames;
+    QHash<QString, QDateTime> m_lastClientActivity;
+    QHash<QString, std::vector<QMetaObject::Connection>> m_clientCancellables;
+    QHash<QString, TaskPtr> m_statsPushTasks;
+    bool m_isCheckingPermissions = false;
+    bool m_isValidatingScreenCaptureRuntime = false;
+    QHash<QString, PermissionCacheEntry> m_permissionCache;
+    std::set<TaskPtr> m_activeTasks;
+    mutable QMutex m_taskLock;
+    QString m_serverUsername;
+    std::unique_ptr<ScheduledTimer> m_clipboardMonitorTimer;
+    qint64 m_lastObservedPasteboardChangeCount = -1;
+    std::optional<QString> m_lastRemoteAppliedClipboardContent;
+    std::optional<QString> m_lastSentClipboardContent;
+    int m_uiLockFailures = 0;
+    QDateTime m_uiLockBlockedUntil;
+};
+
+} // namespace tellwyn

@@ -1,0 +1,103 @@
+#include "server_log_manager.h"
+
+#include "pasteboard.h"
+
+#include <QCoreApplication>
+#include <QRegularExpression>
+#include <QThread>
+
+#include <cstdio>
+
+using namespace Qt::StringLiterals;
+
+namespace tellwyn {
+
+ServerLogManager& ServerLogManager::shared() {
+    static ServerLogManager* const instance = [] {
+        auto* manager = new ServerLogManager;
+        // Appends are posted to the main thread whichever thread made the first call.
+        if (QCoreApplication::instance() != nullptr) {
+            manager->moveToThread(QCoreApplication::instance()->thread());
+        }
+        return manager;
+    }();
+    return *instance;
+}
+
+ServerLogManager::ServerLogManager() = default;
+
+QString ServerLogManager::formatTime(const QTime& time, const QLocale& locale) {
+    // The locale's long time format is hours, minutes, seconds and a time zone; drop the zone.
+    QString format = locale.timeFormat(QLocale::LongFormat);
+    static const QRegularExpression zone(u"\\s*\\(?t+\\)?\\s*"_s);
+    format = format.replace(zone, u" "_s).trimmed();
+    if (format.isEmpty()) {
+        format = u"HH:mm:ss"_s;
+    }
+    return locale.toString(time, format).trimmed();
+}
+
+QString ServerLogManager::formatLine(const QDateTime& when, const QString& category, const QString& message,
+                                     const QLocale& locale) {
+    return u"["_s + formatTime(when.time(), locale) + u"] ["_s + category + u"] "_s + message;
+}
+
+ParsedLogLine ServerLogManager::parseLogLine(const QString& line) {
+    const qsizetype first = line.indexOf(u']');
+    const qsizetype second = first < 0 ? -1 : line.indexOf(u']', first + 1);
+    if (second < 0) {
+        return {QString(), u"INFO"_s, line};
+    }
+    auto trimmed = [](QStringView text, QStringView characters) {
+        qsizetype begin = 0;
+        qsizetype end = text.size();
+        while (begin < end && characters.contains(text[begin])) {
+            ++begin;
+        }
+        while (end > begin && characters.contains(text[end - 1])) {
+            --end;
+        }
+        return text.sliced(begin, end - begin).toString();
+    };
+    const QStringView view(line);
+    return {trimmed(view.first(first), u"[ "), trimmed(view.sliced(first + 1, second - first - 1), u"[ ]"),
+            trimmed(view.sliced(second + 1), u" \t")};
+}
+
+void ServerLogManager::log(const QString& message, const QString& category) {
+    const QString line = formatLine(QDateTime::currentDateTime(), category, message);
+    QMetaObject::invokeMethod(this, [this, line] { append(line); }, Qt::QueuedConnection);
+    if (m_echo.load(std::memory_order_relaxed)) {
+        // One write per line so that lines from different threads never interleave.
+        const QByteArray bytes = line.toUtf8() + '\n';
+        std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stdout);
+        std::fflush(stdout);
+    }
+}
+
+void ServerLogManager::append(const QString& line) {
+    m_logs.append(line);
+    if (m_logs.size() > maxLogs) {
+        m_logs.remove(0, m_logs.size() - maxLogs);
+    }
+    Q_EMIT logsChanged();
+}
+
+void ServerLogManager::clearLogs() {
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_logs.clear();
+            Q_EMIT logsChanged();
+        },
+        Qt::QueuedConnection);
+}
+
+void ServerLogManager::copyLogsToClipboard() {
+    if (m_pasteboard != nullptr) {
+        m_pasteboard->setString(m_logs.join(u'\n'));
+    }
+    log(u"Logs copied to clipboard"_s, u"INFO"_s);
+}
+
+} // namespace tellwyn

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QDateTime>
+#include <QLocale>
+#include <QObject>
+#include <QStringList>
+
+#include <atomic>
+
+namespace tellwyn {
+
+class Pasteboard;
+
+// A log line read back into its three parts.
+struct ParsedLogLine {
+    QString time;
+    QString category;
+    QString message;
+    friend bool operator==(const ParsedLogLine&, const ParsedLogLine&) = default;
+};
+
+// The agent's activity log: in memory, capped, shown live by the log screen and copied to
+// standard output. `log` may be called from any thread; the list itself changes only on the
+// thread the manager lives on (the main thread).
+class ServerLogManager final : public QObject {
+    Q_OBJECT
+public:
+    static constexpr qsizetype maxLogs = 1000;
+
+    static ServerLogManager& shared();
+
+    void log(const QString& message, const QString& category);
+    void clearLogs();
+    void copyLogsToClipboard();
+
+    // Oldest first. Main thread only.
+    const QStringList& logs() const { return m_logs; }
+
+    // Where copyLogsToClipboard puts the text; set once at start-up.
+    void setPasteboard(Pasteboard* pasteboard) { m_pasteboard = pasteboard; }
+    // Whether each line is also written to standard output (on by default).
+    void setEchoToStandardOutput(bool enabled) { m_echo = enabled; }
+
+    // The time of day as the log writes it: hours, minutes and seconds in the locale's style.
+    static QString formatTime(const QTime& time, const QLocale& locale);
+    static QString formatLine(const QDateTime& when, const QString& category, const QString& message,
+                              const QLocale& locale = QLocale::system());
+    static ParsedLogLine parseLogLine(const QString& line);
+
+Q_SIGNALS:
+    void logsChanged();
+
+private:
+    ServerLogManager();
+    void append(const QString& line);
+
+    QStringList m_logs;
+    Pasteboard* m_pasteboard = nullptr;
+    std::atomic<bool> m_echo{true};
+};
+
+} // namespace tellwyn

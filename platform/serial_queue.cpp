@@ -1,0 +1,23 @@
+#include "serial_queue.h"
+
+namespace tellwyn {
+
+SerialQueue::SerialQueue(const QString& label) : m_worker(new QObject) {
+    m_thread.setObjectName(label);
+    m_worker->moveToThread(&m_thread);
+    QObject::connect(&m_thread, &QThread::finished, m_worker, &QObject::deleteLater);
+    m_thread.start();
+}
+
+SerialQueue::~SerialQueue() {
+    // Jobs already queued still run; then the thread ends.
+    m_thread.quit();
+    m_thread.wait();
+}
+
+void SerialQueue::async(std::function<void()> job) {
+    // Queued calls to one object run in submission order on its thread.
+    QMetaObject::invokeMethod(m_worker, std::move(job), Qt::QueuedConnection);
+}
+
+} // namespace tellwyn

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QString>
+
+#include <functional>
+
+namespace HLVP {
+
+// The port the setup screens recommend.
+inline constexpr quint16 defaultPort = 5905;
+// Clipboard texts larger than this (in UTF-8) are refused on receipt and never sent.
+inline constexpr qsizetype maxClipboardBytes = 1024 * 1024;
+
+enum class ConnectionState {
+    connecting,    // TCP accepted, TLS being negotiated
+    connected,     // TLS up, waiting for the viewer's handshake or sign-in
+    authenticated, // the agent accepted the viewer's sign-in
+    disconnected,
+};
+
+// How the state is printed in log lines.
+QString toString(ConnectionState state);
+
+enum class AuthenticationMethod { none, password, challengeResponse };
+
+// Receives every diagnostic line of the library: message first, category second.
+using LogFunction = std::function<void(const QString& message, const QString& category)>;
+
+} // namespace HLVP

@@ -1,0 +1,246 @@
+#include "hlvp_server.h"
+
+#include <QSslServer>
+#include <QSslSocket>
+#include <QUuid>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace tellwyn {
+
+// QSslServer that asks its owner before it starts TLS on a new descriptor, so that connections
+// over the limit are closed before any work is spent on them.
+class TlsListener final : public QSslServer {
+public:
+    explicit TlsListener(std::function<bool(qintptr)> admit) : m_admit(std::move(admit)) {}
+
+protected:
+    void incomingConnection(qintptr descriptor) override {
+        if (m_admit(descriptor)) {
+            QSslServer::incomingConnection(descriptor);
+        } else {
+            ::close(static_cast<int>(descriptor));
+        }
+    }
+
+private:
+    std::function<bool(qintptr)> m_admit;
+};
+
+namespace {
+
+QString peerOf(qintptr descriptor) {
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    if (::getpeername(static_cast<int>(descriptor), reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
+        return u"an unknown address"_s;
+    }
+    QHostAddress address(reinterpret_cast<const sockaddr*>(&storage));
+    return remoteHostKeyFor(address);
+}
+
+std::shared_ptr<HLVPServerClient> makeClient(QSslSocket* socket) {
+    const QString key = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+    // Deleted on the event loop: the last owner may let go inside one of the client's own signals.
+    return std::shared_ptr<HLVPServerClient>(new HLVPServerClient(socket, key),
+                                             [](HLVPServerClient* client) { client->deleteLater(); });
+}
+
+} // namespace
+
+HLVPServer::HLVPServer(quint16 port, int maxConnections, Options options, QObject* parent)
+    : QObject(parent), m_port(port), m_maxConnections(maxConnections), m_options(std::move(options)) {}
+
+HLVPServer::~HLVPServer() {
+    // Dropped without stop(): connections end with the server object.
+    m_onConnectionClosed = nullptr;
+    m_onNewConnection = nullptr;
+    for (const auto& client : std::as_const(m_clients)) {
+        client->QObject::disconnect(this);
+    }
+}
+
+void HLVPServer::setLogFunction(HLVP::LogFunction logFunction) {
+    m_log = std::move(logFunction);
+}
+
+void HLVPServer::log(const QString& message, const QString& category) const {
+    if (m_log) {
+        m_log(message, category);
+    }
+}
+
+QString HLVPServer::identityFingerprint() const {
+    return m_identity ? m_identity->fingerprint() : QString();
+}
+
+QStringList HLVPServer::getConnectedClients() const {
+    return m_clients.keys();
+}
+
+void HLVPServer::setRunning(bool running) {
+    if (m_isRunning != running) {
+        m_isRunning = running;
+        Q_EMIT isRunningChanged(running);
+    }
+}
+
+void HLVPServer::start(QObject* context, StartCompletion completion) {
+    auto finish = [context, completion = std::move(completion)](std::optional<HLVPError> error) {
+        QMetaObject::invokeMethod(
+            context, [completion, error] { completion(error); }, Qt::QueuedConnection);
+    };
+    if (m_isRunning) {
+        finish(std::nullopt);
+        return;
+    }
+
+    if (!m_identity) {
+        TlsIdentityLoad load = loadOrCreateTlsIdentity(m_options.identityDirectory, m_options.identityName);
+        if (!load.identity) {
+            log(load.error, u"ERROR"_s);
+            finish(HLVPError(HLVPError::Code::identityUnavailable, load.error));
+            return;
+        }
+        if (load.created) {
+            log(u"Created a new TLS identity in %1"_s.arg(m_options.identityDirectory), u"SERVER"_s);
+        }
+        if (load.permissionsRepaired) {
+            log(u"TLS identity files in %1 were readable by others; narrowed to the owner only"_s.arg(
+                    m_options.identityDirectory),
+                u"WARN"_s);
+        }
+        m_identity = std::move(load.identity);
+    }
+    log(u"TLS identity fingerprint (SHA-256): %1"_s.arg(m_identity->fingerprint()), u"SERVER"_s);
+
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setProtocol(QSsl::TlsV1_3OrLater);
+    configuration.setLocalCertificate(m_identity->certificate);
+    configuration.setPrivateKey(m_identity->privateKey);
+    configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
+
+    m_listener = std::make_unique<TlsListener>([this](qintptr descriptor) { return admitConnection(descriptor); });
+    m_listener->setSslConfiguration(configuration);
+    m_listener->setHandshakeTimeout(static_cast<int>(m_options.tlsHandshakeTimeout.count()));
+    m_listener->setMaxPendingConnections(m_maxConnections);
+    connect(m_listener.get(), &QSslServer::startedEncryptionHandshake, this,
+            [this](QSslSocket* socket) { m_negotiating.append(socket); });
+    connect(m_listener.get(), &QSslServer::errorOccurred, this,
+            [this](QSslSocket* socket, QAbstractSocket::SocketError) {
+                log(u"TLS negotiation with %1 failed: %2"_s.arg(remoteHostKeyFor(socket->peerAddress()),
+                                                                socket->errorString()),
+                    u"TLS"_s);
+            });
+    connect(m_listener.get(), &QSslServer::pendingConnectionAvailable, this,
+            &HLVPServer::acceptPendingConnections);
+
+    if (!m_listener->listen(m_options.listenAddress, m_port)) {
+        const auto socketError = m_listener->serverError();
+        const QString reason = m_listener->errorString();
+        m_listener.reset();
+        switch (socketError) {
+        case QAbstractSocket::AddressInUseError:
+            finish(HLVPError(HLVPError::Code::addressInUse,
+                             u"Port %1 is already in use by another program."_s.arg(m_port)));
+            break;
+        case QAbstractSocket::SocketAccessError:
+            finish(HLVPError(HLVPError::Code::permissionDenied,
+                             u"Permission denied to listen on port %1."_s.arg(m_port)));
+            break;
+        case QAbstractSocket::SocketAddressNotAvailableError:
+            finish(HLVPError(HLVPError::Code::addressUnavailable,
+                             u"The address %1 is not available on this machine."_s.arg(
+                                 m_options.listenAddress.toString())));
+            break;
+        default:
+            finish(HLVPError(HLVPError::Code::listenFailed,
+                             u"Cannot listen on port %1: %2."_s.arg(m_port).arg(reason)));
+            break;
+        }
+        return;
+    }
+    m_port = m_listener->serverPort();
+    log(u"HLVP server listening on %1 port %2 (TLS 1.3, at most %3 connections)"_s.arg(
+            m_options.listenAddress.toString())
+            .arg(m_port)
+            .arg(m_maxConnections),
+        u"SERVER"_s);
+    // The caller's completion runs before observers of the running state hear of the change.
+    finish(std::nullopt);
+    setRunning(true);
+}
+
+void HLVPServer::stop() {
+    if (m_listener) {
+        m_listener->close();
+        m_listener.reset();
+    }
+    for (const auto& socket : std::as_const(m_negotiating)) {
+        if (socket) {
+            socket->abort();
+        }
+    }
+    m_negotiating.clear();
+    const auto clients = m_clients;
+    for (const auto& client : clients) {
+        client->disconnect();
+    }
+    setRunning(false);
+}
+
+int HLVPServer::openConnectionCount() {
+    m_negotiating.removeIf([](const QPointer<QSslSocket>& socket) {
+        return socket.isNull() || socket->state() == QAbstractSocket::UnconnectedState;
+    });
+    return static_cast<int>(m_negotiating.size() + m_clients.size());
+}
+
+bool HLVPServer::admitConnection(qintptr descriptor) {
+    if (openConnectionCount() < m_maxConnections) {
+        return true;
+    }
+    log(u"Connection limit of %1 reached; refused a connection from %2"_s.arg(m_maxConnections)
+            .arg(peerOf(descriptor)),
+        u"SECURITY"_s);
+    return false;
+}
+
+void HLVPServer::acceptPendingConnections() {
+    while (m_listener && m_listener->hasPendingConnections()) {
+        auto* socket = qobject_cast<QSslSocket*>(m_listener->nextPendingConnection());
+        if (socket == nullptr) {
+            continue;
+        }
+        m_negotiating.removeAll(socket);
+        auto client = makeClient(socket);
+        const QString key = client->clientKey();
+        client->setLogFunction(m_log);
+        m_clients.insert(key, client);
+        connect(client.get(), &HLVPServerClient::connectionStateChanged, this,
+                [this, key](HLVP::ConnectionState state) { onClientStateChanged(key, state); });
+        log(u"Accepted %1 connection from %2 as client %3"_s.arg(
+                socket->sessionProtocol() == QSsl::TlsV1_3 ? u"TLS 1.3"_s : u"TLS"_s, client->remoteHostKey(),
+                key),
+            u"SERVER"_s);
+        if (m_onNewConnection) {
+            m_onNewConnection(client, key);
+        }
+    }
+}
+
+void HLVPServer::onClientStateChanged(const QString& key, HLVP::ConnectionState state) {
+    if (state != HLVP::ConnectionState::disconnected || !m_clients.contains(key)) {
+        return;
+    }
+    const auto client = m_clients.take(key);
+    client->QObject::disconnect(this);
+    if (m_onConnectionClosed) {
+        m_onConnectionClosed(key);
+    }
+}
+
+} // namespace tellwyn
