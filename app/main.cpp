@@ -91,6 +91,15 @@ int main(int argc, char** argv) {
 
     ServerManager manager(AgentEnvironment{clock, scheduler, preferences, identity, displays, events,
                                            dataDirectory, options.listenAddress});
+    // Without a window the status line has nowhere else to go: it is written to standard error.
+    QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
+                     [&manager, last = QString()]() mutable {
+                         const QString& status = manager.serverState().statusMessage;
+                         if (status != last) {
+                             last = status;
+                             printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
+                         }
+                     });
     if (options.startServer) {
         // Runs after the settings load; with auto-start on, the auto-start does it instead.
         QMetaObject::invokeMethod(

@@ -1,0 +1,108 @@
+"""Runs the real tellwyn-agent binary for integration tests and reads what it prints."""
+import os
+import re
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+AGENT = os.environ.get("TELLWYN_AGENT", "tellwyn-agent")
+LOG_LINE = re.compile(r"^\[([^\]]*)\] \[([^\]]*)\] (.*)$")
+
+
+def free_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Agent:
+    """One agent process with its own configuration and data folders, listening on loopback."""
+
+    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True):
+        self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
+        self.port = port or free_port()
+        self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
+        self.data_dir = data_dir or os.path.join(self._scratch.name, "data")
+        args = [AGENT, "--headless", "--listen", "127.0.0.1", "--port", str(self.port),
+                "--config-dir", self.config_dir, "--data-dir", self.data_dir, *extra_args]
+        if start:
+            args.append("--start")
+        env = dict(os.environ, LC_ALL="C.UTF-8")
+        env.pop("DISPLAY", None)
+        env.pop("WAYLAND_DISPLAY", None)
+        self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
+                                        text=True, encoding="utf-8", errors="replace")
+        self.stdout_lines = []
+        self.stderr_lines = []
+        self._changed = threading.Condition()
+        self._readers = [threading.Thread(target=self._read, args=(self.process.stdout, self.stdout_lines), daemon=True),
+                         threading.Thread(target=self._read, args=(self.process.stderr, self.stderr_lines), daemon=True)]
+        for reader in self._readers:
+            reader.start()
+
+    def _read(self, stream, lines):
+        for line in stream:
+            with self._changed:
+                lines.append(line.rstrip("\n"))
+                self._changed.notify_all()
+        with self._changed:
+            self._changed.notify_all()
+
+    def log(self):
+        """The log lines as (category, message) pairs, without the time."""
+        with self._changed:
+            return [(m.group(2), m.group(3)) for m in map(LOG_LINE.match, self.stdout_lines) if m]
+
+    def wait_for(self, predicate, timeout=15.0, what="condition"):
+        deadline = time.monotonic() + timeout
+        with self._changed:
+            while not predicate():
+                remaining = deadline - time.monotonic()
+                if remaining <= 0:
+                    raise AssertionError(f"timed out waiting for {what}\nstdout:\n" + "\n".join(self.stdout_lines)
+                                         + "\nstderr:\n" + "\n".join(self.stderr_lines))
+                self._changed.wait(min(remaining, 0.2))
+
+    def wait_for_log(self, category, message, timeout=15.0):
+        self.wait_for(lambda: any(c == category and m == message for c, m in self._log_unlocked()), timeout,
+                      f"[{category}] {message}")
+
+    def _log_unlocked(self):
+        return [(m.group(2), m.group(3)) for m in map(LOG_LINE.match, self.stdout_lines) if m]
+
+    def wait_until_running(self):
+        self.wait_for_log("SERVER", "Remote service startup completed successfully")
+
+    def fingerprint(self):
+        prefix = "TLS identity fingerprint (SHA-256): "
+        for category, message in self.log():
+            if category == "SERVER" and message.startswith(prefix):
+                return message[len(prefix):]
+        return None
+
+    def stop(self, sig=signal.SIGTERM, timeout=15.0):
+        if self.process.poll() is None:
+            self.process.send_signal(sig)
+        code = self.process.wait(timeout)
+        for reader in self._readers:
+            reader.join(5)
+        return code
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait(5)
+        for reader in self._readers:
+            reader.join(5)
+        self.process.stdout.close()
+        self.process.stderr.close()
+        self._scratch.cleanup()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()

@@ -1,0 +1,424 @@
+#include "fake_platform.h"
+#include "server_log_manager.h"
+#include "server_manager.h"
+#include "virtual_time.h"
+
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+using namespace tellwyn;
+using namespace tellwyn::testing;
+
+namespace {
+
+quint16 freeLoopbackPort() {
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
+}
+
+bool acceptsConnections(quint16 port) {
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress::LocalHost, port);
+    return socket.waitForConnected(2000);
+}
+
+// The log as "[CATEGORY] message" lines, without the time.
+QStringList loggedLines() {
+    VirtualTime::drainEvents();
+    QStringList lines;
+    for (const QString& line : ServerLogManager::shared().logs()) {
+        const ParsedLogLine parsed = ServerLogManager::parseLogLine(line);
+        lines.append(u"[%1] %2"_s.arg(parsed.category, parsed.message));
+    }
+    return lines;
+}
+
+// True when `expected` appear in the log in this order (other lines may come between).
+bool loggedInOrder(const QStringList& expected) {
+    const QStringList lines = loggedLines();
+    qsizetype from = 0;
+    for (const QString& line : expected) {
+        from = lines.indexOf(line, from);
+        if (from < 0) {
+            qWarning().noquote() << "missing or out of order:" << line << "\nlog:\n" << lines.join(u'\n');
+            return false;
+        }
+        ++from;
+    }
+    return true;
+}
+
+} // namespace
+
+class TestServerManagerLifecycle : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<VirtualTime> time;
+    std::unique_ptr<FakePreferences> preferences;
+    std::unique_ptr<FakeSystemIdentity> identity;
+    std::unique_ptr<FakeDisplayProbe> displays;
+    std::unique_ptr<FakeSystemEvents> events;
+    std::unique_ptr<QTemporaryDir> dataDirectory;
+    quint16 port = 0;
+    QStringList statusHistory;
+
+    std::unique_ptr<ServerManager> makeManager() {
+        auto manager = std::make_unique<ServerManager>(AgentEnvironment{
+            *time, *time, *preferences, *identity, *displays, *events, dataDirectory->path(),
+            QHostAddress(QHostAddress::LocalHost)});
+        connect(manager.get(), &ServerManager::serverStateChanged, this, [this, m = manager.get()] {
+            if (statusHistory.isEmpty() || statusHistory.constLast() != m->serverState().statusMessage) {
+                statusHistory.append(m->serverState().statusMessage);
+            }
+        });
+        return manager;
+    }
+
+    // A manager whose settings are loaded, with the free port stored.
+    std::unique_ptr<ServerManager> loadedManager() {
+        preferences->set(u"serverPort"_s, port);
+        auto manager = makeManager();
+        VirtualTime::drainEvents();
+        return manager;
+    }
+
+    void startAndSettle(ServerManager& manager) {
+        bool done = false;
+        manager.startServer([&] { done = true; });
+        VirtualTime::drainEvents();
+        QVERIFY(done);
+    }
+
+private Q_SLOTS:
+    void initTestCase() { ServerLogManager::shared().setEchoToStandardOutput(false); }
+
+    void init() {
+        time = std::make_unique<VirtualTime>();
+        preferences = std::make_unique<FakePreferences>();
+        identity = std::make_unique<FakeSystemIdentity>();
+        displays = std::make_unique<FakeDisplayProbe>();
+        events = std::make_unique<FakeSystemEvents>();
+        dataDirectory = std::make_unique<QTemporaryDir>();
+        port = freeLoopbackPort();
+        statusHistory.clear();
+        ServerLogManager::shared().clearLogs();
+        VirtualTime::drainEvents();
+    }
+
+    void firstLaunchLoadsDefaultsAfterConstruction() {
+        preferences->set(u"customUsername"_s, u"mallory"_s);
+        auto manager = makeManager();
+        QVERIFY(manager->server() == nullptr); // the settings load is posted, not run in place
+        QCOMPARE(manager->serverState().statusMessage, u"Agent not started"_s);
+        QCOMPARE(manager->permissionState().accountStatus, u"Initializing..."_s);
+        VirtualTime::drainEvents();
+
+        const SettingsState& settings = manager->settingsState();
+        QCOMPARE(settings.currentUsername, u"alice"_s);
+        QCOMPARE(settings.autoStartServer, false);
+        QCOMPARE(settings.serverPort, HLVP::defaultPort);
+        QCOMPARE(settings.enableFileTransfers, true);
+        QCOMPARE(settings.enableClipboardSharing, true);
+        QCOMPARE(settings.enableLoginItems, false);
+        QCOMPARE(settings.isFirstLaunch, true);
+        QCOMPARE(manager->permissionState().accountStatus, u"✅ Using current macOS account"_s);
+        QCOMPARE(preferences->values.value(u"useSystemCredentials"_s), QVariant(true));
+        QVERIFY(!preferences->values.contains(u"customUsername"_s));
+
+        QVERIFY(manager->server() != nullptr);
+        QCOMPARE(manager->server()->port(), HLVP::defaultPort);
+        QCOMPARE(manager->server()->maxConnections(), 32);
+        QVERIFY(!manager->serverState().isRunning);
+        QCOMPARE(manager->serverState().statusMessage, u"Agent not started"_s);
+        QVERIFY(loggedInOrder({u"[INIT] AgentManager initialized"_s,
+                               u"[AUTH] Server configured to use the current macOS account for user: alice"_s,
+                               u"[SERVER] Auto-start server setting loaded: disabled"_s,
+                               u"[SERVER] Loaded server port: 5905"_s, u"[SERVER] Setting up HLVP server"_s,
+                               u"[SERVER] Server setup completed"_s}));
+        time->advance(10s);
+        QVERIFY(!loggedLines().contains(u"[SERVER] Attempting to start HLVP server"_s));
+    }
+
+    void storedPortIsUsedOnlyWhenInRange_data() {
+        QTest::addColumn<QVariant>("stored");
+        QTest::addColumn<int>("expected");
+        QTest::newRow("zero") << QVariant(0) << 5905;
+        QTest::newRow("negative") << QVariant(-1) << 5905;
+        QTest::newRow("above range") << QVariant(70000) << 5905;
+        QTest::newRow("text") << QVariant(u"abc"_s) << 5905;
+        QTest::newRow("recommended") << QVariant(5905) << 5905;
+        QTest::newRow("lowest") << QVariant(1) << 1;
+        QTest::newRow("highest") << QVariant(65535) << 65535;
+        QTest::newRow("INI text number") << QVariant(u"6000"_s) << 6000;
+    }
+    void storedPortIsUsedOnlyWhenInRange() {
+        QFETCH(QVariant, stored);
+        QFETCH(int, expected);
+        preferences->set(u"serverPort"_s, stored);
+        auto manager = makeManager();
+        VirtualTime::drainEvents();
+        QCOMPARE(int(manager->settingsState().serverPort), expected);
+        QVERIFY(loggedLines().contains(u"[SERVER] Loaded server port: %1"_s.arg(expected)));
+    }
+
+    void featureSwitchesCountAnythingButABooleanAsOn_data() {
+        QTest::addColumn<QVariant>("stored"); // invalid: absent
+        QTest::addColumn<bool>("expected");
+        QTest::newRow("absent") << QVariant() << true;
+        QTest::newRow("false") << QVariant(false) << false;
+        QTest::newRow("INI false") << QVariant(u"false"_s) << false;
+        QTest::newRow("true") << QVariant(true) << true;
+        QTest::newRow("number zero") << QVariant(0) << true;
+        QTest::newRow("garbage") << QVariant(u"nope"_s) << true;
+    }
+    void featureSwitchesCountAnythingButABooleanAsOn() {
+        QFETCH(QVariant, stored);
+        QFETCH(bool, expected);
+        if (stored.isValid()) {
+            preferences->set(u"enableFileTransfers"_s, stored);
+            preferences->set(u"enableClipboardSharing"_s, stored);
+        }
+        preferences->set(u"enableLoginItems"_s, true);
+        preferences->set(u"isFirstLaunch"_s, false);
+        auto manager = makeManager();
+        VirtualTime::drainEvents();
+        QCOMPARE(manager->settingsState().enableFileTransfers, expected);
+        QCOMPARE(manager->settingsState().enableClipboardSharing, expected);
+        QCOMPARE(manager->settingsState().enableLoginItems, true);
+        QCOMPARE(manager->settingsState().isFirstLaunch, false);
+    }
+
+    void autoStartBeginsOneSecondAfterTheSettingsLoad() {
+        preferences->set(u"autoStartServer"_s, true);
+        auto manager = loadedManager();
+        QVERIFY(loggedInOrder({u"[SERVER] Auto-start server setting loaded: enabled"_s,
+                               u"[SERVER] Server setup completed"_s,
+                               u"[SERVER] Auto-start enabled - attempting to start server"_s}));
+        time->advance(999ms);
+        QVERIFY(!loggedLines().contains(u"[SERVER] Attempting to start HLVP server"_s));
+        QVERIFY(!manager->serverState().isRunning);
+        time->advance(1ms);
+        QVERIFY(loggedLines().contains(u"[SERVER] Attempting to start HLVP server"_s));
+        QVERIFY(manager->serverState().isRunning);
+        QCOMPARE(manager->activeTaskCount(), 0); // the start task was tracked and let go when done
+        QVERIFY(acceptsConnections(port));
+    }
+
+    void headlessStartGrantsCaptureAndEndsOnTheRunningText() {
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+
+        QVERIFY(manager->serverState().isRunning);
+        QVERIFY(manager->permissionState().screenCaptureAuthorized);
+        QCOMPARE(statusHistory, QStringList({u"Headless mode - screen capture disabled"_s,
+                                             u"Remote service started successfully"_s,
+                                             u"Remote service running on port %1"_s.arg(port)}));
+        QVERIFY(loggedInOrder({
+            u"[SERVER] Attempting to start HLVP server"_s,
+            u"[SERVER] Headless server detected - no displays available"_s,
+            u"[SERVER] Headless mode detected - allowing server to run without screen capture"_s,
+            u"[SERVER] Starting remote service on port %1"_s.arg(port),
+            u"[BONJOUR] Started Bonjour service publishing"_s,
+            u"[SERVER] Remote service startup completed successfully"_s,
+            u"[SERVER] HLVP Server startup sequence completed - Port: %1, Mode: Headless"_s.arg(port),
+            u"[SERVER] Check logs for connection attempts"_s,
+        }));
+        QVERIFY(acceptsConnections(port));
+        QCOMPARE(time->pendingTimerCount(), 1); // the clean-up timer
+    }
+
+    void startWithDisplaysButNoCapturePermissionWarnsAndStarts() {
+        displays->count = 2;
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+        QVERIFY(manager->serverState().isRunning);
+        QVERIFY(!manager->permissionState().screenCaptureAuthorized);
+        QCOMPARE(statusHistory.constFirst(),
+                 u"Warning: Screen recording not yet authorized. Grant permission in TellwynAgent settings."_s);
+        QVERIFY(loggedInOrder({
+            u"[SERVER] Display detected: 2 screen(s) available"_s,
+            u"[WARN] Screen recording permission not granted - server will start but capture will be gated"_s,
+            u"[SERVER] HLVP Server startup sequence completed - Port: %1, Mode: Normal"_s.arg(port),
+        }));
+    }
+
+    void startOnAPortInUseFailsWithTheReason() {
+        QTcpServer occupant;
+        QVERIFY(occupant.listen(QHostAddress::LocalHost, port));
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+
+        const QString reason = u"Port %1 is already in use by another program."_s.arg(port);
+        QVERIFY(!manager->serverState().isRunning);
+        QCOMPARE(manager->serverState().statusMessage, u"Failed to start remote service: "_s + reason);
+        QVERIFY(loggedInOrder({
+            u"[ERROR] Remote service startup failed: "_s + reason,
+            u"[ERROR] Failed to start remote service: HLVPError.addressInUse(\"%1\")"_s.arg(reason),
+            u"[SERVER] Check logs for connection attempts"_s,
+        }));
+        QVERIFY(!loggedLines().contains(u"[BONJOUR] Started Bonjour service publishing"_s));
+        QCOMPARE(time->pendingTimerCount(), 0); // no clean-up timer
+
+        // The user may try again once the port is free.
+        occupant.close();
+        startAndSettle(*manager);
+        QVERIFY(manager->serverState().isRunning);
+    }
+
+    void unusableDataFolderFailsTheStartWithAClearReason() {
+        QTemporaryDir scratch;
+        QFile blocker(scratch.filePath(u"not-a-folder"_s));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        dataDirectory = std::make_unique<QTemporaryDir>(); // kept valid for the fixture
+        preferences->set(u"serverPort"_s, port);
+        auto manager = std::make_unique<ServerManager>(AgentEnvironment{
+            *time, *time, *preferences, *identity, *displays, *events, blocker.fileName() + u"/data"_s,
+            QHostAddress(QHostAddress::LocalHost)});
+        VirtualTime::drainEvents();
+        startAndSettle(*manager);
+        QVERIFY(!manager->serverState().isRunning);
+        QVERIFY(manager->serverState().statusMessage.startsWith(u"Failed to start remote service: Cannot create"_s));
+    }
+
+    void cleanupTimerLivesExactlyWhileTheServerRuns() {
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+        QCOMPARE(time->pendingTimerCount(), 1);
+
+        // A stop reported by the library.
+        manager->server()->stop();
+        VirtualTime::drainEvents();
+        QVERIFY(!manager->serverState().isRunning);
+        QCOMPARE(manager->serverState().statusMessage, u"Remote service stopped"_s);
+        QCOMPARE(time->pendingTimerCount(), 0);
+
+        startAndSettle(*manager);
+        QCOMPARE(time->pendingTimerCount(), 1);
+        manager->stopServer();
+        QCOMPARE(time->pendingTimerCount(), 0);
+        QVERIFY(!acceptsConnections(port));
+    }
+
+    void portChangeWhileRunningRestartsOnTheNewPort() {
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+        HLVPServer* const before = manager->server();
+        const quint16 newPort = freeLoopbackPort();
+
+        QList<bool> configuring;
+        connect(manager.get(), &ServerManager::isConfiguringPortChanged, this,
+                [&] { configuring.append(manager->isConfiguringPort()); });
+        bool done = false;
+        manager->updateServerPort(newPort, [&] { done = true; });
+        QVERIFY(manager->isConfiguringPort());
+        VirtualTime::drainEvents();
+        QVERIFY(done);
+        QCOMPARE(configuring, QList<bool>({true, false}));
+
+        QVERIFY(manager->server() != before);
+        QCOMPARE(manager->server()->port(), newPort);
+        QVERIFY(manager->serverState().isRunning);
+        QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), int(newPort));
+        QVERIFY(acceptsConnections(newPort));
+        QVERIFY(!acceptsConnections(port));
+        QVERIFY(loggedInOrder({u"[SERVER] Server port updated to %1"_s.arg(newPort),
+                               u"[SERVER] Stopping HLVP server"_s,
+                               u"[SERVER] Remote service stopped successfully"_s,
+                               u"[SERVER] Setting up HLVP server"_s,
+                               u"[SERVER] Starting remote service on port %1"_s.arg(newPort),
+                               u"[SERVER] Remote service startup completed successfully"_s}));
+    }
+
+    void portChangeWhileStoppedOnlyStoresIt() {
+        auto manager = loadedManager();
+        HLVPServer* const before = manager->server();
+        bool done = false;
+        manager->updateServerPort(6123, [&] { done = true; });
+        QVERIFY(done);
+        QVERIFY(!manager->isConfiguringPort());
+        QCOMPARE(manager->settingsState().serverPort, quint16(6123));
+        QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), 6123);
+        QCOMPARE(manager->server(), before); // not rebuilt
+        QVERIFY(!manager->serverState().isRunning);
+    }
+
+    void autoStartSettingIsStoredWithoutStartingOrStopping() {
+        auto manager = loadedManager();
+        manager->setAutoStartServer(true);
+        QCOMPARE(preferences->values.value(u"autoStartServer"_s), QVariant(true));
+        QVERIFY(manager->settingsState().autoStartServer);
+        QVERIFY(!manager->serverState().isRunning);
+        manager->setAutoStartServer(false);
+        QCOMPARE(preferences->values.value(u"autoStartServer"_s), QVariant(false));
+        QVERIFY(loggedInOrder({u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
+    }
+
+    void sleepAndWakeKeepTheServerAndSetTheirTexts() {
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+        Q_EMIT events->screensDidSleep();
+        QCOMPARE(manager->serverState().statusMessage, u"System sleeping - streams paused"_s);
+        Q_EMIT events->screensDidWake();
+        VirtualTime::drainEvents();
+        QCOMPARE(manager->serverState().statusMessage, u"System resumed - ready for streams"_s);
+        QVERIFY(manager->serverState().isRunning);
+        QVERIFY(acceptsConnections(port));
+        QVERIFY(loggedInOrder({u"[SERVER] System going to sleep - stopping all client streams"_s,
+                               u"[SERVER] System waking up - resuming services"_s}));
+    }
+
+    void terminationWhileRunningStopsAndLogsInOrder() {
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+        ServerLogManager::shared().clearLogs();
+        VirtualTime::drainEvents();
+
+        Q_EMIT events->willTerminate();
+        // Handled inside the notification: nothing needs the event loop.
+        QVERIFY(!manager->serverState().isRunning);
+        QVERIFY(manager->server() != nullptr);
+        QCOMPARE(loggedLines(),
+                 QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
+                              u"[SERVER] Stopping HLVP server"_s, u"[BONJOUR] Stopped Bonjour service publishing"_s,
+                              u"[SERVER] Remote service stopped successfully"_s,
+                              u"[SERVER] All subscriptions cancelled"_s}));
+        QVERIFY(!acceptsConnections(port));
+    }
+
+    void stoppingAStoppedServerRunsEveryStep() {
+        auto manager = loadedManager();
+        manager->stopServer();
+        manager->stopServer();
+        const QStringList lines = loggedLines();
+        QCOMPARE(lines.count(u"[SERVER] Stopping HLVP server"_s), 2);
+        QCOMPARE(lines.count(u"[SERVER] Remote service stopped successfully"_s), 2);
+        QCOMPARE(manager->serverState().statusMessage, u"Remote service stopped"_s);
+    }
+
+    void stopCancelsTrackedTasks() {
+        auto manager = loadedManager();
+        const TaskPtr finishing = Task::create();
+        const TaskPtr pending = Task::create();
+        manager->trackTask(finishing);
+        manager->trackTask(pending);
+        QCOMPARE(manager->activeTaskCount(), 2);
+        finishing->finish();
+        QCOMPARE(manager->activeTaskCount(), 1);
+        manager->stopServer();
+        QVERIFY(pending->isCancelled());
+        QVERIFY(!finishing->isCancelled());
+        QCOMPARE(manager->activeTaskCount(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestServerManagerLifecycle)
+#include "tst_servermanager_lifecycle.moc"
