@@ -18,4 +18,31 @@ QString toString(ConnectionState state) {
     return u"unknown"_s;
 }
 
+QString toString(AuthenticationMethod method) {
+    switch (method) {
+    case AuthenticationMethod::none:
+        return u"none"_s;
+    case AuthenticationMethod::password:
+        return u"password"_s;
+    case AuthenticationMethod::challengeResponse:
+        return u"challengeResponse"_s;
+    case AuthenticationMethod::unknown:
+        break;
+    }
+    return u"unknown"_s;
+}
+
+AuthenticationMethod authenticationMethodFromString(const QString& name) {
+    if (name == u"none"_s) {
+        return AuthenticationMethod::none;
+    }
+    if (name == u"password"_s) {
+        return AuthenticationMethod::password;
+    }
+    if (name == u"challengeResponse"_s) {
+        return AuthenticationMethod::challengeResponse;
+    }
+    return AuthenticationMethod::unknown;
+}
+
 } // namespace HLVP

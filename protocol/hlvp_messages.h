@@ -1,0 +1,191 @@
+#pragma once
+
+#include "hlvp.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QList>
+#include <QMap>
+#include <QString>
+
+#include <optional>
+#include <variant>
+
+namespace tellwyn {
+
+// The messages of the HLVP wire protocol. Field names are the CBOR map keys on the wire
+// (docs/protocol.md); optional fields are left out of the map when absent.
+
+struct HandshakeMessage {
+    QString clientName;
+    quint32 protocolVersion = HLVP::protocolVersion;
+    std::optional<quint32> sequenceNumber;
+};
+
+// The agent's answer to a handshake.
+struct HandshakeResponseMessage {
+    QString agentName;
+    quint32 protocolVersion = HLVP::protocolVersion;
+    QString agentVersion;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct AuthenticationMessage {
+    HLVP::AuthenticationMethod method = HLVP::AuthenticationMethod::password;
+    QString methodName; // as sent; names an unknown method too
+    QMap<QString, QString> credentials;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct AuthenticationResponseMessage {
+    bool success = false;
+    std::optional<QString> sessionToken;
+    std::optional<QString> errorMessage;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct DisconnectMessage {
+    QString reason;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct HeartbeatMessage {
+    std::optional<quint32> sequenceNumber;
+};
+
+struct HeartbeatResponseMessage {
+    std::optional<quint32> sequenceNumber;
+};
+
+struct ScreenCaptureRequest {
+    std::optional<quint32> displayID;
+    std::optional<double> quality;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct InputEventMessage {
+    QString kind;
+    std::optional<double> x;
+    std::optional<double> y;
+    std::optional<quint32> button;
+    std::optional<quint32> keyCode;
+    std::optional<QString> text;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct HLVPDiskVolumeInfo {
+    QString name;
+    QString path;
+    quint64 totalBytes = 0;
+    quint64 freeBytes = 0;
+    friend bool operator==(const HLVPDiskVolumeInfo&, const HLVPDiskVolumeInfo&) = default;
+};
+
+struct SystemStatsMessage {
+    quint64 totalMemory = 0;
+    quint64 freeMemory = 0;
+    quint64 totalDiskSpace = 0;
+    quint64 freeDiskSpace = 0;
+    double cpuUsage = 0.0;
+    QString osVersion;
+    QString macModel;
+    QString activeProcess;
+    std::optional<quint64> uptimeSeconds;
+    std::optional<QString> agentVersion;
+    std::optional<bool> screenCaptureAuthorized;
+    std::optional<bool> accessibilityAuthorized;
+    std::optional<bool> screenLocked;
+    std::optional<QString> primaryIPAddress;
+    std::optional<QString> loggedInUser;
+    std::optional<QString> networkName;
+    std::optional<quint32> displayCount;
+    std::optional<QString> mainDisplayResolution;
+    std::optional<QString> serialNumber;
+    std::optional<QString> hardwareUUID;
+    std::optional<bool> fileVaultEnabled;
+    std::optional<bool> sipEnabled;
+    std::optional<bool> gatekeeperEnabled;
+    std::optional<bool> mdmEnrolled;
+    std::optional<QDateTime> lastBootTime;
+    std::optional<QString> lastSleepCause;
+    std::optional<QString> lastWakeCause;
+    std::optional<QList<HLVPDiskVolumeInfo>> diskVolumes;
+    std::optional<quint32> sequenceNumber;
+};
+
+// Clipboard text in either direction.
+struct ClipboardMessage {
+    QString text;
+    std::optional<quint32> sequenceNumber;
+};
+
+// A refusal or protocol error from the agent. `code` is one of the codes in docs/protocol.md.
+struct ErrorMessage {
+    QString code;
+    QString message;
+    std::optional<QString> refersTo; // the wire type of the message that was refused
+    std::optional<quint32> sequenceNumber;
+};
+
+// File upload from a viewer: an offer, chunks within the window the agent acknowledges, then
+// completion, answered with the result. Either side may cancel.
+struct FileOfferMessage {
+    QString transferID;
+    QString name;        // as the viewer gives it; made safe by the agent before use
+    quint64 size = 0;
+    QByteArray sha256;   // 32 bytes
+    std::optional<quint32> sequenceNumber;
+};
+
+struct FileAcceptMessage {
+    QString transferID;
+    QString savedName;   // the name the file will have in the agent's folder
+    quint32 windowBytes = 0;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct FileChunkMessage {
+    QString transferID;
+    quint64 offset = 0;
+    QByteArray data;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct FileChunkAckMessage {
+    QString transferID;
+    quint64 receivedBytes = 0;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct FileCompleteMessage {
+    QString transferID;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct FileResultMessage {
+    QString transferID;
+    bool success = false;
+    std::optional<QString> savedName;
+    std::optional<QString> errorMessage;
+    std::optional<quint32> sequenceNumber;
+};
+
+struct FileCancelMessage {
+    QString transferID;
+    QString reason;
+    std::optional<quint32> sequenceNumber;
+};
+
+using HLVPMessage =
+    std::variant<HandshakeMessage, HandshakeResponseMessage, AuthenticationMessage, AuthenticationResponseMessage,
+                 DisconnectMessage, HeartbeatMessage, HeartbeatResponseMessage, ScreenCaptureRequest,
+                 InputEventMessage, SystemStatsMessage, ClipboardMessage, ErrorMessage, FileOfferMessage,
+                 FileAcceptMessage, FileChunkMessage, FileChunkAckMessage, FileCompleteMessage, FileResultMessage,
+                 FileCancelMessage>;
+
+// The unqualified type name, as log lines write it ("HandshakeMessage").
+QString messageTypeName(const HLVPMessage& message);
+// The type as written on the wire ("handshake").
+QString wireTypeName(const HLVPMessage& message);
+
+} // namespace tellwyn
