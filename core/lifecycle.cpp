@@ -148,6 +148,9 @@ void ServerManager::setupServer() {
     HLVPServer::Options options;
     options.identityDirectory = m_environment.dataDirectory;
     options.listenAddress = m_environment.listenAddress;
+    options.client = m_environment.clientSettings;
+    options.client.agentName = m_environment.identity.localizedComputerName().value_or(QString());
+    options.client.agentVersion = QString::fromLatin1(TELLWYN_VERSION);
     m_server = std::make_unique<HLVPServer>(m_settingsState.serverPort, maxConnections, options);
 
     m_server->setLogFunction(

@@ -24,6 +24,7 @@ class ScheduledTimer;
 class SerialQueue;
 class SystemEvents;
 class SystemIdentity;
+class SystemStatsProvider;
 
 // What the agent core needs from the machine. The application passes the platform's
 // implementations; tests pass fakes and a virtual clock.
@@ -36,6 +37,8 @@ struct AgentEnvironment {
     SystemEvents& events;
     QString dataDirectory;                          // the TLS identity lives here
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
+    SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
+    HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
 // The agent core: the protocol server and its life, the published state the user interface
@@ -87,10 +90,26 @@ public:
     // Client sessions.
     void handleNewConnection(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
     void handleConnectionClosed(const QString& key);
+    void checkHandshakeDeadline(const QString& key);
+    void handleMessage(const HLVPMessage& message, const QString& key);
+    void cleanupDisconnectedClient(const QString& key);
     void cleanupStaleClients();
+    void disconnectClient(const QString& key);
+    void startStatsPush(const QString& key);
+    void forwardClientLog(const QString& key, const QString& message, const QString& category);
+    QString displayLabel(const QString& key) const;
+    QString clientComputerName(const QString& key) const { return m_clientComputerNames.value(key); }
+    QString clientRemoteHost(const QString& key) const { return m_clientRemoteHosts.value(key); }
+    std::optional<QDateTime> lastClientActivity(const QString& key) const;
+    bool hasStatsPushTask(const QString& key) const { return m_statsPushTasks.contains(key); }
 
-    // Clipboard sharing.
+    // Sign-in.
+    void handleAuthentication(const AuthenticationMessage& message, const QString& key);
+
+    // Clipboard sharing and file transfers.
+    QString fileTransferDirectory() const;
     void updateClipboardMonitor();
+    void handleClipboardSnapshot(const QString& text, const QString& key);
 
     // Permissions.
     void screenCaptureStartupPreflight();
@@ -111,7 +130,10 @@ Q_SIGNALS:
 
 private:
     void log(const QString& message, const QString& category) const;
-    QString displayLabel(const QString& key) const;
+    void installTransferCallbacks(HLVPServerClient& client, const QString& key);
+    void handleClientConnectionState(const QString& key, HLVP::ConnectionState state);
+    void runStatsPushStep(const std::weak_ptr<Task>& weakTask, const QString& key);
+    SystemStatsProvider& statsProvider() const;
     void setStatusMessage(const QString& text);
     void updateServerState(const std::function<void(ServerState&)>& change);
     void updatePermissionState(const std::function<void(PermissionState&)>& change);

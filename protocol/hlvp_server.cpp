@@ -42,10 +42,10 @@ QString peerOf(qintptr descriptor) {
     return remoteHostKeyFor(address);
 }
 
-std::shared_ptr<HLVPServerClient> makeClient(QSslSocket* socket) {
+std::shared_ptr<HLVPServerClient> makeClient(QSslSocket* socket, const HLVPServerClient::Settings& settings) {
     const QString key = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
     // Deleted on the event loop: the last owner may let go inside one of the client's own signals.
-    return std::shared_ptr<HLVPServerClient>(new HLVPServerClient(socket, key),
+    return std::shared_ptr<HLVPServerClient>(new HLVPServerClient(socket, key, settings),
                                              [](HLVPServerClient* client) { client->deleteLater(); });
 }
 
@@ -216,7 +216,7 @@ void HLVPServer::acceptPendingConnections() {
             continue;
         }
         m_negotiating.removeAll(socket);
-        auto client = makeClient(socket);
+        auto client = makeClient(socket, m_options.client);
         const QString key = client->clientKey();
         client->setLogFunction(m_log);
         m_clients.insert(key, client);

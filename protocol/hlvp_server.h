@@ -30,6 +30,7 @@ public:
         QHostAddress listenAddress = QHostAddress::Any;
         QString identityName = QStringLiteral("TellwynAgent");
         std::chrono::milliseconds tlsHandshakeTimeout{10000};
+        HLVPServerClient::Settings client;       // name, version and limits of each connection
     };
 
     using NewConnectionHandler = std::function<void(std::shared_ptr<HLVPServerClient>, const QString&)>;

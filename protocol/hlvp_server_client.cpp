@@ -1,15 +1,42 @@
 #include "hlvp_server_client.h"
 
+#include "hlvp_codec.h"
+
 #include <QSslSocket>
 #include <QTimer>
+
+#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
 
 namespace {
+
 constexpr auto closeGracePeriod = std::chrono::seconds(2);
+
+// What a viewer may send before it has signed in.
+bool allowedBeforeSignIn(const HLVPMessage& message) {
+    return std::holds_alternative<HandshakeMessage>(message) || std::holds_alternative<AuthenticationMessage>(message) ||
+           std::holds_alternative<HeartbeatMessage>(message) ||
+           std::holds_alternative<HeartbeatResponseMessage>(message) ||
+           std::holds_alternative<DisconnectMessage>(message);
 }
+
+// Messages only the agent sends; a viewer that sends one does not speak the protocol.
+bool sentOnlyByAgent(const HLVPMessage& message) {
+    return std::holds_alternative<HandshakeResponseMessage>(message) ||
+           std::holds_alternative<AuthenticationResponseMessage>(message) ||
+           std::holds_alternative<SystemStatsMessage>(message) || std::holds_alternative<FileAcceptMessage>(message) ||
+           std::holds_alternative<FileChunkAckMessage>(message) || std::holds_alternative<FileResultMessage>(message);
+}
+
+bool isFileTransferMessage(const HLVPMessage& message) {
+    return std::holds_alternative<FileOfferMessage>(message) || std::holds_alternative<FileChunkMessage>(message) ||
+           std::holds_alternative<FileCompleteMessage>(message) || std::holds_alternative<FileCancelMessage>(message);
+}
+
+} // namespace
 
 QString remoteHostKeyFor(const QHostAddress& address) {
     bool isMapped = false;
@@ -22,15 +49,23 @@ QString remoteHostKeyFor(const QHostAddress& address) {
     return withoutScope.toString();
 }
 
-HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, QObject* parent)
+HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settings settings, QObject* parent)
     : QObject(parent), m_socket(socket), m_clientKey(std::move(clientKey)),
-      m_remoteHostKey(remoteHostKeyFor(socket->peerAddress())) {
+      m_remoteHostKey(remoteHostKeyFor(socket->peerAddress())), m_settings(std::move(settings)),
+      m_frameTokens(m_settings.unauthenticatedFrameBurst) {
     socket->setParent(this);
-    connect(socket, &QSslSocket::disconnected, this, &HLVPServerClient::onSocketDisconnected);
-    connect(socket, &QSslSocket::readyRead, this, [this] {
-        // The message layer reads here; until a viewer speaks the protocol its bytes are dropped.
-        m_socket->readAll();
+    // Bytes beyond one whole frame stay in the kernel, so a fast sender is slowed by TCP itself.
+    socket->setReadBufferSize(wire::maxFrameBytes + wire::frameHeaderBytes);
+    m_tokenClock.start();
+    m_frameDeadline = new QTimer(this);
+    m_frameDeadline->setSingleShot(true);
+    connect(m_frameDeadline, &QTimer::timeout, this, [this] {
+        closeForProtocolError(u"frameTimeout"_s, u"a frame did not arrive whole in time"_s, u"PROTOCOL"_s);
     });
+    connect(socket, &QSslSocket::disconnected, this, &HLVPServerClient::onSocketDisconnected);
+    connect(socket, &QSslSocket::readyRead, this, &HLVPServerClient::readFrames);
+    // Bytes that arrived with the end of the TLS handshake are read once the owner is set up.
+    QMetaObject::invokeMethod(this, &HLVPServerClient::readFrames, Qt::QueuedConnection);
 }
 
 HLVPServerClient::~HLVPServerClient() {
@@ -49,6 +84,19 @@ void HLVPServerClient::log(const QString& message, const QString& category) cons
     }
 }
 
+void HLVPServerClient::configureFileTransfers(bool enabled, const QString& destinationDirectory) {
+    m_fileTransfersEnabled = enabled;
+    m_fileTransferDirectory = destinationDirectory;
+}
+
+void HLVPServerClient::configureClipboardSharing(bool enabled) {
+    m_clipboardSharingEnabled = enabled;
+}
+
+bool HLVPServerClient::isOpen() const {
+    return m_socket && !m_closing && m_state != HLVP::ConnectionState::disconnected;
+}
+
 void HLVPServerClient::setConnectionState(HLVP::ConnectionState state) {
     if (m_state == state) {
         return;
@@ -57,14 +105,58 @@ void HLVPServerClient::setConnectionState(HLVP::ConnectionState state) {
     Q_EMIT connectionStateChanged(state);
 }
 
+bool HLVPServerClient::markAuthenticated() {
+    if (!isOpen()) {
+        return false;
+    }
+    setConnectionState(HLVP::ConnectionState::authenticated);
+    return true;
+}
+
+void HLVPServerClient::completeLater(SendCompletion completion, std::optional<HLVPError> error) {
+    if (!completion) {
+        return;
+    }
+    QMetaObject::invokeMethod(
+        this, [completion = std::move(completion), error = std::move(error)] { completion(error); },
+        Qt::QueuedConnection);
+}
+
+void HLVPServerClient::sendEncryptedMessage(const HLVPMessage& message, SendCompletion completion) {
+    if (!isOpen()) {
+        completeLater(std::move(completion),
+                      HLVPError(HLVPError::Code::notConnected, u"The connection to the viewer is closed."_s));
+        return;
+    }
+    const QByteArray frame = wire::encodeFrame(message);
+    const qint64 pending = m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite();
+    if (pending + frame.size() > m_settings.maxPendingOutputBytes) {
+        log(u"the viewer is not reading (%1 bytes waiting); closing the connection"_s.arg(pending), u"SECURITY"_s);
+        completeLater(std::move(completion),
+                      HLVPError(HLVPError::Code::sendFailed,
+                                u"The viewer stopped reading; the connection was closed."_s));
+        m_closing = true;
+        m_socket->abort();
+        return;
+    }
+    if (m_socket->write(frame) != frame.size()) {
+        completeLater(std::move(completion),
+                      HLVPError(HLVPError::Code::sendFailed, u"Sending failed: %1"_s.arg(m_socket->errorString())));
+        return;
+    }
+    completeLater(std::move(completion), std::nullopt);
+}
+
 void HLVPServerClient::stopStreaming() {
-    // No screen stream runs on this connection yet; nothing to stop.
+    // Screen streams are not served on this platform yet; there is nothing to stop.
 }
 
 void HLVPServerClient::disconnect() {
     if (!m_socket || m_state == HLVP::ConnectionState::disconnected || m_closeDeadline != nullptr) {
         return;
     }
+    m_closing = true;
+    m_frameDeadline->stop();
     if (m_socket->state() == QAbstractSocket::UnconnectedState) {
         onSocketDisconnected();
         return;
@@ -81,11 +173,136 @@ void HLVPServerClient::disconnect() {
 }
 
 void HLVPServerClient::onSocketDisconnected() {
+    if (m_state == HLVP::ConnectionState::disconnected) {
+        return;
+    }
+    m_closing = true;
     if (m_closeDeadline != nullptr) {
         m_closeDeadline->stop();
     }
+    m_frameDeadline->stop();
     log(u"connection closed"_s, u"CONNECTION"_s);
     setConnectionState(HLVP::ConnectionState::disconnected);
+}
+
+void HLVPServerClient::closeForProtocolError(const QString& code, const QString& reason, const QString& category) {
+    if (!isOpen()) {
+        return;
+    }
+    log(u"closing the connection: %1"_s.arg(reason), category);
+    // The viewer learns why before the connection ends; the frame is small and bounded.
+    m_socket->write(wire::encodeFrame(ErrorMessage{code, reason, std::nullopt, std::nullopt}));
+    disconnect();
+}
+
+void HLVPServerClient::refuse(const QString& code, const QString& text, const std::optional<QString>& refersTo) {
+    log(u"refused %1: %2"_s.arg(refersTo.value_or(u"a message"_s), text), u"SECURITY"_s);
+    sendEncryptedMessage(ErrorMessage{code, text, refersTo, std::nullopt});
+}
+
+bool HLVPServerClient::takeFrameToken(bool isFileChunk) {
+    const bool authenticated = m_state == HLVP::ConnectionState::authenticated;
+    const double burst = authenticated ? m_settings.authenticatedFrameBurst : m_settings.unauthenticatedFrameBurst;
+    const double rate =
+        authenticated ? m_settings.authenticatedFramesPerSecond : m_settings.unauthenticatedFramesPerSecond;
+    const double elapsed = double(m_tokenClock.restart()) / 1000.0;
+    m_frameTokens = std::min(burst, m_frameTokens + elapsed * rate);
+    if (isFileChunk) {
+        return true;
+    }
+    if (m_frameTokens < 1.0) {
+        return false;
+    }
+    m_frameTokens -= 1.0;
+    return true;
+}
+
+void HLVPServerClient::readFrames() {
+    while (isOpen() && !m_goodbyeReceived) {
+        const bool authenticated = m_state == HLVP::ConnectionState::authenticated;
+        const qsizetype limit = authenticated ? wire::maxFrameBytes : wire::maxUnauthenticatedFrameBytes;
+        wire::FrameRead read = wire::readFrame(*m_socket, limit);
+        if (read.status == wire::FrameRead::Status::error) {
+            closeForProtocolError(u"frameTooLarge"_s, read.error, u"PROTOCOL"_s);
+            return;
+        }
+        if (read.status == wire::FrameRead::Status::incomplete) {
+            if (m_socket->bytesAvailable() == 0) {
+                m_frameDeadline->stop();
+            } else if (!m_frameDeadline->isActive()) {
+                m_frameDeadline->start(authenticated ? m_settings.authenticatedFrameTimeout
+                                                     : m_settings.unauthenticatedFrameTimeout);
+            }
+            return;
+        }
+        m_frameDeadline->stop();
+        wire::DecodeResult decoded = wire::decodeMessage(read.body);
+        if (const auto* error = std::get_if<wire::DecodeError>(&decoded)) {
+            closeForProtocolError(u"malformedMessage"_s, error->reason, u"PROTOCOL"_s);
+            return;
+        }
+        HLVPMessage message = std::get<HLVPMessage>(std::move(decoded));
+        if (!takeFrameToken(std::holds_alternative<FileChunkMessage>(message))) {
+            closeForProtocolError(u"rateLimited"_s, u"more than %1 messages per second"_s.arg(
+                                      authenticated ? m_settings.authenticatedFramesPerSecond
+                                                    : m_settings.unauthenticatedFramesPerSecond),
+                                  u"SECURITY"_s);
+            return;
+        }
+        handleMessage(std::move(message));
+    }
+}
+
+void HLVPServerClient::handleMessage(HLVPMessage message) {
+    const QString wireType = wireTypeName(message);
+    if (sentOnlyByAgent(message)) {
+        closeForProtocolError(u"unexpectedMessage"_s,
+                              u"a viewer does not send \"%1\" messages"_s.arg(wireType), u"PROTOCOL"_s);
+        return;
+    }
+    if (m_state != HLVP::ConnectionState::authenticated && !allowedBeforeSignIn(message)) {
+        refuse(u"notAuthenticated"_s, u"Sign in before sending \"%1\" messages."_s.arg(wireType), wireType);
+        return;
+    }
+
+    if (const auto* handshake = std::get_if<HandshakeMessage>(&message)) {
+        if (handshake->protocolVersion < HLVP::minimumProtocolVersion) {
+            closeForProtocolError(
+                u"unsupportedVersion"_s,
+                u"protocol version %1 is older than the oldest this agent speaks (%2)"_s.arg(handshake->protocolVersion)
+                    .arg(HLVP::minimumProtocolVersion),
+                u"PROTOCOL"_s);
+            return;
+        }
+        m_handshakeReceived = true;
+        m_negotiatedVersion = std::min(handshake->protocolVersion, HLVP::protocolVersion);
+        sendEncryptedMessage(HandshakeResponseMessage{m_settings.agentName, m_negotiatedVersion,
+                                                      m_settings.agentVersion, handshake->sequenceNumber});
+    } else if (const auto* heartbeat = std::get_if<HeartbeatMessage>(&message)) {
+        sendEncryptedMessage(HeartbeatResponseMessage{heartbeat->sequenceNumber});
+    } else if (std::holds_alternative<DisconnectMessage>(message)) {
+        // Nothing after a goodbye is read; the agent closes the connection.
+        m_goodbyeReceived = true;
+        m_frameDeadline->stop();
+    } else if (const auto* clipboard = std::get_if<ClipboardMessage>(&message)) {
+        if (!m_clipboardSharingEnabled) {
+            refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s,
+                   wireType);
+        } else if (m_onClipboardReceived) {
+            m_onClipboardReceived(clipboard->text);
+        }
+        return;
+    } else if (isFileTransferMessage(message)) {
+        if (!m_fileTransfersEnabled) {
+            refuse(u"fileTransfersDisabled"_s, u"File transfers are switched off on this computer."_s, wireType);
+        } else {
+            refuse(u"unsupported"_s, u"This agent cannot receive files yet."_s, wireType);
+        }
+        return;
+    }
+    if (m_onMessageReceived) {
+        m_onMessageReceived(message);
+    }
 }
 
 } // namespace tellwyn

@@ -2,10 +2,16 @@
 
 #include "hlvp.h"
 #include "hlvp_error.h"
+#include "hlvp_messages.h"
 
+#include <QElapsedTimer>
 #include <QHostAddress>
 #include <QObject>
 #include <QPointer>
+
+#include <chrono>
+#include <functional>
+#include <optional>
 
 class QSslSocket;
 class QTimer;
@@ -13,20 +19,66 @@ class QTimer;
 namespace tellwyn {
 
 // One viewer connection on the agent's side. Created by HLVPServer once TLS is up; lives on the
-// main thread. Its key is unique per connection; `remoteHostKey` names the remote host, so two
-// connections from one host share it.
+// main thread, and every callback is made there. Its key is unique per connection;
+// `remoteHostKey` names the remote host, so two connections from one host share it.
+//
+// Phases: a connection starts `connected`. Before sign-in it may only hand-shake, sign in,
+// heartbeat and disconnect; anything else is answered with a "notAuthenticated" error and
+// dropped. `markAuthenticated()` moves an open connection to `authenticated`; once the
+// connection is closing or `disconnected` it returns false and nothing changes.
 class HLVPServerClient : public QObject {
     Q_OBJECT
 public:
-    HLVPServerClient(QSslSocket* socket, QString clientKey, QObject* parent = nullptr);
+    struct Settings {
+        QString agentName;    // sent in the handshake reply
+        QString agentVersion;
+        // Frames a viewer may send in a burst, and per second on average; more closes the
+        // connection. File chunks are paced by the transfer window instead.
+        int unauthenticatedFrameBurst = 64;
+        int unauthenticatedFramesPerSecond = 20;
+        int authenticatedFrameBurst = 256;
+        int authenticatedFramesPerSecond = 100;
+        // A frame must arrive whole within this time of its first byte.
+        std::chrono::milliseconds unauthenticatedFrameTimeout{10000};
+        std::chrono::milliseconds authenticatedFrameTimeout{60000};
+        // Output waiting for a viewer that does not read; more closes the connection.
+        qint64 maxPendingOutputBytes = 4 * 1024 * 1024;
+    };
+
+    using MessageHandler = std::function<void(const HLVPMessage& message)>;
+    using ClipboardHandler = std::function<void(const QString& text)>;
+    using ActivityHandler = std::function<void()>;
+    using SendCompletion = std::function<void(std::optional<HLVPError> error)>;
+
+    HLVPServerClient(QSslSocket* socket, QString clientKey, Settings settings, QObject* parent = nullptr);
     ~HLVPServerClient() override;
 
     QString clientKey() const { return m_clientKey; }
     QString remoteHostKey() const { return m_remoteHostKey; }
     HLVP::ConnectionState connectionState() const { return m_state; }
     bool isHandshakeReceived() const { return m_handshakeReceived; }
+    // The protocol version agreed in the handshake; 0 before it.
+    quint32 negotiatedProtocolVersion() const { return m_negotiatedVersion; }
 
     void setLogFunction(HLVP::LogFunction logFunction);
+    // Every decoded message that the agent acts on: handshake, authentication, heartbeats,
+    // disconnect, screen and input requests, errors. Clipboard and file traffic go to their own
+    // handlers.
+    void setOnMessageReceived(MessageHandler handler) { m_onMessageReceived = std::move(handler); }
+    void setOnClipboardReceived(ClipboardHandler handler) { m_onClipboardReceived = std::move(handler); }
+    void setOnFileTransferActivity(ActivityHandler handler) { m_onFileTransferActivity = std::move(handler); }
+
+    void configureFileTransfers(bool enabled, const QString& destinationDirectory);
+    void configureClipboardSharing(bool enabled);
+    bool fileTransfersEnabled() const { return m_fileTransfersEnabled; }
+    QString fileTransferDirectory() const { return m_fileTransferDirectory; }
+    bool clipboardSharingEnabled() const { return m_clipboardSharingEnabled; }
+
+    bool markAuthenticated();
+
+    // Queues the message; `completion` runs later on the event loop, with an error when the
+    // connection is gone or the viewer has stopped reading.
+    void sendEncryptedMessage(const HLVPMessage& message, SendCompletion completion = {});
 
     void stopStreaming();
     // Closes the connection: pending output is flushed for a short while, then the socket is cut.
@@ -40,14 +92,34 @@ private:
     void setConnectionState(HLVP::ConnectionState state);
     void log(const QString& message, const QString& category) const;
     void onSocketDisconnected();
+    void readFrames();
+    bool takeFrameToken(bool isFileChunk);
+    void handleMessage(HLVPMessage message);
+    void refuse(const QString& code, const QString& text, const std::optional<QString>& refersTo = std::nullopt);
+    void closeForProtocolError(const QString& code, const QString& reason, const QString& category);
+    bool isOpen() const;
+    void completeLater(SendCompletion completion, std::optional<HLVPError> error);
 
     QPointer<QSslSocket> m_socket;
     QString m_clientKey;
     QString m_remoteHostKey;
+    Settings m_settings;
     HLVP::ConnectionState m_state = HLVP::ConnectionState::connected;
     bool m_handshakeReceived = false;
+    bool m_closing = false;
+    bool m_goodbyeReceived = false;
+    quint32 m_negotiatedVersion = 0;
     HLVP::LogFunction m_log;
+    MessageHandler m_onMessageReceived;
+    ClipboardHandler m_onClipboardReceived;
+    ActivityHandler m_onFileTransferActivity;
+    bool m_fileTransfersEnabled = false;
+    QString m_fileTransferDirectory;
+    bool m_clipboardSharingEnabled = false;
     QTimer* m_closeDeadline = nullptr;
+    QTimer* m_frameDeadline = nullptr;
+    double m_frameTokens = 0;
+    QElapsedTimer m_tokenClock;
 };
 
 // Text naming a remote host: its address, with IPv4-mapped IPv6 addresses written as IPv4.
