@@ -220,14 +220,19 @@ void HLVPServer::acceptPendingConnections() {
         const QString key = client->clientKey();
         client->setLogFunction(m_log);
         m_clients.insert(key, client);
-        connect(client.get(), &HLVPServerClient::connectionStateChanged, this,
-                [this, key](HLVP::ConnectionState state) { onClientStateChanged(key, state); });
         log(u"Accepted %1 connection from %2 as client %3"_s.arg(
                 socket->sessionProtocol() == QSsl::TlsV1_3 ? u"TLS 1.3"_s : u"TLS"_s, client->remoteHostKey(),
                 key),
             u"SERVER"_s);
         if (m_onNewConnection) {
             m_onNewConnection(client, key);
+        }
+        // After the owner's own subscription, so that it hears the closed state before the
+        // server-level close.
+        connect(client.get(), &HLVPServerClient::connectionStateChanged, this,
+                [this, key](HLVP::ConnectionState state) { onClientStateChanged(key, state); });
+        if (client->connectionState() == HLVP::ConnectionState::disconnected) {
+            onClientStateChanged(key, HLVP::ConnectionState::disconnected);
         }
     }
 }
@@ -238,9 +243,16 @@ void HLVPServer::onClientStateChanged(const QString& key, HLVP::ConnectionState 
     }
     const auto client = m_clients.take(key);
     client->QObject::disconnect(this);
-    if (m_onConnectionClosed) {
-        m_onConnectionClosed(key);
-    }
+    // Reported from the event loop: the close may happen inside a call of the owner's own, such
+    // as its disconnect(), which must not be re-entered.
+    QMetaObject::invokeMethod(
+        this,
+        [this, key] {
+            if (m_onConnectionClosed) {
+                m_onConnectionClosed(key);
+            }
+        },
+        Qt::QueuedConnection);
 }
 
 } // namespace tellwyn

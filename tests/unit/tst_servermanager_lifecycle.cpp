@@ -1,4 +1,5 @@
 #include "fake_platform.h"
+#include "log_lines.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "virtual_time.h"
@@ -18,42 +19,10 @@ using namespace tellwyn::testing;
 
 namespace {
 
-quint16 freeLoopbackPort() {
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return probe.serverPort();
-}
-
 bool acceptsConnections(quint16 port) {
     QTcpSocket socket;
     socket.connectToHost(QHostAddress::LocalHost, port);
     return socket.waitForConnected(2000);
-}
-
-// The log as "[CATEGORY] message" lines, without the time.
-QStringList loggedLines() {
-    VirtualTime::drainEvents();
-    QStringList lines;
-    for (const QString& line : ServerLogManager::shared().logs()) {
-        const ParsedLogLine parsed = ServerLogManager::parseLogLine(line);
-        lines.append(u"[%1] %2"_s.arg(parsed.category, parsed.message));
-    }
-    return lines;
-}
-
-// True when `expected` appear in the log in this order (other lines may come between).
-bool loggedInOrder(const QStringList& expected) {
-    const QStringList lines = loggedLines();
-    qsizetype from = 0;
-    for (const QString& line : expected) {
-        from = lines.indexOf(line, from);
-        if (from < 0) {
-            qWarning().noquote() << "missing or out of order:" << line << "\nlog:\n" << lines.join(u'\n');
-            return false;
-        }
-        ++from;
-    }
-    return true;
 }
 
 } // namespace
