@@ -71,7 +71,8 @@ public:
         m_map.insert(key, qint64(std::min<quint64>(value, quint64(std::numeric_limits<qint64>::max()))));
     }
     void put(const QString& key, const QDateTime& value) {
-        m_map.insert(key, QCborValue(QCborKnownTags::UnixTime_t, value.toSecsSinceEpoch()));
+        // Written as tag 0, an RFC 3339 text in UTC.
+        m_map.insert(key, QCborValue(value.toUTC()));
     }
     void put(const QString& key, const QByteArray& value) { m_map.insert(key, value); }
     void put(const QString& key, const QCborValue& value) { m_map.insert(key, value); }
@@ -385,12 +386,13 @@ private:
         return number;
     }
     std::optional<QDateTime> readDate(const QString& key, const QCborValue& value, qsizetype) {
-        const QCborValue seconds = value.taggedValue();
-        if (!value.isTag() || value.tag() != QCborTag(QCborKnownTags::UnixTime_t) || !seconds.isInteger()) {
-            fail(u"field \"%1\" is not a time (tag 1 with integer seconds)"_s.arg(key));
+        // The CBOR reader turns both tag 0 (text) and tag 1 (seconds) into a date; anything else
+        // under those tags is invalid.
+        if (!value.isDateTime() || !value.toDateTime().isValid()) {
+            fail(u"field \"%1\" is not a date (tag 0 or tag 1)"_s.arg(key));
             return std::nullopt;
         }
-        return QDateTime::fromSecsSinceEpoch(seconds.toInteger(), Qt::UTC);
+        return value.toDateTime().toUTC();
     }
     quint32 narrow(const QString& key, quint64 value) {
         if (value > std::numeric_limits<quint32>::max()) {

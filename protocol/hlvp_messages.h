@@ -20,6 +20,7 @@ struct HandshakeMessage {
     QString clientName;
     quint32 protocolVersion = HLVP::protocolVersion;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const HandshakeMessage&, const HandshakeMessage&) = default;
 };
 
 // The agent's answer to a handshake.
@@ -28,6 +29,7 @@ struct HandshakeResponseMessage {
     quint32 protocolVersion = HLVP::protocolVersion;
     QString agentVersion;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const HandshakeResponseMessage&, const HandshakeResponseMessage&) = default;
 };
 
 struct AuthenticationMessage {
@@ -35,6 +37,7 @@ struct AuthenticationMessage {
     QString methodName; // as sent; names an unknown method too
     QMap<QString, QString> credentials;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const AuthenticationMessage&, const AuthenticationMessage&) = default;
 };
 
 struct AuthenticationResponseMessage {
@@ -42,25 +45,30 @@ struct AuthenticationResponseMessage {
     std::optional<QString> sessionToken;
     std::optional<QString> errorMessage;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const AuthenticationResponseMessage&, const AuthenticationResponseMessage&) = default;
 };
 
 struct DisconnectMessage {
     QString reason;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const DisconnectMessage&, const DisconnectMessage&) = default;
 };
 
 struct HeartbeatMessage {
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const HeartbeatMessage&, const HeartbeatMessage&) = default;
 };
 
 struct HeartbeatResponseMessage {
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const HeartbeatResponseMessage&, const HeartbeatResponseMessage&) = default;
 };
 
 struct ScreenCaptureRequest {
     std::optional<quint32> displayID;
     std::optional<double> quality;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const ScreenCaptureRequest&, const ScreenCaptureRequest&) = default;
 };
 
 struct InputEventMessage {
@@ -71,6 +79,7 @@ struct InputEventMessage {
     std::optional<quint32> keyCode;
     std::optional<QString> text;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const InputEventMessage&, const InputEventMessage&) = default;
 };
 
 struct HLVPDiskVolumeInfo {
@@ -111,12 +120,14 @@ struct SystemStatsMessage {
     std::optional<QString> lastWakeCause;
     std::optional<QList<HLVPDiskVolumeInfo>> diskVolumes;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const SystemStatsMessage&, const SystemStatsMessage&) = default;
 };
 
 // Clipboard text in either direction.
 struct ClipboardMessage {
     QString text;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const ClipboardMessage&, const ClipboardMessage&) = default;
 };
 
 // A refusal or protocol error from the agent. `code` is one of the codes in docs/protocol.md.
@@ -125,6 +136,7 @@ struct ErrorMessage {
     QString message;
     std::optional<QString> refersTo; // the wire type of the message that was refused
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const ErrorMessage&, const ErrorMessage&) = default;
 };
 
 // File upload from a viewer: an offer, chunks within the window the agent acknowledges, then
@@ -135,6 +147,7 @@ struct FileOfferMessage {
     quint64 size = 0;
     QByteArray sha256;   // 32 bytes
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const FileOfferMessage&, const FileOfferMessage&) = default;
 };
 
 struct FileAcceptMessage {
@@ -142,6 +155,7 @@ struct FileAcceptMessage {
     QString savedName;   // the name the file will have in the agent's folder
     quint32 windowBytes = 0;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const FileAcceptMessage&, const FileAcceptMessage&) = default;
 };
 
 struct FileChunkMessage {
@@ -149,17 +163,20 @@ struct FileChunkMessage {
     quint64 offset = 0;
     QByteArray data;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const FileChunkMessage&, const FileChunkMessage&) = default;
 };
 
 struct FileChunkAckMessage {
     QString transferID;
     quint64 receivedBytes = 0;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const FileChunkAckMessage&, const FileChunkAckMessage&) = default;
 };
 
 struct FileCompleteMessage {
     QString transferID;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const FileCompleteMessage&, const FileCompleteMessage&) = default;
 };
 
 struct FileResultMessage {
@@ -168,12 +185,14 @@ struct FileResultMessage {
     std::optional<QString> savedName;
     std::optional<QString> errorMessage;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const FileResultMessage&, const FileResultMessage&) = default;
 };
 
 struct FileCancelMessage {
     QString transferID;
     QString reason;
     std::optional<quint32> sequenceNumber;
+    friend bool operator==(const FileCancelMessage&, const FileCancelMessage&) = default;
 };
 
 using HLVPMessage =
