@@ -1,0 +1,84 @@
+"""A small HLVP client written from docs/protocol.md alone: TLS 1.3, 4-byte big-endian frame
+length, one CBOR map per frame. Used to talk to the real agent the way any third-party viewer
+would, and to send it what no well-behaved viewer would."""
+import hashlib
+import socket
+import ssl
+import struct
+
+import cbor2
+
+
+def tls_context():
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.minimum_version = ssl.TLSVersion.TLSv1_3
+    # Agents present self-signed certificates; the fingerprint is checked instead.
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    return context
+
+
+def fingerprint_of(der):
+    return ":".join(f"{b:02X}" for b in hashlib.sha256(der).digest())
+
+
+def frame(message):
+    body = cbor2.dumps(message)
+    return struct.pack(">I", len(body)) + body
+
+
+class HLVPClient:
+    def __init__(self, port, host="127.0.0.1", timeout=10.0):
+        raw = socket.create_connection((host, port), timeout=timeout)
+        self.sock = tls_context().wrap_socket(raw, server_hostname=host)
+        self.fingerprint = fingerprint_of(self.sock.getpeercert(binary_form=True))
+        self._buffer = b""
+
+    def send(self, message):
+        self.sock.sendall(frame(message))
+
+    def send_raw(self, data):
+        self.sock.sendall(data)
+
+    def receive(self, timeout=10.0):
+        """The next message, or None when the agent closed the connection."""
+        self.sock.settimeout(timeout)
+        while True:
+            if len(self._buffer) >= 4:
+                (length,) = struct.unpack(">I", self._buffer[:4])
+                if len(self._buffer) >= 4 + length:
+                    body = self._buffer[4:4 + length]
+                    self._buffer = self._buffer[4 + length:]
+                    return cbor2.loads(body)
+            try:
+                chunk = self.sock.recv(65536)
+            except (ConnectionResetError, ssl.SSLError):
+                return None
+            if not chunk:
+                return None
+            self._buffer += chunk
+
+    def receive_until(self, message_type, timeout=10.0):
+        while True:
+            message = self.receive(timeout)
+            if message is None or message.get("type") == message_type:
+                return message
+
+    def handshake(self, name):
+        self.send({"type": "handshake", "clientName": name, "protocolVersion": 1})
+        return self.receive_until("handshakeResponse")
+
+    def is_closed_by_agent(self, timeout=15.0):
+        """True when the agent ends the connection within `timeout`; messages before that are skipped."""
+        try:
+            while True:
+                if self.receive(timeout) is None:
+                    return True
+        except (socket.timeout, TimeoutError):
+            return False
+
+    def close(self):
+        try:
+            self.sock.close()
+        except OSError:
+            pass

@@ -1,0 +1,157 @@
+"""The real viewer and a client written from docs/protocol.md, against the real agent over TLS."""
+import os
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+from agent_process import Agent, free_port
+from hlvp_client import HLVPClient
+
+VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
+
+
+class Viewer:
+    """One `tellwyn` process; its output is collected for the assertions."""
+
+    def __init__(self, *args):
+        self.process = subprocess.Popen([VIEWER, *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                        env=dict(os.environ, LC_ALL="C.UTF-8"))
+        self.out = []
+        self.err = []
+        self._readers = [threading.Thread(target=self._read, args=(self.process.stdout, self.out), daemon=True),
+                         threading.Thread(target=self._read, args=(self.process.stderr, self.err), daemon=True)]
+        for reader in self._readers:
+            reader.start()
+
+    @staticmethod
+    def _read(stream, lines):
+        for line in stream:
+            lines.append(line)
+
+    def wait_for_output(self, text, timeout=10.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if text in "".join(self.out):
+                return
+            if self.process.poll() is not None:
+                break
+            time.sleep(0.05)
+        raise AssertionError(f"viewer never printed {text!r}; it printed:\n{''.join(self.out)}{''.join(self.err)}")
+
+    def finish(self, timeout=10.0):
+        code = self.process.wait(timeout)
+        for reader in self._readers:
+            reader.join(5)
+        self.process.stdout.close()
+        self.process.stderr.close()
+        return code, "".join(self.out), "".join(self.err)
+
+
+class ViewerSessionTest(unittest.TestCase):
+    def setUp(self):
+        self.scratch = tempfile.TemporaryDirectory(prefix="tellwyn-viewer-")
+        self.known = os.path.join(self.scratch.name, "known_agents")
+
+    def tearDown(self):
+        self.scratch.cleanup()
+
+    def test_connect_heartbeat_and_ctrl_c_leave_with_a_goodbye(self):
+        with Agent() as agent:
+            agent.wait_until_running()
+            viewer = Viewer("connect", f"127.0.0.1:{agent.port}", "--name", "IT Viewer", "--heartbeat-interval",
+                            "0.3", "--known-agents", self.known)
+            viewer.wait_for_output("Connected to ")
+            agent.wait_for_log("HANDSHAKE", "Handshake noted from IT Viewer: version 1")
+            agent.wait_for_log("HEARTBEAT", "Heartbeat received from IT Viewer")
+            viewer.wait_for_output("heartbeatResponse")
+            viewer.process.send_signal(signal.SIGINT)
+            code, _, _ = viewer.finish()
+            self.assertEqual(code, 0)
+            agent.wait_for_log("CONNECT", "IT Viewer requested disconnect with reason: 'Viewer closed' - TYPE: "
+                                          "DisconnectMessage")
+            agent.wait_for(lambda: any(c == "CONNECTION" and m.endswith(" fully cleaned up and removed from all "
+                                                                         "lists") for c, m in agent.log()),
+                           what="the clean-up")
+            cleaned = [m for c, m in agent.log() if m.endswith("fully cleaned up and removed from all lists")]
+            self.assertEqual(len(cleaned), 1)
+
+    def test_first_contact_pins_the_identity_and_a_changed_one_is_refused(self):
+        port = free_port()
+        with Agent(port=port) as agent:
+            agent.wait_until_running()
+            viewer = Viewer("connect", f"127.0.0.1:{port}", "--name", "Pinning Viewer", "--known-agents",
+                            self.known)
+            viewer.wait_for_output("Connected to ")
+            viewer.process.send_signal(signal.SIGINT)
+            code, _, err = viewer.finish()
+            self.assertEqual(code, 0)
+            self.assertIn(agent.fingerprint(), err)
+            with open(self.known, encoding="utf-8") as pinned:
+                self.assertEqual(pinned.read(), f"127.0.0.1:{port} {agent.fingerprint()}\n")
+            self.assertEqual(os.stat(self.known).st_mode & 0o777, 0o600)
+            agent.stop()
+
+        # Same address, new identity.
+        with Agent(port=port) as impostor:
+            impostor.wait_until_running()
+            viewer = Viewer("connect", f"127.0.0.1:{port}", "--name", "Pinning Viewer", "--known-agents",
+                            self.known)
+            code, out, err = viewer.finish()
+            self.assertEqual(code, 4, err)
+            self.assertIn("WARNING: THE AGENT'S IDENTITY HAS CHANGED!", err)
+            self.assertIn(impostor.fingerprint(), err)
+            self.assertNotIn("Connected to", out)
+            # Nothing was sent: the agent never saw a handshake.
+            # (The viewer cuts the connection as soon as it sees the certificate, which the agent may
+            # still count as a failed TLS negotiation.)
+            impostor.wait_for(lambda: any(c == "TLS" or m.endswith(": connection closed")
+                                          for c, m in impostor.log()), what="the refused connection to close")
+            self.assertFalse(any(c == "HANDSHAKE" for c, _ in impostor.log()))
+
+    def test_a_connection_without_handshake_is_dropped_after_five_seconds(self):
+        with Agent() as agent:
+            agent.wait_until_running()
+            ghost = HLVPClient(agent.port)
+            started = time.monotonic()
+            self.assertTrue(ghost.is_closed_by_agent(timeout=15))
+            self.assertGreaterEqual(time.monotonic() - started, 4.5)
+            ghosts = [m for c, m in agent.log() if c == "SECURITY" and "GHOST CLIENT DETECTED" in m]
+            self.assertEqual(len(ghosts), 1)
+            self.assertRegex(ghosts[0], r"^🚫 GHOST CLIENT DETECTED: Client [0-9A-F]{8} sent no handshake in 5s\. "
+                                        r"Disconnecting\.$")
+            ghost.close()
+
+    def test_a_goodbye_carries_its_reason_into_the_log(self):
+        with Agent() as agent:
+            agent.wait_until_running()
+            client = HLVPClient(agent.port)
+            response = client.handshake("Scripted Viewer")
+            self.assertEqual(response["protocolVersion"], 1)
+            self.assertIsInstance(response["agentName"], str)
+            client.send({"type": "heartbeat", "sequenceNumber": 7})
+            self.assertEqual(client.receive_until("heartbeatResponse"),
+                             {"type": "heartbeatResponse", "sequenceNumber": 7})
+            client.send({"type": "disconnect", "reason": "Maintenance 'window'"})
+            self.assertTrue(client.is_closed_by_agent(timeout=5))
+            agent.wait_for_log("CONNECT", "Scripted Viewer requested disconnect with reason: 'Maintenance 'window'' "
+                                          "- TYPE: DisconnectMessage")
+
+    def test_viewer_exit_codes(self):
+        code, _, err = Viewer("connect", f"127.0.0.1:{free_port()}", "--known-agents", self.known).finish()
+        self.assertEqual(code, 3)
+        self.assertIn("cannot connect to 127.0.0.1:", err)
+        code, _, err = Viewer("connect").finish()
+        self.assertEqual(code, 2)
+        code, _, err = Viewer("connect", "host:99999").finish()
+        self.assertEqual(code, 2)
+        self.assertIn("invalid port '99999'", err)
+        code, out, _ = Viewer("--help").finish()
+        self.assertEqual(code, 0)
+        self.assertIn("Exit codes:", out)
+
+
+if __name__ == "__main__":
+    unittest.main()
