@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test: unit and integration tests on the normal build, then the
-# unit tests again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# unit tests again under AddressSanitizer and UndefinedBehaviorSanitizer, then the wire decoder
+# under libFuzzer for a short while.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/setup.sh" build test
@@ -14,3 +15,12 @@ cmake -S "$root" -B "$root/build/sanitize" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DT
 cmake --build "$root/build/sanitize" -j "$jobs" --target unit_tests
 (cd "$root/build/sanitize" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     ctest --output-on-failure -j "$jobs" -L unit)
+
+# The frame and message decoder under libFuzzer, briefly, from the seed corpus kept in the repo
+# (new inputs go to a scratch folder, so the checked-in corpus stays as it is).
+CC=clang-14 CXX=clang++-14 cmake -S "$root" -B "$root/build/fuzz" -G Ninja -DTELLWYN_FUZZ=ON >/dev/null
+cmake --build "$root/build/fuzz" -j "$jobs"
+fuzz_scratch="$(mktemp -d)"
+trap 'rm -rf "$fuzz_scratch"' EXIT
+"$root/build/fuzz/tests/fuzz/fuzz_hlvp_codec" -max_total_time="${TELLWYN_FUZZ_SECONDS:-30}" -max_len=70000 \
+    -print_final_stats=1 "$fuzz_scratch" "$root/tests/fuzz/corpus" 2>&1 | tail -n 12
