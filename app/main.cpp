@@ -3,6 +3,7 @@
 #include "linux_display_probe.h"
 #include "linux_system_events.h"
 #include "linux_system_identity.h"
+#include "pam_account_verifier.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "settings_preferences.h"
@@ -89,8 +90,11 @@ int main(int argc, char** argv) {
     QObject::connect(&signals, &UnixSignalWatcher::terminationRequested, application.get(),
                      [](int) { QCoreApplication::quit(); });
 
-    ServerManager manager(AgentEnvironment{clock, scheduler, preferences, identity, displays, events,
-                                           dataDirectory, options.listenAddress});
+    PamAccountVerifier accountVerifier;
+    AgentEnvironment environment{clock, scheduler, preferences, identity, displays, events, dataDirectory,
+                                 options.listenAddress};
+    environment.accountVerifier = &accountVerifier;
+    ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.
     QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
                      [&manager, last = QString()]() mutable {

@@ -16,6 +16,7 @@
 
 namespace tellwyn {
 
+class AccountVerifier;
 class Clock;
 class DisplayProbe;
 class Preferences;
@@ -38,6 +39,7 @@ struct AgentEnvironment {
     QString dataDirectory;                          // the TLS identity lives here
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
     SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
+    AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
@@ -105,6 +107,22 @@ public:
 
     // Sign-in.
     void handleAuthentication(const AuthenticationMessage& message, const QString& key);
+    void handleUserCredentialAuthentication(const AuthenticationMessage& message, const QString& key);
+    AuthRateLimitKeys makeAuthRateLimitKeys(const QString& key, const QString& username) const;
+    bool isAuthFailureBlocked(const std::optional<AuthFailureRecord>& record, qint64 limit) const;
+    bool isAuthenticationRateLimited(const AuthRateLimitKeys& keys) const;
+    void recordAuthFailure(QHash<QString, AuthFailureRecord>& map, const QString& key);
+    // Runs on the authentication queue; touches nothing of the manager.
+    static bool verifySystemCredentials(AccountVerifier* verifier, const QString& loginName, const QString& userName,
+                                        const QString& password);
+    void handleAuthenticationResult(bool valid, const QString& userName, const QString& key,
+                                    const AuthRateLimitKeys& keys);
+    void completeAuthentication(const QString& key);
+    void sendAuthenticationFailure(const QString& key, const QString& reason);
+    void removeClientAfterAuthenticationFailure(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
+    const QHash<QString, AuthFailureRecord>& endpointAuthFailures() const { return m_endpointAuthFailures; }
+    const QHash<QString, AuthFailureRecord>& globalAuthFailures() const { return m_globalAuthFailures; }
+    qsizetype pendingAuthenticationCount() const { return m_authenticationInProgress.size(); }
 
     // Clipboard sharing and file transfers.
     QString fileTransferDirectory() const;

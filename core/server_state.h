@@ -43,7 +43,7 @@ struct SettingsState {
 
 // Failed sign-ins of one endpoint or one user name within the failure window.
 struct AuthFailureRecord {
-    int count = 0;
+    qint64 count = 0;
     QDateTime firstFailure;
     QDateTime blockedUntil;
 };

@@ -3,7 +3,7 @@
 # Quick when everything is there already; asks apt only for what is missing.
 set -euo pipefail
 
-build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools libgl-dev libssl-dev
+build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools libgl-dev libssl-dev libpam0g-dev
                 libxcb1-dev libxcb-randr0-dev)
 test_packages=(openssl python3 python3-cbor2 procps clang-14 libclang-rt-14-dev)
 

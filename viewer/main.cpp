@@ -5,6 +5,7 @@
 #include "known_agents.h"
 #include "linux_system_identity.h"
 #include "message_text.h"
+#include "password_prompt.h"
 #include "unix_signal_watcher.h"
 #include "viewer_session.h"
 
@@ -61,6 +62,28 @@ int runSession(ViewerSession& session) {
     return QCoreApplication::exec();
 }
 
+// Parses HOST[:PORT], the name and the known-agents file shared by every command that connects.
+struct Target {
+    AgentAddress address;
+    QString name;
+    QString knownAgents;
+};
+
+std::optional<Target> parseTarget(const QCommandLineParser& parser, const CommonOptions& common, QString* error) {
+    if (parser.positionalArguments().size() != 1) {
+        *error = u"give exactly one HOST[:PORT]"_s;
+        return std::nullopt;
+    }
+    const auto address = parseAgentAddress(parser.positionalArguments().constFirst(), HLVP::defaultPort, error);
+    if (!address) {
+        return std::nullopt;
+    }
+    return Target{*address,
+                  parser.isSet(common.name) ? parser.value(common.name)
+                                            : LinuxSystemIdentity().localizedComputerName().value_or(u"tellwyn"_s),
+                  parser.isSet(common.knownAgents) ? parser.value(common.knownAgents) : KnownAgents::defaultPath()};
+}
+
 int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
     QCommandLineParser parser;
     parser.setApplicationDescription(
@@ -82,12 +105,9 @@ int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& 
             << exitCodesText;
         return exitOk;
     }
-    if (parser.positionalArguments().size() != 1) {
-        return usageError(err, u"connect"_s, u"give exactly one HOST[:PORT]"_s);
-    }
     QString error;
-    const auto address = parseAgentAddress(parser.positionalArguments().constFirst(), HLVP::defaultPort, &error);
-    if (!address) {
+    const auto target = parseTarget(parser, common, &error);
+    if (!target) {
         return usageError(err, u"connect"_s, error);
     }
     bool ok = false;
@@ -95,13 +115,7 @@ int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& 
     if (!ok || interval < 0.1 || interval > 3600) {
         return usageError(err, u"connect"_s, u"invalid heartbeat interval '%1'"_s.arg(parser.value(heartbeat)));
     }
-    const QString name = parser.isSet(common.name)
-                             ? parser.value(common.name)
-                             : LinuxSystemIdentity().localizedComputerName().value_or(u"tellwyn"_s);
-    const QString knownAgents =
-        parser.isSet(common.knownAgents) ? parser.value(common.knownAgents) : KnownAgents::defaultPath();
-
-    ViewerSession session(*address, name, knownAgents, out, err);
+    ViewerSession session(target->address, target->name, target->knownAgents, out, err);
     QTimer heartbeats;
     heartbeats.setInterval(std::chrono::milliseconds(qint64(interval * 1000.0)));
     QObject::connect(&heartbeats, &QTimer::timeout, &session,
@@ -109,7 +123,7 @@ int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& 
     QObject::connect(&session, &ViewerSession::ready, &session,
                      [&](const HandshakeResponseMessage& response) {
                          out << u"Connected to %1 at %2 (protocol version %3, agent version %4)."_s.arg(
-                                    response.agentName, address->display())
+                                    response.agentName, target->address.display())
                                     .arg(response.protocolVersion)
                                     .arg(response.agentVersion)
                              << Qt::endl;
@@ -117,6 +131,78 @@ int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& 
                      });
     QObject::connect(&session, &ViewerSession::messageReceived, &session,
                      [&](const HLVPMessage& message) { out << messageSummary(message) << Qt::endl; });
+    return runSession(session);
+}
+
+
+int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        u"Signs in to the agent at HOST with the user name and password of the account the agent runs as, "
+        u"prints the first statistics record and leaves. The password is asked for without echo, or read "
+        u"from standard input with --password-stdin; it is never taken from the command line."_s);
+    CommonOptions common;
+    const QCommandLineOption user({u"u"_s, u"user"_s}, u"The account's user name."_s, u"USER"_s);
+    const QCommandLineOption passwordStdin(u"password-stdin"_s,
+                                           u"Read the password from the first line of standard input."_s);
+    parser.addOptions({common.help, common.name, common.knownAgents, user, passwordStdin});
+    parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
+    if (!parser.parse(arguments)) {
+        return usageError(err, u"stats"_s, parser.errorText());
+    }
+    if (parser.isSet(common.help)) {
+        out << parser.helpText().replace(u"tellwyn [options]"_s, u"tellwyn stats [options]"_s) << u'\n'
+            << exitCodesText;
+        return exitOk;
+    }
+    QString error;
+    const auto target = parseTarget(parser, common, &error);
+    if (!target) {
+        return usageError(err, u"stats"_s, error);
+    }
+    if (!parser.isSet(user) || parser.value(user).isEmpty()) {
+        return usageError(err, u"stats"_s, u"give the account's user name with -u USER"_s);
+    }
+    const QString userName = parser.value(user);
+    std::optional<QString> password =
+        parser.isSet(passwordStdin)
+            ? readPasswordLine()
+            : promptForPassword(u"Password for %1 on %2: "_s.arg(userName, target->address.display()));
+    if (!password) {
+        err << (parser.isSet(passwordStdin) ? u"tellwyn: no password on standard input"_s
+                                            : u"tellwyn: no terminal to ask for the password; use --password-stdin"_s)
+            << Qt::endl;
+        return exitFailure;
+    }
+
+    ViewerSession session(target->address, target->name, target->knownAgents, out, err);
+    bool signedIn = false;
+    QObject::connect(&session, &ViewerSession::ready, &session, [&](const HandshakeResponseMessage&) {
+        AuthenticationMessage signIn;
+        signIn.method = HLVP::AuthenticationMethod::password;
+        signIn.credentials = {{u"username"_s, userName}, {u"password"_s, *password}};
+        session.send(signIn);
+        password->fill(u'\0');
+        password.reset();
+    });
+    QObject::connect(&session, &ViewerSession::messageReceived, &session, [&](const HLVPMessage& message) {
+        if (const auto* response = std::get_if<AuthenticationResponseMessage>(&message)) {
+            if (response->success) {
+                signedIn = true;
+            } else {
+                err << u"tellwyn: sign-in refused: %1"_s.arg(response->errorMessage.value_or(u"(no reason given)"_s))
+                    << Qt::endl;
+                session.finish(exitSignInRefused);
+            }
+        } else if (const auto* stats = std::get_if<SystemStatsMessage>(&message); stats && signedIn) {
+            out << statisticsText(*stats) << Qt::endl;
+            session.finish(exitOk);
+        } else if (const auto* refusal = std::get_if<ErrorMessage>(&message)) {
+            err << u"tellwyn: the agent refused a message: %1: %2"_s.arg(refusal->code, refusal->message)
+                << Qt::endl;
+            session.finish(exitProtocolError);
+        }
+    });
     return runSession(session);
 }
 
@@ -144,6 +230,9 @@ int main(int argc, char* argv[]) {
     arguments.removeAt(1);
     if (command == u"connect"_s) {
         return connectCommand(arguments, out, err);
+    }
+    if (command == u"stats"_s) {
+        return statsCommand(arguments, out, err);
     }
     err << u"tellwyn: unknown command '%1'\nTry 'tellwyn --help'."_s.arg(command) << Qt::endl;
     return exitUsage;

@@ -8,6 +8,7 @@ import subprocess
 import tempfile
 import unittest
 
+from hlvp_client import HLVPClient
 from agent_process import AGENT, Agent, free_port
 
 
@@ -70,7 +71,11 @@ class AgentSpineTest(unittest.TestCase):
     def test_a_33rd_connection_is_refused_while_32_stay_open(self):
         with Agent() as agent:
             agent.wait_until_running()
-            connections = [open_tls(agent.port) for _ in range(32)]
+            # Each hand-shakes, or the agent would drop it as a ghost after 5 s.
+            holders = [HLVPClient(agent.port) for _ in range(32)]
+            for holder in holders:
+                self.assertIsNotNone(holder.handshake("Holder"))
+            connections = [holder.sock for holder in holders]
             try:
                 agent.wait_for(lambda: sum(1 for c, m in agent._log_unlocked()
                                            if c == "SERVER" and m.startswith("Accepted TLS 1.3 connection")) == 32,

@@ -1,17 +1,10 @@
 // Client sessions of the agent core, with real TLS connections on loopback and virtual time for
 // every interval of the sessions (handshake deadline, idle sweep).
 
-#include "fake_platform.h"
-#include "hlvp_codec.h"
-#include "hlvp_connection.h"
 #include "log_lines.h"
+#include "loopback_agent.h"
 #include "server_log_manager.h"
-#include "server_manager.h"
-#include "virtual_time.h"
 
-#include <QSignalSpy>
-#include <QSslSocket>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -21,128 +14,32 @@ using namespace std::chrono_literals;
 using namespace tellwyn;
 using namespace tellwyn::testing;
 
-namespace {
-
-// A viewer on loopback that records what the agent sends it.
-struct Viewer {
-    std::unique_ptr<HLVPConnection> connection = std::make_unique<HLVPConnection>();
-    QList<HLVPMessage> received;
-    bool closed = false;
-
-    Viewer() {
-        QObject::connect(connection.get(), &HLVPConnection::messageReceived, connection.get(),
-                         [this](const HLVPMessage& message) { received.append(message); });
-        QObject::connect(connection.get(), &HLVPConnection::closed, connection.get(), [this] { closed = true; });
-    }
-
-    template <typename T>
-    const T* last() const {
-        for (auto it = received.crbegin(); it != received.crend(); ++it) {
-            if (const auto* message = std::get_if<T>(&*it)) {
-                return message;
-            }
-        }
-        return nullptr;
-    }
-};
-
-} // namespace
-
 class TestServerManagerSessions : public QObject {
     Q_OBJECT
 
-    std::unique_ptr<VirtualTime> time;
-    std::unique_ptr<FakePreferences> preferences;
-    std::unique_ptr<FakeSystemIdentity> identity;
-    std::unique_ptr<FakeDisplayProbe> displays;
-    std::unique_ptr<FakeSystemEvents> events;
-    QTemporaryDir dataDirectory;
-    std::unique_ptr<ServerManager> manager;
-    quint16 port = 0;
+    std::unique_ptr<LoopbackAgent> agent;
+    ServerManager* manager = nullptr;
+    VirtualTime* time = nullptr;
 
-    // The key of the one registered client that is not in `known`.
-    QString newClientKey(const QStringList& known = {}) {
-        for (const QString& key : manager->serverState().connectedClients.keys()) {
-            if (!known.contains(key)) {
-                return key;
-            }
-        }
-        return {};
+    std::unique_ptr<LoopbackViewer> connectViewer(const std::optional<QString>& name) {
+        return agent->connectViewer(name);
     }
-
-    // Connects a viewer; with a name it hand-shakes and waits for the answer.
-    std::unique_ptr<Viewer> connectViewer(const std::optional<QString>& name) {
-        auto viewer = std::make_unique<Viewer>();
-        const QStringList before = manager->serverState().connectedClients.keys();
-        if (name) {
-            viewer->connection->connectToAgent(u"127.0.0.1"_s, port, *name);
-            QSignalSpy ready(viewer->connection.get(), &HLVPConnection::ready);
-            if (!ready.wait(5000)) {
-                return nullptr;
-            }
-        } else {
-            // TLS only, never a message.
-            auto* socket = new QSslSocket(viewer->connection.get());
-            socket->setPeerVerifyMode(QSslSocket::VerifyNone);
-            QSignalSpy encrypted(socket, &QSslSocket::encrypted);
-            socket->connectToHostEncrypted(u"127.0.0.1"_s, port);
-            // The agent runs on this thread: wait with the event loop running.
-            if (!encrypted.wait(5000)) {
-                return nullptr;
-            }
-        }
-        for (int i = 0; i < 200 && newClientKey(before).isEmpty(); ++i) {
-            QTest::qWait(10);
-            VirtualTime::drainEvents();
-        }
-        VirtualTime::drainEvents();
-        return viewer;
-    }
-
-    // Lets network traffic and posted work settle, without moving virtual time.
-    static void settle() {
-        for (int i = 0; i < 5; ++i) {
-            QTest::qWait(20);
-            VirtualTime::drainEvents();
-        }
-    }
+    static void settle() { LoopbackAgent::settle(); }
 
 private Q_SLOTS:
-    void initTestCase() {
-        ServerLogManager::shared().setEchoToStandardOutput(false);
-        QVERIFY(dataDirectory.isValid());
-    }
-
     void init() {
-        time = std::make_unique<VirtualTime>();
-        preferences = std::make_unique<FakePreferences>();
-        identity = std::make_unique<FakeSystemIdentity>();
-        displays = std::make_unique<FakeDisplayProbe>();
-        events = std::make_unique<FakeSystemEvents>();
-        port = freeLoopbackPort();
-        preferences->set(u"serverPort"_s, port);
-        manager = std::make_unique<ServerManager>(AgentEnvironment{*time, *time, *preferences, *identity, *displays,
-                                                                   *events, dataDirectory.path(),
-                                                                   QHostAddress(QHostAddress::LocalHost)});
-        VirtualTime::drainEvents();
-        bool started = false;
-        manager->startServer([&] { started = true; });
-        VirtualTime::drainEvents();
-        QVERIFY(started);
-        QVERIFY(manager->serverState().isRunning);
-        ServerLogManager::shared().clearLogs();
-        VirtualTime::drainEvents();
+        agent = std::make_unique<LoopbackAgent>();
+        QVERIFY(agent->start());
+        manager = agent->manager.get();
+        time = &agent->time;
     }
 
-    void cleanup() {
-        manager.reset();
-        VirtualTime::drainEvents();
-    }
+    void cleanup() { agent.reset(); }
 
     void registrationFillsTheTablesAndLogsTheFallbackLabel() {
         const auto viewer = connectViewer(u"Viewer One"_s);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         QVERIFY(!key.isEmpty());
         const QString key8 = key.left(8);
         QCOMPARE(manager->clientRemoteHost(key), u"127.0.0.1"_s);
@@ -165,7 +62,7 @@ private Q_SLOTS:
     void silentConnectionIsRemovedFiveSecondsAfterRegistration() {
         const auto viewer = connectViewer(std::nullopt);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         QVERIFY(!key.isEmpty());
         time->advance(4999ms);
         QVERIFY(manager->serverState().connectedClients.contains(key));
@@ -183,7 +80,7 @@ private Q_SLOTS:
     void handshakeWithinTheDeadlineKeepsTheClient() {
         const auto viewer = connectViewer(u"Viewer Two"_s);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         time->advance(30s);
         QVERIFY(manager->serverState().connectedClients.contains(key));
         QCOMPARE(loggedCount(u"[SECURITY] 🚫 GHOST CLIENT DETECTED: Viewer Two sent no handshake in 5s. "
@@ -204,7 +101,7 @@ private Q_SLOTS:
         QFETCH(QString, reason);
         const auto viewer = connectViewer(name);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         viewer->connection->disconnectFromAgent(reason);
         QTRY_VERIFY(viewer->closed);
         settle();
@@ -229,7 +126,7 @@ private Q_SLOTS:
     void connectionLostWithoutGoodbyeIsCleanedUpFromTheStateValue() {
         const auto viewer = connectViewer(u"Viewer Four"_s);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         viewer->connection->abort();
         QTRY_VERIFY(!manager->serverState().connectedClients.contains(key));
         settle();
@@ -243,7 +140,7 @@ private Q_SLOTS:
     void idleViewerIsRemovedAtTheFirstTickAfterSixtySeconds() {
         const auto viewer = connectViewer(u"Viewer Five"_s);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         // The sweep runs every 6 s; at 60 s the viewer has been idle exactly 60 s, which is allowed.
         time->advance(60s);
         QVERIFY(manager->serverState().connectedClients.contains(key));
@@ -255,7 +152,7 @@ private Q_SLOTS:
     void messagesKeepAViewerActive() {
         const auto viewer = connectViewer(u"Viewer Six"_s);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         for (int round = 0; round < 3; ++round) {
             time->advance(30s);
             viewer->connection->send(HeartbeatMessage{quint32(round)});
@@ -271,7 +168,7 @@ private Q_SLOTS:
     void userDisconnectSaysGoodbyeAndForgetsTheClient() {
         const auto viewer = connectViewer(u"Viewer Seven"_s);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         manager->disconnectClient(key);
         QVERIFY(!manager->serverState().connectedClients.contains(key));
         QVERIFY(loggedInOrder({u"[CONNECT] Disconnecting Viewer Seven"_s,
@@ -294,7 +191,7 @@ private Q_SLOTS:
     void libraryLinesCarryTheDisplayLabel() {
         const auto viewer = connectViewer(u"Viewer Eight"_s);
         QVERIFY(viewer);
-        const QString key = newClientKey();
+        const QString key = viewer->key;
         // Clipboard traffic before sign-in is refused by the library, which says so in its log.
         viewer->connection->send(ClipboardMessage{u"secret"_s, std::nullopt});
         QTRY_VERIFY(viewer->last<ErrorMessage>());

@@ -1,0 +1,66 @@
+#pragma once
+
+// Fakes of the agent's other seams: the account check and the statistics provider.
+
+#include "account_verifier.h"
+#include "system_stats_provider.h"
+
+#include <QMetaObject>
+#include <QMutex>
+#include <QSemaphore>
+#include <QStringList>
+
+#include <atomic>
+
+namespace tellwyn::testing {
+
+// Accepts one password per user name. With `holdChecks` set, each check waits (on the
+// authentication queue's thread) until the test calls release().
+class FakeAccountVerifier final : public AccountVerifier {
+public:
+    Result verifyPassword(const QString& userName, const QString& password) override {
+        {
+            QMutexLocker locker(&m_lock);
+            m_checkedUsers.append(userName);
+        }
+        ++m_started;
+        if (holdChecks) {
+            m_gate.acquire();
+        }
+        if (passwords.value(userName) == password && passwords.contains(userName)) {
+            return {true, {}};
+        }
+        return {false, QStringLiteral("Authentication failure")};
+    }
+
+    // Lets `count` held checks finish.
+    void release(int count = 1) { m_gate.release(count); }
+    // Checks that have begun, held or not.
+    int startedChecks() const { return m_started; }
+    QStringList checkedUsers() const {
+        QMutexLocker locker(&m_lock);
+        return m_checkedUsers;
+    }
+
+    QHash<QString, QString> passwords{{QStringLiteral("alice"), QStringLiteral("correct horse")}};
+    std::atomic<bool> holdChecks = false;
+
+private:
+    mutable QMutex m_lock;
+    QStringList m_checkedUsers;
+    QSemaphore m_gate;
+    std::atomic<int> m_started = 0;
+};
+
+// Hands out numbered records: totalMemory carries the number of the snapshot.
+class FakeStatsProvider final : public SystemStatsProvider {
+public:
+    void makeSnapshot(QObject* context, SnapshotHandler done) override {
+        SystemStatsMessage stats;
+        stats.totalMemory = ++snapshots;
+        QMetaObject::invokeMethod(context, [done = std::move(done), stats] { done(stats); }, Qt::QueuedConnection);
+    }
+    quint64 snapshots = 0;
+};
+
+} // namespace tellwyn::testing

@@ -1,0 +1,93 @@
+#include "loopback_agent.h"
+
+#include "log_lines.h"
+#include "server_log_manager.h"
+
+#include <QSignalSpy>
+#include <QSslSocket>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace tellwyn::testing {
+
+LoopbackViewer::LoopbackViewer() {
+    QObject::connect(connection.get(), &HLVPConnection::messageReceived, connection.get(),
+                     [this](const HLVPMessage& message) { received.append(message); });
+    QObject::connect(connection.get(), &HLVPConnection::closed, connection.get(), [this] { closed = true; });
+}
+
+LoopbackAgent::LoopbackAgent() = default;
+
+LoopbackAgent::~LoopbackAgent() {
+    manager.reset();
+    VirtualTime::drainEvents();
+}
+
+bool LoopbackAgent::start() {
+    ServerLogManager::shared().setEchoToStandardOutput(false);
+    port = freeLoopbackPort();
+    preferences.set(u"serverPort"_s, port);
+    AgentEnvironment environment{time,   time, preferences, identity, displays, events, dataDirectory.path(),
+                                 QHostAddress(QHostAddress::LocalHost)};
+    environment.accountVerifier = &verifier;
+    environment.statsProvider = &stats;
+    manager = std::make_unique<ServerManager>(environment);
+    VirtualTime::drainEvents();
+    bool started = false;
+    manager->startServer([&] { started = true; });
+    VirtualTime::drainEvents();
+    ServerLogManager::shared().clearLogs();
+    VirtualTime::drainEvents();
+    return started && manager->serverState().isRunning;
+}
+
+std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional<QString>& name) {
+    auto viewer = std::make_unique<LoopbackViewer>();
+    const QStringList before = manager->serverState().connectedClients.keys();
+    if (name) {
+        QSignalSpy ready(viewer->connection.get(), &HLVPConnection::ready);
+        viewer->connection->connectToAgent(u"127.0.0.1"_s, port, *name);
+        if (!ready.wait(5000)) {
+            return nullptr;
+        }
+    } else {
+        auto* socket = new QSslSocket(viewer->connection.get());
+        socket->setPeerVerifyMode(QSslSocket::VerifyNone);
+        QSignalSpy encrypted(socket, &QSslSocket::encrypted);
+        socket->connectToHostEncrypted(u"127.0.0.1"_s, port);
+        // The agent runs on this thread: wait with the event loop running.
+        if (!encrypted.wait(5000)) {
+            return nullptr;
+        }
+    }
+    for (int i = 0; i < 200 && viewer->key.isEmpty(); ++i) {
+        VirtualTime::drainEvents();
+        for (const QString& key : manager->serverState().connectedClients.keys()) {
+            if (!before.contains(key)) {
+                viewer->key = key;
+            }
+        }
+        if (viewer->key.isEmpty()) {
+            QTest::qWait(10);
+        }
+    }
+    VirtualTime::drainEvents();
+    return viewer->key.isEmpty() ? nullptr : std::move(viewer);
+}
+
+void LoopbackAgent::signIn(LoopbackViewer& viewer, const QString& user, const QString& password) {
+    AuthenticationMessage message;
+    message.method = HLVP::AuthenticationMethod::password;
+    message.credentials = {{u"username"_s, user}, {u"password"_s, password}};
+    viewer.connection->send(message);
+}
+
+void LoopbackAgent::settle() {
+    for (int i = 0; i < 5; ++i) {
+        QTest::qWait(20);
+        VirtualTime::drainEvents();
+    }
+}
+
+} // namespace tellwyn::testing
