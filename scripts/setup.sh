@@ -16,19 +16,52 @@ for group in "$@"; do
     esac
 done
 
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+    as_root=(sudo)
+fi
+need_root() {
+    if [ ${#as_root[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
+        echo "setup.sh: run as root or install sudo to $1" >&2
+        exit 1
+    fi
+}
+
 missing=()
 for package in "${wanted[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
         missing+=("$package")
     fi
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
-
-as_root=()
-if [ "$(id -u)" -ne 0 ]; then
-    command -v sudo >/dev/null || { echo "setup.sh: run as root or install sudo to add: ${missing[*]}" >&2; exit 1; }
-    as_root=(sudo)
+if [ ${#missing[@]} -gt 0 ]; then
+    need_root "add: ${missing[*]}"
+    echo "setup.sh: installing ${missing[*]}"
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
-echo "setup.sh: installing ${missing[*]}"
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+for group in "$@"; do
+    case "$group" in
+        build)
+            # The PAM service viewers sign in through (the agent falls back to "login" without it).
+            if ! cmp -s "$root/data/pam/tellwyn-agent" /etc/pam.d/tellwyn-agent; then
+                need_root "install /etc/pam.d/tellwyn-agent"
+                echo "setup.sh: installing /etc/pam.d/tellwyn-agent"
+                "${as_root[@]}" install -m 0644 "$root/data/pam/tellwyn-agent" /etc/pam.d/tellwyn-agent
+            fi
+            ;;
+        test)
+            # An account for the sign-in tests: no home, no login shell, a password the tests know
+            # (tests/integration/accounts.py). The agent runs as this account in those tests.
+            if ! id tellwyn-test >/dev/null 2>&1 || [ ! -e /etc/tellwyn-test-account ]; then
+                need_root "create the test account tellwyn-test"
+                echo "setup.sh: creating the test account tellwyn-test"
+                id tellwyn-test >/dev/null 2>&1 || "${as_root[@]}" useradd --system --no-create-home \
+                    --home-dir /nonexistent --shell /usr/sbin/nologin tellwyn-test
+                echo 'tellwyn-test:Tellwyn-Test-Passw0rd' | "${as_root[@]}" chpasswd
+                echo "test account of TellwynAgent's sign-in tests" | "${as_root[@]}" tee /etc/tellwyn-test-account >/dev/null
+            fi
+            ;;
+    esac
+done

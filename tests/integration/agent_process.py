@@ -1,6 +1,7 @@
 """Runs the real tellwyn-agent binary for integration tests and reads what it prints."""
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -18,10 +19,18 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def run_as(user):
+    """The command prefix that runs a program as `user`, replacing the current process (so that
+    signals reach the program itself)."""
+    if os.geteuid() == 0:
+        return ["setpriv", f"--reuid={user}", f"--regid={user}", "--init-groups", "--"]
+    return ["sudo", "-n", "-u", user, "--"]
+
+
 class Agent:
     """One agent process with its own configuration and data folders, listening on loopback."""
 
-    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True):
+    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None):
         self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
         self.port = port or free_port()
         self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
@@ -31,6 +40,11 @@ class Agent:
         if start:
             args.append("--start")
         env = dict(os.environ, LC_ALL="C.UTF-8")
+        if user:
+            # The agent runs as `user`, in a scratch folder of its own.
+            shutil.chown(self._scratch.name, user=user)
+            env["HOME"] = self._scratch.name
+            args = run_as(user) + args
         env.pop("DISPLAY", None)
         env.pop("WAYLAND_DISPLAY", None)
         self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,

@@ -1,0 +1,87 @@
+"""Sign-in through PAM with the real agent running as the test account, driven by the real viewer."""
+import os
+import subprocess
+import unittest
+
+from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
+from agent_process import Agent
+from hlvp_client import HLVPClient
+
+VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
+
+
+@unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
+class SignInTest(unittest.TestCase):
+    def setUp(self):
+        self.agent = Agent(user=TEST_USER)
+        self.agent.wait_until_running()
+        self.known = os.path.join(self.agent.config_dir, "..", "known_agents")
+
+    def tearDown(self):
+        self.agent.close()
+
+    def stats(self, user, password, *extra):
+        viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", user, "--password-stdin",
+                                 "--name", "Sign-in Viewer", "--known-agents", self.known, *extra],
+                                input=password + "\n", capture_output=True, text=True, timeout=30,
+                                env=dict(os.environ, LC_ALL="C.UTF-8"))
+        return viewer.returncode, viewer.stdout, viewer.stderr
+
+    def test_the_accounts_password_signs_in_and_the_first_record_is_printed(self):
+        code, out, err = self.stats(TEST_USER, TEST_PASSWORD)
+        self.assertEqual(code, 0, err)
+        self.assertRegex(out, r"(?m)^totalMemory: [1-9]\d* ")
+        self.assertRegex(out, r"(?m)^uptimeSeconds: \d+$")
+        self.agent.wait_for_log("AUTH", f"System authentication successful for user: {TEST_USER}")
+        self.agent.wait_for_log("AUTH", "Authentication successful for Sign-in Viewer")
+        self.assertNotIn(TEST_PASSWORD, "\n".join(self.agent.stdout_lines + self.agent.stderr_lines))
+
+    def test_refusals_reach_the_viewer_and_repeated_failures_are_blocked(self):
+        code, _, err = self.stats(TEST_USER, "not the password")
+        self.assertEqual(code, 6)
+        self.assertIn("tellwyn: sign-in refused: Invalid macOS account credentials", err)
+        # PAM's own text explains the failure in the log; the password never appears.
+        self.agent.wait_for_log("AUTH", f"macOS account credential validation failed for user '{TEST_USER}'")
+        failures = [m for c, m in self.agent.log()
+                    if c == "AUTH" and m.startswith(f"System authentication failed for user {TEST_USER}: ")]
+        self.assertEqual(len(failures), 1)
+        self.assertGreater(len(failures[0]), len(f"System authentication failed for user {TEST_USER}: "))
+
+        # At once again: still inside the back-off, refused without a check.
+        code, _, err = self.stats(TEST_USER, TEST_PASSWORD)
+        self.assertEqual(code, 6)
+        self.assertIn("Too many failed authentication attempts. Try again later.", err)
+        self.agent.wait_for_log("SECURITY", "Authentication rate-limited for Sign-in Viewer")
+        log = "\n".join(self.agent.stdout_lines + self.agent.stderr_lines)
+        self.assertNotIn("not the password", log)
+        self.assertNotIn(TEST_PASSWORD, log)
+
+    def test_another_accounts_name_is_refused_before_pam_is_asked(self):
+        code, _, err = self.stats("root", TEST_PASSWORD)
+        self.assertEqual(code, 6)
+        self.assertIn("Invalid macOS account credentials", err)
+        self.agent.wait_for_log("AUTH", f"Username mismatch: expected {TEST_USER}, got root")
+        self.assertFalse(any(m.startswith("System authentication") for _, m in self.agent.log()))
+
+    def test_a_refused_connection_is_closed_and_forgotten(self):
+        client = HLVPClient(self.agent.port)
+        client.handshake("Raw Viewer")
+        client.send({"type": "authentication", "method": "none", "credentials": {}})
+        response = client.receive_until("authenticationResponse")
+        self.assertEqual(response, {"type": "authenticationResponse", "success": False,
+                                    "errorMessage": "Authentication is required - no authentication method not "
+                                                    "allowed"})
+        self.assertTrue(client.is_closed_by_agent(timeout=5))
+        self.agent.wait_for_log("AUTH", "Authentication failure response sent to Raw Viewer")
+        client.close()
+
+    def test_no_password_source_is_a_local_error(self):
+        viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER],
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30,
+                                start_new_session=True)  # no controlling terminal to prompt on
+        self.assertEqual(viewer.returncode, 1)
+        self.assertIn("--password-stdin", viewer.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
