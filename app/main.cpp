@@ -8,10 +8,12 @@
 #include "settings_preferences.h"
 #include "system_clock.h"
 #include "unix_signal_watcher.h"
+#include "update_command.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QGuiApplication>
+#include <QNetworkAccessManager>
 #include <QStandardPaths>
 
 #include <cstdio>
@@ -46,6 +48,22 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
     return std::make_unique<QGuiApplication>(argc, argv);
 }
 
+int runUpdateCheck(const AgentOptions& options) {
+    QNetworkAccessManager network;
+    QtScheduler scheduler;
+    UpdateCommandOptions commandOptions;
+    commandOptions.check.feedURL = resolveUpdateFeedURL(options.updateFeedURL);
+    commandOptions.download = options.downloadUpdate;
+    TerminalUpdateCommand command(network, scheduler, commandOptions);
+    UnixSignalWatcher signals;
+    QObject::connect(&signals, &UnixSignalWatcher::terminationRequested, &command,
+                     [&command](int) { command.interrupt(); });
+    QObject::connect(&command, &TerminalUpdateCommand::finished, &command,
+                     [](int exitCode) { QCoreApplication::exit(exitCode); });
+    command.start();
+    return QCoreApplication::exec();
+}
+
 QString folderOr(const QString& chosen, QStandardPaths::StandardLocation location) {
     return QDir(chosen.isEmpty() ? QStandardPaths::writableLocation(location) : chosen).absolutePath();
 }
@@ -63,6 +81,9 @@ int main(int argc, char** argv) {
         return parsed.exitCode;
     }
     const AgentOptions& options = *parsed.options;
+    if (options.checkForUpdates) {
+        return runUpdateCheck(options);
+    }
 
     const QString configDirectory = folderOr(options.configDirectory, QStandardPaths::AppConfigLocation);
     const QString dataDirectory = folderOr(options.dataDirectory, QStandardPaths::AppDataLocation);
