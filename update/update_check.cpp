@@ -171,7 +171,8 @@ QString defaultUpdateFeedURL() {
 }
 
 QString vendorDownloadBaseURL() {
-    return buildSetting(TELLWYN_DOWNLOAD_BASE_URL);
+    const QString fromEnvironment = qEnvironmentVariable(downloadBaseEnvironmentVariable);
+    return fromEnvironment.isEmpty() ? buildSetting(TELLWYN_DOWNLOAD_BASE_URL) : fromEnvironment;
 }
 
 QString vendorHomePageURL() {

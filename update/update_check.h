@@ -67,8 +67,12 @@ std::optional<QUrl> installerURL(const UpdateInfo& info);
 // The fallback: `baseURL` followed by name + extension; none for a name that trims to nothing.
 std::optional<QUrl> fallbackInstallerURL(const QString& baseURL, const QString& name, const QString& extension);
 
+// Points the fallback installer at another download folder (tests, packagers).
+inline constexpr char downloadBaseEnvironmentVariable[] = "TELLWYN_DOWNLOAD_BASE_URL";
+
 // Vendor endpoints fixed at build time.
 QString defaultUpdateFeedURL();
+// The build's, unless the environment variable above is set and not empty.
 QString vendorDownloadBaseURL();
 QString vendorHomePageURL();
 QString installerExtension();

@@ -151,9 +151,9 @@ void TerminalUpdateCommand::drawProgress(bool force) {
     const QString line = terminalProgressLine(m_session->bytesReceived(), m_session->bytesTotal(),
                                               static_cast<double>(now) / 1000.0);
     // On a terminal the line is redrawn in place; elsewhere (a log file) each redraw is its own line.
-    static const bool onTerminal = isatty(fileno(m_err)) == 1;
+    const bool onTerminal = isatty(fileno(m_err)) == 1;
     const QString text = downloadingProgressText(m_session->progress()) + u"  "_s + line;
-    print(m_err, onTerminal ? u"\r"_s + text + u"\x1b[K"_s : u"\r"_s + text + u'\n');
+    print(m_err, onTerminal ? u"\r"_s + text + u"\x1b[K"_s : text + u'\n');
     m_progressShown = onTerminal;
 }
 
