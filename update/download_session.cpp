@@ -101,6 +101,7 @@ void BrevaneDiskImageDownloadSession::startDownload(const QUrl& url) {
         return;
     }
     m_lastRequestedURL = url;
+    m_currentURL = url;
     dropTransfer();
     removePartialFile();
     m_committedDestination.reset();
@@ -240,11 +241,13 @@ void BrevaneDiskImageDownloadSession::onDownloadProgress(qint64 received, qint64
 
 void BrevaneDiskImageDownloadSession::onRedirected(const QUrl& target) {
     armStallTimer();
-    if (m_reply->url().scheme() == u"https"_s && target.scheme() != u"https"_s) {
+    const QUrl resolved = m_currentURL.resolved(target);
+    if (m_currentURL.scheme() == u"https"_s && resolved.scheme() != u"https"_s) {
         abortWith(localizedText("The download was stopped because the server sent it from a secure (https) "
                                 "address to an insecure one. The installer is only downloaded securely."));
         return;
     }
+    m_currentURL = resolved;
     Q_EMIT m_reply->redirectAllowed();
 }
 

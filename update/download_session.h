@@ -104,6 +104,7 @@ private:
     Phase m_phase;
     double m_progress = 0;
     std::optional<QUrl> m_lastRequestedURL;
+    QUrl m_currentURL; // where the transfer is now, after the redirects it followed
 
     QPointer<QNetworkReply> m_reply;     // the transfer, from the request on
     QPointer<QNetworkReply> m_activeDownload; // the same once handed over
