@@ -115,6 +115,7 @@ void BrevaneDiskImageDownloadSession::startDownload(const QUrl& url) {
     QNetworkRequest request(url);
     // Redirects are checked one by one so that an https download is never continued over http.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::UserVerifiedRedirectPolicy);
+    applyUpdateTlsSettings(request);
     m_reply = m_network->get(request);
     m_reply->setReadBufferSize(readBufferSize);
     connect(m_reply, &QNetworkReply::metaDataChanged, this, &BrevaneDiskImageDownloadSession::onMetaData);

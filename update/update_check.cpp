@@ -6,6 +6,8 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QStringDecoder>
 #include <QUuid>
 
@@ -183,6 +185,20 @@ QString installerExtension() {
     return buildSetting(TELLWYN_INSTALLER_EXTENSION);
 }
 
+void applyUpdateTlsSettings(QNetworkRequest& request) {
+    const QString path = qEnvironmentVariable(updateCaCertificatesEnvironmentVariable);
+    if (path.isEmpty()) {
+        return;
+    }
+    const QList<QSslCertificate> extra = QSslCertificate::fromPath(path, QSsl::Pem);
+    if (extra.isEmpty()) {
+        return;
+    }
+    QSslConfiguration configuration = request.sslConfiguration();
+    configuration.addCaCertificates(extra);
+    request.setSslConfiguration(configuration);
+}
+
 QString resolveUpdateFeedURL(const std::optional<QString>& commandLineValue) {
     if (commandLineValue) {
         return *commandLineValue;
@@ -250,6 +266,7 @@ void fetchUpdateOutcome(QNetworkAccessManager& network, const UpdateCheckRequest
     }
     QNetworkRequest networkRequest(url);
     networkRequest.setTransferTimeout(feedTransferTimeoutMs);
+    applyUpdateTlsSettings(networkRequest);
     QNetworkReply* reply = network.get(networkRequest);
     QObject::connect(reply, &QNetworkReply::finished, reply,
                      [reply, deliver, runningVersion = request.runningVersion] {

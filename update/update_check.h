@@ -9,6 +9,7 @@
 #include <optional>
 
 class QNetworkAccessManager;
+class QNetworkRequest;
 class QObject;
 
 namespace tellwyn {
@@ -69,6 +70,13 @@ std::optional<QUrl> fallbackInstallerURL(const QString& baseURL, const QString& 
 
 // Points the fallback installer at another download folder (tests, packagers).
 inline constexpr char downloadBaseEnvironmentVariable[] = "TELLWYN_DOWNLOAD_BASE_URL";
+
+// A PEM file of certificate authorities trusted for the update feed and the installer besides the
+// system's (a packager's own mirror, a test server).
+inline constexpr char updateCaCertificatesEnvironmentVariable[] = "TELLWYN_UPDATE_CA_CERTIFICATES";
+
+// Applies the update connections' TLS trust to a request.
+void applyUpdateTlsSettings(QNetworkRequest& request);
 
 // Vendor endpoints fixed at build time.
 QString defaultUpdateFeedURL();
