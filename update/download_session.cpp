@@ -21,7 +21,7 @@ namespace {
 
 // How much of the body Qt may hold before we have written it out; keeps memory flat when the
 // disk is slower than the network.
-constexpr qint64 readBufferSize = 1 << 20;
+constexpr qint64 readBufferSize = 256 * 1024;
 constexpr qsizetype writeChunkSize = 256 * 1024;
 
 bool isRedirectStatus(int status) {
