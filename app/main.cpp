@@ -8,8 +8,10 @@
 #include "settings_preferences.h"
 #include "system_clock.h"
 #include "unix_signal_watcher.h"
+#include "update_alerts.h"
 #include "update_command.h"
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QDir>
 #include <QGuiApplication>
@@ -45,10 +47,18 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
     if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
         return std::make_unique<QCoreApplication>(argc, argv);
     }
+    if (hasArgument(argc, argv, "--check-for-updates")) {
+        return std::make_unique<QApplication>(argc, argv); // the update alerts and sheet are widgets
+    }
     return std::make_unique<QGuiApplication>(argc, argv);
 }
 
 int runUpdateCheck(const AgentOptions& options) {
+    if (qobject_cast<QApplication*>(QCoreApplication::instance())) {
+        UpdateCheckRequest request;
+        request.feedURL = resolveUpdateFeedURL(options.updateFeedURL);
+        return runWidgetUpdateCheck(request);
+    }
     QNetworkAccessManager network;
     QtScheduler scheduler;
     UpdateCommandOptions commandOptions;

@@ -27,6 +27,25 @@ QString formatDuration(qint64 seconds) {
 
 } // namespace
 
+UpdateCommandExit exitForDownload(const BrevaneDiskImageDownloadSession::Phase& phase, bool started) {
+    using Kind = BrevaneDiskImageDownloadSession::Phase::Kind;
+    if (!started) {
+        return UpdateCommandExit::updateAvailable;
+    }
+    switch (phase.kind) {
+    case Kind::finished:
+        return UpdateCommandExit::downloaded;
+    case Kind::failed:
+        return UpdateCommandExit::downloadFailed;
+    case Kind::idle:
+    case Kind::preparing:
+    case Kind::downloading:
+    case Kind::cancelled:
+        break;
+    }
+    return UpdateCommandExit::downloadCancelled; // closing the sheet drops a running download
+}
+
 QString formatByteCount(qint64 bytes) {
     static const char* const units[] = {"KiB", "MiB", "GiB", "TiB"};
     if (bytes < 1024) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "download_session.h"
 #include "update_check.h"
 
 #include <QElapsedTimer>
@@ -12,7 +13,6 @@ class QNetworkAccessManager;
 
 namespace tellwyn {
 
-class BrevaneDiskImageDownloadSession;
 class Scheduler;
 
 // How `tellwyn-agent --check-for-updates` ended.
@@ -25,6 +25,9 @@ enum class UpdateCommandExit : int {
     downloadFailed = 5,
     downloadCancelled = 6,
 };
+
+// The exit code of an offered update, from where its download stands.
+UpdateCommandExit exitForDownload(const BrevaneDiskImageDownloadSession::Phase& phase, bool started);
 
 struct UpdateCommandOptions {
     UpdateCheckRequest check;

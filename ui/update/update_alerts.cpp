@@ -1,8 +1,14 @@
 #include "update_alerts.h"
 
+#include "freedesktop_file_revealer.h"
+#include "system_clock.h"
+#include "update_command.h"
 #include "update_texts.h"
 
+#include <QApplication>
+#include <QDesktopServices>
 #include <QMessageBox>
+#include <QNetworkAccessManager>
 #include <QPushButton>
 
 namespace tellwyn {
@@ -56,6 +62,29 @@ void WidgetUpdatePresenter::presentUpdateDownload(const UpdateDownloadPresentati
     });
     m_sheet = sheet;
     sheet->show();
+}
+
+int runWidgetUpdateCheck(const UpdateCheckRequest& request) {
+    QApplication::setQuitOnLastWindowClosed(false); // the exit code says how it ended
+    QNetworkAccessManager network;
+    QtScheduler scheduler;
+    FreedesktopFileRevealer revealer;
+    WidgetUpdatePresenter presenter(UpdateSheetServices{scheduler, &network, revealer,
+                                                        [](const QUrl& url) { QDesktopServices::openUrl(url); },
+                                                        {}});
+    QObject::connect(&presenter, &WidgetUpdatePresenter::alertClosed, &presenter,
+                     [](UpdateCheckOutcome::Kind kind) {
+                         QCoreApplication::exit(static_cast<int>(kind == UpdateCheckOutcome::Kind::upToDate
+                                                                     ? UpdateCommandExit::upToDate
+                                                                     : UpdateCommandExit::checkFailed));
+                     });
+    QObject::connect(&presenter, &WidgetUpdatePresenter::sheetDismissed, &presenter,
+                     [](const BrevaneDiskImageDownloadSession::Phase& phase, bool started) {
+                         QCoreApplication::exit(static_cast<int>(exitForDownload(phase, started)));
+                     });
+    QObject context;
+    checkForUpdates(network, request, &context, presenter);
+    return QCoreApplication::exec();
 }
 
 } // namespace tellwyn

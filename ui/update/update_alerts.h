@@ -41,4 +41,8 @@ private:
     QPointer<HalvoUpdateDownloadSheet> m_sheet;
 };
 
+// `tellwyn-agent --check-for-updates` on a desktop: runs the check, shows its alert or the sheet
+// and returns the exit code of the outcome once that is closed. Needs a running QApplication.
+int runWidgetUpdateCheck(const UpdateCheckRequest& request);
+
 } // namespace tellwyn
