@@ -30,7 +30,8 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
         u"(0 up to date, 1 check failed, 3 update available, 4 installer downloaded, "
         u"5 download failed, 6 download cancelled)."_s);
     const QCommandLineOption downloadUpdate(
-        u"download"_s, u"With --check-for-updates: download an offered installer into the Downloads folder."_s);
+        u"download"_s,
+        u"With --check-for-updates: download an offered installer into the Downloads folder."_s);
     const QCommandLineOption updateFeed(
         u"update-feed"_s,
         u"Ask the update feed at URL instead of the vendor's (also: environment variable "

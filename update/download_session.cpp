@@ -88,7 +88,8 @@ QStringList BrevaneDiskImageDownloadSession::standardDownloadsFolders() {
 }
 
 BrevaneDiskImageDownloadSession::BrevaneDiskImageDownloadSession(Scheduler& scheduler, QObject* parent)
-    : QObject(parent), m_scheduler(scheduler), m_downloadsFolders(&standardDownloadsFolders) {}
+    : QObject(parent), m_scheduler(scheduler), m_downloadsFolders(&standardDownloadsFolders) {
+}
 
 BrevaneDiskImageDownloadSession::~BrevaneDiskImageDownloadSession() {
     dropTransfer();
@@ -114,13 +115,15 @@ void BrevaneDiskImageDownloadSession::startDownload(const QUrl& url) {
 
     QNetworkRequest request(url);
     // Redirects are checked one by one so that an https download is never continued over http.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::UserVerifiedRedirectPolicy);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::UserVerifiedRedirectPolicy);
     applyUpdateTlsSettings(request);
     m_reply = m_network->get(request);
     m_reply->setReadBufferSize(readBufferSize);
     connect(m_reply, &QNetworkReply::metaDataChanged, this, &BrevaneDiskImageDownloadSession::onMetaData);
     connect(m_reply, &QNetworkReply::readyRead, this, &BrevaneDiskImageDownloadSession::onReadyRead);
-    connect(m_reply, &QNetworkReply::downloadProgress, this, &BrevaneDiskImageDownloadSession::onDownloadProgress);
+    connect(m_reply, &QNetworkReply::downloadProgress, this,
+            &BrevaneDiskImageDownloadSession::onDownloadProgress);
     connect(m_reply, &QNetworkReply::redirected, this, &BrevaneDiskImageDownloadSession::onRedirected);
     connect(m_reply, &QNetworkReply::finished, this, &BrevaneDiskImageDownloadSession::onFinished);
     armStallTimer();

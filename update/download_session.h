@@ -8,7 +8,6 @@
 #include <QString>
 #include <QStringList>
 #include <QUrl>
-
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -48,7 +47,9 @@ public:
         static Phase downloading() { return {Kind::downloading, {}, {}}; }
         static Phase cancelled() { return {Kind::cancelled, {}, {}}; }
 
-        bool isEnd() const { return kind == Kind::finished || kind == Kind::failed || kind == Kind::cancelled; }
+        bool isEnd() const {
+            return kind == Kind::finished || kind == Kind::failed || kind == Kind::cancelled;
+        }
         friend bool operator==(const Phase&, const Phase&) = default;
     };
 
@@ -106,7 +107,7 @@ private:
     std::optional<QUrl> m_lastRequestedURL;
     QUrl m_currentURL; // where the transfer is now, after the redirects it followed
 
-    QPointer<QNetworkReply> m_reply;     // the transfer, from the request on
+    QPointer<QNetworkReply> m_reply;          // the transfer, from the request on
     QPointer<QNetworkReply> m_activeDownload; // the same once handed over
     std::optional<QString> m_committedDestination;
     std::unique_ptr<QFile> m_partialFile;

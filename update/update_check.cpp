@@ -10,7 +10,6 @@
 #include <QSslConfiguration>
 #include <QStringDecoder>
 #include <QUuid>
-
 #include <algorithm>
 #include <memory>
 
@@ -146,7 +145,8 @@ std::optional<UpdateInfo> parseUpdateFeed(const QString& text) {
     return info;
 }
 
-std::optional<QUrl> fallbackInstallerURL(const QString& baseURL, const QString& name, const QString& extension) {
+std::optional<QUrl> fallbackInstallerURL(const QString& baseURL, const QString& name,
+                                         const QString& extension) {
     const QString trimmedName = name.trimmed();
     if (trimmedName.isEmpty()) {
         return std::nullopt;
@@ -162,7 +162,8 @@ std::optional<QUrl> installerURL(const UpdateInfo& info) {
     const QUrl link(info.downloadURL.trimmed(), QUrl::StrictMode);
     // The scheme is compared as written: QUrl would lower-case it, so look at the text itself.
     const QString written = info.downloadURL.trimmed();
-    if (link.isValid() && !link.isRelative() && (written.startsWith(u"https:"_s) || written.startsWith(u"http:"_s))) {
+    if (link.isValid() && !link.isRelative() &&
+        (written.startsWith(u"https:"_s) || written.startsWith(u"http:"_s))) {
         return link;
     }
     return fallbackInstallerURL(vendorDownloadBaseURL(), u"TellwynAgent"_s, installerExtension());

@@ -4,7 +4,6 @@
 #include <QString>
 #include <QUrl>
 #include <QUuid>
-
 #include <functional>
 #include <optional>
 
@@ -35,11 +34,15 @@ struct UpdateCheckOutcome {
     enum class Kind { updateAvailable, checkFailed, upToDate };
 
     Kind kind = Kind::upToDate;
-    UpdateInfo info;  // updateAvailable
-    QString message;  // checkFailed: shown to the user as it is
+    UpdateInfo info; // updateAvailable
+    QString message; // checkFailed: shown to the user as it is
 
-    static UpdateCheckOutcome updateAvailable(UpdateInfo info) { return {Kind::updateAvailable, std::move(info), {}}; }
-    static UpdateCheckOutcome checkFailed(QString message) { return {Kind::checkFailed, {}, std::move(message)}; }
+    static UpdateCheckOutcome updateAvailable(UpdateInfo info) {
+        return {Kind::updateAvailable, std::move(info), {}};
+    }
+    static UpdateCheckOutcome checkFailed(QString message) {
+        return {Kind::checkFailed, {}, std::move(message)};
+    }
     static UpdateCheckOutcome upToDate() { return {Kind::upToDate, {}, {}}; }
 
     friend bool operator==(const UpdateCheckOutcome&, const UpdateCheckOutcome&) = default;
@@ -66,7 +69,8 @@ std::optional<UpdateInfo> parseUpdateFeed(const QString& text);
 // else the vendor's fallback installer; none when not even the fallback can be made.
 std::optional<QUrl> installerURL(const UpdateInfo& info);
 // The fallback: `baseURL` followed by name + extension; none for a name that trims to nothing.
-std::optional<QUrl> fallbackInstallerURL(const QString& baseURL, const QString& name, const QString& extension);
+std::optional<QUrl> fallbackInstallerURL(const QString& baseURL, const QString& name,
+                                         const QString& extension);
 
 // Points the fallback installer at another download folder (tests, packagers).
 inline constexpr char downloadBaseEnvironmentVariable[] = "TELLWYN_DOWNLOAD_BASE_URL";

@@ -4,7 +4,6 @@
 #include "update_texts.h"
 
 #include <QNetworkAccessManager>
-
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -64,7 +63,8 @@ QString terminalProgressLine(qint64 received, qint64 total, double elapsedSecond
     const double rate = elapsedSeconds > 0 ? static_cast<double>(received) / elapsedSeconds : 0.0;
     QString line;
     if (total > 0) {
-        const double fraction = std::clamp(static_cast<double>(received) / static_cast<double>(total), 0.0, 1.0);
+        const double fraction =
+            std::clamp(static_cast<double>(received) / static_cast<double>(total), 0.0, 1.0);
         const auto filled = static_cast<int>(fraction * barWidth);
         line = u"["_s + QString(filled, u'#') + QString(barWidth - filled, u'-') + u"]  "_s +
                formatByteCount(received) + u" / "_s + formatByteCount(total);
@@ -80,9 +80,11 @@ QString terminalProgressLine(qint64 received, qint64 total, double elapsedSecond
 }
 
 TerminalUpdateCommand::TerminalUpdateCommand(QNetworkAccessManager& network, Scheduler& scheduler,
-                                             UpdateCommandOptions options, FILE* out, FILE* err, QObject* parent)
+                                             UpdateCommandOptions options, FILE* out, FILE* err,
+                                             QObject* parent)
     : QObject(parent), m_network(network), m_scheduler(scheduler), m_options(std::move(options)), m_out(out),
-      m_err(err) {}
+      m_err(err) {
+}
 
 TerminalUpdateCommand::~TerminalUpdateCommand() = default;
 
@@ -110,9 +112,10 @@ void TerminalUpdateCommand::showCheckFailedAlert(const QString& message) {
 }
 
 void TerminalUpdateCommand::presentUpdateDownload(const UpdateDownloadPresentation& presentation) {
-    QString text = localizedText("Update Available") + u'\n' +
-                   formatLocalized(localizedText("Version %@ is ready to download."), {presentation.info.version}) +
-                   u'\n';
+    QString text =
+        localizedText("Update Available") + u'\n' +
+        formatLocalized(localizedText("Version %@ is ready to download."), {presentation.info.version}) +
+        u'\n';
     if (presentation.info.releaseNotes && !presentation.info.releaseNotes->isEmpty()) {
         text += localizedText("Release Notes") + u'\n' + *presentation.info.releaseNotes + u'\n';
     }
@@ -126,7 +129,8 @@ void TerminalUpdateCommand::presentUpdateDownload(const UpdateDownloadPresentati
     m_session->setNetworkAccessManager(&m_network);
     connect(m_session.get(), &BrevaneDiskImageDownloadSession::phaseChanged, this,
             &TerminalUpdateCommand::onPhaseChanged);
-    connect(m_session.get(), &BrevaneDiskImageDownloadSession::progressChanged, this, [this] { drawProgress(false); });
+    connect(m_session.get(), &BrevaneDiskImageDownloadSession::progressChanged, this,
+            [this] { drawProgress(false); });
     m_sinceStart.start();
     m_session->startDownload(presentation.fileURL);
 }

@@ -5,7 +5,6 @@
 #include <QDBusConnection>
 #include <QObject>
 #include <QUrl>
-
 #include <functional>
 
 namespace tellwyn {

@@ -6,7 +6,6 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPointer>
-
 #include <cstring>
 #include <functional>
 
@@ -82,7 +81,8 @@ public:
 protected:
     QNetworkReply* createRequest(Operation, const QNetworkRequest& request, QIODevice*) override {
         auto* reply = new FakeReply(request, this);
-        QObject::connect(reply, &QNetworkReply::redirectAllowed, reply, [reply] { ++reply->redirectsAllowed; });
+        QObject::connect(reply, &QNetworkReply::redirectAllowed, reply,
+                         [reply] { ++reply->redirectsAllowed; });
         replies.append(reply);
         if (onRequest) {
             onRequest(*reply);

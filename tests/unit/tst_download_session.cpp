@@ -75,11 +75,12 @@ private Q_SLOTS:
                                     << u"TellwynAgent (1).deb"_s;
         QTest::newRow("taken twice") << QStringList{u"TellwynAgent.deb"_s, u"TellwynAgent (1).deb"_s}
                                      << u"TellwynAgent.deb"_s << u"TellwynAgent (2).deb"_s;
-        QTest::newRow("directories dropped") << QStringList{} << u"../a/b/TellwynAgent.deb"_s
-                                             << u"TellwynAgent.deb"_s;
-        QTest::newRow("no extension") << QStringList{u"TellwynAgent"_s} << u"TellwynAgent"_s
-                                      << u"TellwynAgent (1)"_s;
-        QTest::newRow("last extension only") << QStringList{u"t.tar.gz"_s} << u"t.tar.gz"_s << u"t.tar (1).gz"_s;
+        QTest::newRow("directories dropped")
+            << QStringList{} << u"../a/b/TellwynAgent.deb"_s << u"TellwynAgent.deb"_s;
+        QTest::newRow("no extension")
+            << QStringList{u"TellwynAgent"_s} << u"TellwynAgent"_s << u"TellwynAgent (1)"_s;
+        QTest::newRow("last extension only")
+            << QStringList{u"t.tar.gz"_s} << u"t.tar.gz"_s << u"t.tar (1).gz"_s;
         QTest::newRow("hidden name has no extension") << QStringList{u".deb"_s} << u".deb"_s << u".deb (1)"_s;
     }
     void destinationNames() {
@@ -97,16 +98,17 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("disposition");
         QTest::addColumn<QString>("url");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("from the URL") << QByteArray() << u"https://h/d/TellwynAgent_1.6.deb?x=1"_s
-                                      << u"TellwynAgent_1.6.deb"_s;
-        QTest::newRow("quoted") << QByteArray(R"(attachment; filename="Tellwyn Agent.deb")") << u"https://h/get"_s
-                                << u"Tellwyn Agent.deb"_s;
+        QTest::newRow("from the URL")
+            << QByteArray() << u"https://h/d/TellwynAgent_1.6.deb?x=1"_s << u"TellwynAgent_1.6.deb"_s;
+        QTest::newRow("quoted") << QByteArray(R"(attachment; filename="Tellwyn Agent.deb")")
+                                << u"https://h/get"_s << u"Tellwyn Agent.deb"_s;
         QTest::newRow("token") << QByteArray("attachment; filename=pkg.deb; size=3") << u"https://h/get"_s
                                << u"pkg.deb"_s;
-        QTest::newRow("extended wins") << QByteArray("attachment; filename=\"a.deb\"; filename*=UTF-8''%C3%A9.deb")
-                                       << u"https://h/get"_s << u"é.deb"_s;
-        QTest::newRow("path in header reduced") << QByteArray(R"(attachment; filename="../../etc/x.deb")")
-                                                << u"https://h/get"_s << u"x.deb"_s;
+        QTest::newRow("extended wins")
+            << QByteArray("attachment; filename=\"a.deb\"; filename*=UTF-8''%C3%A9.deb") << u"https://h/get"_s
+            << u"é.deb"_s;
+        QTest::newRow("path in header reduced")
+            << QByteArray(R"(attachment; filename="../../etc/x.deb")") << u"https://h/get"_s << u"x.deb"_s;
         QTest::newRow("nothing") << QByteArray() << u"https://h/"_s << QString();
     }
     void suggestedNames() {
@@ -246,7 +248,8 @@ private Q_SLOTS:
         rig.session.startDownload(installer);
         rig.reply().respond(404);
         rig.reply().sendBody("<html>not here</html>");
-        rig.reply().finish(QNetworkReply::ContentNotFoundError, u"Error transferring - server replied: Not Found"_s);
+        rig.reply().finish(QNetworkReply::ContentNotFoundError,
+                           u"Error transferring - server replied: Not Found"_s);
         QCOMPARE(rig.session.phase(), Phase::failed(u"Error transferring - server replied: Not Found"_s));
         QCOMPARE(entries(rig.folder()), QStringList());
     }
@@ -256,7 +259,8 @@ private Q_SLOTS:
         rig.session.startDownload(installer);
         rig.reply().respond(300); // a choice with nowhere to go: nothing to save
         rig.reply().finish();
-        QCOMPARE(rig.session.phase(), Phase::failed(u"Download finished but the file location is unknown."_s));
+        QCOMPARE(rig.session.phase(),
+                 Phase::failed(u"Download finished but the file location is unknown."_s));
         QCOMPARE(rig.session.progress(), 1.0);
     }
 
@@ -270,9 +274,8 @@ private Q_SLOTS:
         Rig rig;
         const QString blocker = rig.downloads.filePath(u"file"_s);
         writeFile(blocker, "x");
-        rig.session.setDownloadsFolders([none, blocker] {
-            return none ? QStringList() : QStringList{blocker + u"/Downloads"_s};
-        });
+        rig.session.setDownloadsFolders(
+            [none, blocker] { return none ? QStringList() : QStringList{blocker + u"/Downloads"_s}; });
         rig.session.startDownload(installer);
         rig.reply().respond(200);
         QCOMPARE(rig.session.phase(), Phase::failed(u"Could not access your Downloads folder."_s));
@@ -315,9 +318,10 @@ private Q_SLOTS:
             QCOMPARE(rig.session.phase(), Phase::preparing());
         } else {
             QCOMPARE(rig.reply().abortCount, 1);
-            QCOMPARE(rig.session.phase(),
-                     Phase::failed(u"The download was stopped because the server sent it from a secure (https) "
-                                   "address to an insecure one. The installer is only downloaded securely."_s));
+            QCOMPARE(
+                rig.session.phase(),
+                Phase::failed(u"The download was stopped because the server sent it from a secure (https) "
+                              "address to an insecure one. The installer is only downloaded securely."_s));
         }
     }
 };

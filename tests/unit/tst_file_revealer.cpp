@@ -50,10 +50,12 @@ private Q_SLOTS:
         QVERIFY(managerBus.registerService(u"org.freedesktop.FileManager1"_s));
 
         QList<QUrl> opened;
-        FreedesktopFileRevealer revealer(connect(u"agent1"_s), [&opened](const QUrl& url) { opened.append(url); });
+        FreedesktopFileRevealer revealer(connect(u"agent1"_s),
+                                         [&opened](const QUrl& url) { opened.append(url); });
         revealer.reveal(u"/tmp/Down loads/TellwynAgent (1).deb"_s);
         QTRY_COMPARE(manager.shown.size(), 1);
-        QCOMPARE(manager.shown.constFirst(), QStringList{u"file:///tmp/Down%20loads/TellwynAgent%20(1).deb"_s});
+        QCOMPARE(manager.shown.constFirst(),
+                 QStringList{u"file:///tmp/Down%20loads/TellwynAgent%20(1).deb"_s});
         QTest::qWait(0);
         QVERIFY(opened.isEmpty());
 
@@ -63,7 +65,8 @@ private Q_SLOTS:
 
     void withoutAFileManagerTheFolderOpens() {
         QList<QUrl> opened;
-        FreedesktopFileRevealer revealer(connect(u"agent2"_s), [&opened](const QUrl& url) { opened.append(url); });
+        FreedesktopFileRevealer revealer(connect(u"agent2"_s),
+                                         [&opened](const QUrl& url) { opened.append(url); });
         revealer.reveal(u"/tmp/Downloads/TellwynAgent.deb"_s);
         QTRY_COMPARE(opened, QList<QUrl>{QUrl::fromLocalFile(u"/tmp/Downloads"_s)});
     }

@@ -34,11 +34,13 @@ class TestUpdateCheck : public QObject {
     Q_OBJECT
 
     // Runs one fetch against a reply the test scripts, and waits for its outcome.
-    UpdateCheckOutcome fetch(const std::function<void(FakeReply&)>& answer, const QString& running = u"1.5.9"_s,
+    UpdateCheckOutcome fetch(const std::function<void(FakeReply&)>& answer,
+                             const QString& running = u"1.5.9"_s,
                              const QString& feedURL = u"https://127.0.0.1/updates/tellwynagent.txt"_s) {
         FakeNetworkAccessManager network;
         network.onRequest = [&answer](FakeReply& reply) {
-            QMetaObject::invokeMethod(&reply, [&reply, &answer] { answer(reply); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                &reply, [&reply, &answer] { answer(reply); }, Qt::QueuedConnection);
         };
         QObject context;
         std::optional<UpdateCheckOutcome> outcome;
@@ -91,25 +93,28 @@ private Q_SLOTS:
         QTest::addColumn<std::optional<UpdateInfo>>("expected");
         const std::optional<UpdateInfo> invalid;
         QTest::newRow("pipe") << u"1.6.0|Major|New dashboard|https://h/a.deb"_s
-                              << std::optional(info(u"1.6.0"_s, UpdateType::major, u"New dashboard"_s, u"https://h/a.deb"_s));
+                              << std::optional(info(u"1.6.0"_s, UpdateType::major, u"New dashboard"_s,
+                                                    u"https://h/a.deb"_s));
         QTest::newRow("pipe fields trimmed, extras ignored")
             << u" 1.6.1 | Patch |\n fixes \n| https://h/b.deb |more|x"_s
             << std::optional(info(u"1.6.1"_s, UpdateType::patch, u"fixes"_s, u"https://h/b.deb"_s));
-        QTest::newRow("pipe type is case-sensitive") << u"1.6.0|major|notes|"_s
-                                                     << std::optional(info(u"1.6.0"_s, UpdateType::minor, u"notes"_s, {}));
-        QTest::newRow("pipe empty fields") << u"1.6.0|||"_s
-                                           << std::optional(info(u"1.6.0"_s, UpdateType::minor, std::nullopt, {}));
+        QTest::newRow("pipe type is case-sensitive")
+            << u"1.6.0|major|notes|"_s << std::optional(info(u"1.6.0"_s, UpdateType::minor, u"notes"_s, {}));
+        QTest::newRow("pipe empty fields")
+            << u"1.6.0|||"_s << std::optional(info(u"1.6.0"_s, UpdateType::minor, std::nullopt, {}));
         QTest::newRow("pipe with three fields") << u"9.0.0|Major|notes"_s << invalid;
         QTest::newRow("pipe without version") << u"|Major|notes|https://h/a.deb"_s << invalid;
         QTest::newRow("colon") << u"1.6.0: New dashboard"_s
                                << std::optional(info(u"1.6.0"_s, UpdateType::minor, u"New dashboard"_s, {}));
-        QTest::newRow("colon splits once") << u"1.6.0:Fixes: many"_s
-                                           << std::optional(info(u"1.6.0"_s, UpdateType::minor, u"Fixes: many"_s, {}));
-        QTest::newRow("colon without notes") << u"1.6.0:"_s
-                                             << std::optional(info(u"1.6.0"_s, UpdateType::minor, std::nullopt, {}));
+        QTest::newRow("colon splits once")
+            << u"1.6.0:Fixes: many"_s
+            << std::optional(info(u"1.6.0"_s, UpdateType::minor, u"Fixes: many"_s, {}));
+        QTest::newRow("colon without notes")
+            << u"1.6.0:"_s << std::optional(info(u"1.6.0"_s, UpdateType::minor, std::nullopt, {}));
         QTest::newRow("colon alone") << u":"_s << invalid;
         QTest::newRow("colon without full stop") << u"2:notes"_s << invalid;
-        QTest::newRow("plain") << u"1.6.0"_s << std::optional(info(u"1.6.0"_s, UpdateType::minor, std::nullopt, {}));
+        QTest::newRow("plain") << u"1.6.0"_s
+                               << std::optional(info(u"1.6.0"_s, UpdateType::minor, std::nullopt, {}));
         QTest::newRow("plain without full stop") << u"2"_s << invalid;
         QTest::newRow("empty") << u""_s << invalid;
     }
@@ -162,8 +167,10 @@ private Q_SLOTS:
         QTest::addColumn<int>("kind");
         QTest::addColumn<QString>("message");
         using K = UpdateCheckOutcome::Kind;
-        QTest::newRow("newer") << 200 << QByteArray("1.6.0\n") << u"1.5.9"_s << int(K::updateAvailable) << QString();
-        QTest::newRow("same") << 200 << QByteArray("  1.5.9  ") << u"1.5.9"_s << int(K::upToDate) << QString();
+        QTest::newRow("newer") << 200 << QByteArray("1.6.0\n") << u"1.5.9"_s << int(K::updateAvailable)
+                               << QString();
+        QTest::newRow("same") << 200 << QByteArray("  1.5.9  ") << u"1.5.9"_s << int(K::upToDate)
+                              << QString();
         QTest::newRow("no running version counts as 1.0.0")
             << 200 << QByteArray("1.0.0") << u""_s << int(K::upToDate) << QString();
         QTest::newRow("no running version, newer feed")
@@ -227,7 +234,8 @@ private Q_SLOTS:
         FakeNetworkAccessManager network;
         QByteArray feed;
         network.onRequest = [&feed](FakeReply& reply) {
-            QMetaObject::invokeMethod(&reply, [&reply, &feed] { serve(200, feed)(reply); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                &reply, [&reply, &feed] { serve(200, feed)(reply); }, Qt::QueuedConnection);
         };
         QObject context;
         RecordingPresenter presenter;
@@ -258,14 +266,16 @@ private Q_SLOTS:
         checkForUpdates(network, request, &context, presenter);
         QTRY_COMPARE(presenter.failures.size(), 2);
         qunsetenv(downloadBaseEnvironmentVariable);
-        QCOMPARE(presenter.failures.constLast(), u"The download link for this update is missing or invalid."_s);
+        QCOMPARE(presenter.failures.constLast(),
+                 u"The download link for this update is missing or invalid."_s);
         QCOMPARE(presenter.presentations.size(), 2);
     }
 
     void outcomeIsDroppedWhenItsContextIsGone() {
         FakeNetworkAccessManager network;
         network.onRequest = [](FakeReply& reply) {
-            QMetaObject::invokeMethod(&reply, [&reply] { serve(200, "1.6.0")(reply); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                &reply, [&reply] { serve(200, "1.6.0")(reply); }, Qt::QueuedConnection);
         };
         auto context = std::make_unique<QObject>();
         bool delivered = false;

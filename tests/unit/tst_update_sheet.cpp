@@ -11,7 +11,6 @@
 #include <QScrollArea>
 #include <QTemporaryDir>
 #include <QTest>
-
 #include <algorithm>
 
 using namespace Qt::StringLiterals;
@@ -29,8 +28,7 @@ struct FakeRevealer final : FileRevealer {
 const QUrl installer(u"https://127.0.0.1/downloads/TellwynAgent.deb"_s);
 
 // The visible widgets' texts as laid out on screen: top to bottom, then left to right.
-template <typename W>
-QStringList visible(const QWidget& root) {
+template <typename W> QStringList visible(const QWidget& root) {
     QList<std::pair<QPoint, QString>> found;
     for (const W* widget : root.findChildren<W*>()) {
         if (widget->isVisible() && !widget->text().isEmpty()) {
@@ -82,7 +80,9 @@ class TestUpdateSheet : public QObject {
             const QString folder = downloads.path();
             UpdateSheetServices services{time, &network, revealer,
                                          [this](const QUrl& url) { opened.append(url); },
-                                         [folder] { return QStringList{folder}; }};
+                                         [folder] {
+                                             return QStringList{folder};
+                                         }};
             sheet = std::make_unique<HalvoUpdateDownloadSheet>(
                 UpdateInfo{u"1.6.0"_s, UpdateType::major, std::move(notes), {}}, installer, services,
                 [this] { ++dismissed; });
@@ -98,12 +98,13 @@ class TestUpdateSheet : public QObject {
 private Q_SLOTS:
     void beforeTheChoice() {
         Rig rig;
-        QCOMPARE(visibleTexts(*rig.sheet),
-                 (QStringList{u"Update Available"_s, u"Version 1.6.0 is ready to download."_s, u"Release Notes"_s,
-                              u"New dashboard"_s, u"Choose how to get the installer."_s}));
-        QCOMPARE(visibleButtons(*rig.sheet), (QStringList{u"Download directly in the app"_s,
-                                                          HalvoUpdateDownloadSheet::vendorSiteButtonTitle(),
-                                                          u"Cancel"_s}));
+        QCOMPARE(
+            visibleTexts(*rig.sheet),
+            (QStringList{u"Update Available"_s, u"Version 1.6.0 is ready to download."_s, u"Release Notes"_s,
+                         u"New dashboard"_s, u"Choose how to get the installer."_s}));
+        QCOMPARE(visibleButtons(*rig.sheet),
+                 (QStringList{u"Download directly in the app"_s,
+                              HalvoUpdateDownloadSheet::vendorSiteButtonTitle(), u"Cancel"_s}));
         QVERIFY(rig.sheet->minimumWidth() >= 440);
         QCOMPARE(rig.sheet->findChild<QScrollArea*>(u"releaseNotesArea"_s)->maximumHeight(), 140);
         QVERIFY(rig.network.replies.isEmpty()); // nothing starts before the user chooses

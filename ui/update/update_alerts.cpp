@@ -15,7 +15,8 @@ namespace tellwyn {
 
 namespace {
 
-QMessageBox* showAlert(QMessageBox::Icon icon, const QString& text, const QString& informative, QWidget* parent) {
+QMessageBox* showAlert(QMessageBox::Icon icon, const QString& text, const QString& informative,
+                       QWidget* parent) {
     auto* box = new QMessageBox(icon, localizedText("TellwynAgent"), text, QMessageBox::NoButton, parent);
     box->setInformativeText(informative);
     box->addButton(localizedText("OK"), QMessageBox::AcceptRole);
@@ -36,17 +37,21 @@ QMessageBox* showCheckFailedAlert(const QString& message, QWidget* parent) {
     return showAlert(QMessageBox::Warning, localizedText("Couldn't Check for Updates"), message, parent);
 }
 
-WidgetUpdatePresenter::WidgetUpdatePresenter(UpdateSheetServices services, QWidget* parentWindow, QObject* parent)
-    : QObject(parent), m_services(std::move(services)), m_parentWindow(parentWindow) {}
+WidgetUpdatePresenter::WidgetUpdatePresenter(UpdateSheetServices services, QWidget* parentWindow,
+                                             QObject* parent)
+    : QObject(parent), m_services(std::move(services)), m_parentWindow(parentWindow) {
+}
 
 void WidgetUpdatePresenter::showUpToDateAlert() {
     QMessageBox* box = tellwyn::showUpToDateAlert(m_parentWindow);
-    connect(box, &QMessageBox::finished, this, [this] { Q_EMIT alertClosed(UpdateCheckOutcome::Kind::upToDate); });
+    connect(box, &QMessageBox::finished, this,
+            [this] { Q_EMIT alertClosed(UpdateCheckOutcome::Kind::upToDate); });
 }
 
 void WidgetUpdatePresenter::showCheckFailedAlert(const QString& message) {
     QMessageBox* box = tellwyn::showCheckFailedAlert(message, m_parentWindow);
-    connect(box, &QMessageBox::finished, this, [this] { Q_EMIT alertClosed(UpdateCheckOutcome::Kind::checkFailed); });
+    connect(box, &QMessageBox::finished, this,
+            [this] { Q_EMIT alertClosed(UpdateCheckOutcome::Kind::checkFailed); });
 }
 
 void WidgetUpdatePresenter::presentUpdateDownload(const UpdateDownloadPresentation& presentation) {
@@ -54,7 +59,8 @@ void WidgetUpdatePresenter::presentUpdateDownload(const UpdateDownloadPresentati
         m_sheet->close(); // a newer presentation replaces the one on screen
         m_sheet->deleteLater();
     }
-    auto* sheet = new HalvoUpdateDownloadSheet(presentation.info, presentation.fileURL, m_services, {}, m_parentWindow);
+    auto* sheet =
+        new HalvoUpdateDownloadSheet(presentation.info, presentation.fileURL, m_services, {}, m_parentWindow);
     sheet->setWindowModality(m_parentWindow ? Qt::WindowModal : Qt::ApplicationModal);
     connect(sheet, &QDialog::finished, this, [this, sheet] {
         Q_EMIT sheetDismissed(sheet->session().phase(), sheet->userStartedInAppDownload());
@@ -69,9 +75,8 @@ int runWidgetUpdateCheck(const UpdateCheckRequest& request) {
     QNetworkAccessManager network;
     QtScheduler scheduler;
     FreedesktopFileRevealer revealer;
-    WidgetUpdatePresenter presenter(UpdateSheetServices{scheduler, &network, revealer,
-                                                        [](const QUrl& url) { QDesktopServices::openUrl(url); },
-                                                        {}});
+    WidgetUpdatePresenter presenter(UpdateSheetServices{
+        scheduler, &network, revealer, [](const QUrl& url) { QDesktopServices::openUrl(url); }, {}});
     QObject::connect(&presenter, &WidgetUpdatePresenter::alertClosed, &presenter,
                      [](UpdateCheckOutcome::Kind kind) {
                          QCoreApplication::exit(static_cast<int>(kind == UpdateCheckOutcome::Kind::upToDate

@@ -20,7 +20,8 @@ QMessageBox* showCheckFailedAlert(const QString& message, QWidget* parent = null
 class WidgetUpdatePresenter final : public QObject, public UpdatePresenter {
     Q_OBJECT
 public:
-    WidgetUpdatePresenter(UpdateSheetServices services, QWidget* parentWindow = nullptr, QObject* parent = nullptr);
+    WidgetUpdatePresenter(UpdateSheetServices services, QWidget* parentWindow = nullptr,
+                          QObject* parent = nullptr);
 
     void showUpToDateAlert() override;
     void showCheckFailedAlert(const QString& message) override;

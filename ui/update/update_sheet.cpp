@@ -68,7 +68,8 @@ BrevaneDownloadProgressView::BrevaneDownloadProgressView(BrevaneDiskImageDownloa
     column->addLayout(buttons);
 
     connect(m_showButton, &QPushButton::clicked, this, [this] {
-        if (m_onShowInFinder && m_session.phase().kind == BrevaneDiskImageDownloadSession::Phase::Kind::finished) {
+        if (m_onShowInFinder &&
+            m_session.phase().kind == BrevaneDiskImageDownloadSession::Phase::Kind::finished) {
             m_onShowInFinder(m_session.phase().fileURL);
         }
     });
@@ -82,7 +83,8 @@ BrevaneDownloadProgressView::BrevaneDownloadProgressView(BrevaneDiskImageDownloa
             m_onClose();
         }
     });
-    connect(&m_session, &BrevaneDiskImageDownloadSession::phaseChanged, this, &BrevaneDownloadProgressView::refresh);
+    connect(&m_session, &BrevaneDiskImageDownloadSession::phaseChanged, this,
+            &BrevaneDownloadProgressView::refresh);
     connect(&m_session, &BrevaneDiskImageDownloadSession::progressChanged, this,
             &BrevaneDownloadProgressView::refresh);
     refresh();
@@ -91,7 +93,8 @@ BrevaneDownloadProgressView::BrevaneDownloadProgressView(BrevaneDiskImageDownloa
 void BrevaneDownloadProgressView::refresh() {
     using Kind = BrevaneDiskImageDownloadSession::Phase::Kind;
     const BrevaneDiskImageDownloadSession::Phase& phase = m_session.phase();
-    const bool running = phase.kind == Kind::idle || phase.kind == Kind::preparing || phase.kind == Kind::downloading;
+    const bool running =
+        phase.kind == Kind::idle || phase.kind == Kind::preparing || phase.kind == Kind::downloading;
     m_bar->setVisible(running);
     m_icon->setVisible(phase.kind == Kind::finished || phase.kind == Kind::failed);
     m_detail->setVisible(phase.kind == Kind::finished || phase.kind == Kind::failed);
@@ -99,9 +102,10 @@ void BrevaneDownloadProgressView::refresh() {
     m_retryButton->setVisible(phase.kind == Kind::failed);
     m_closeButton->setVisible(phase.isEnd());
     QPalette palette = m_status->palette();
-    palette.setColor(QPalette::WindowText, this->palette().color(phase.kind == Kind::idle || phase.kind == Kind::preparing
-                                                                      ? QPalette::PlaceholderText
-                                                                      : QPalette::WindowText));
+    palette.setColor(QPalette::WindowText,
+                     this->palette().color(phase.kind == Kind::idle || phase.kind == Kind::preparing
+                                               ? QPalette::PlaceholderText
+                                               : QPalette::WindowText));
     m_status->setPalette(palette);
 
     switch (phase.kind) {
@@ -141,7 +145,8 @@ QString HalvoUpdateDownloadSheet::vendorSiteButtonTitle() {
     return formatLocalized(localizedText("Visit %@"), {host});
 }
 
-HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloadURL, UpdateSheetServices services,
+HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloadURL,
+                                                   UpdateSheetServices services,
                                                    std::function<void()> onDismiss, QWidget* parent)
     : QDialog(parent), m_info(std::move(info)), m_downloadURL(std::move(downloadURL)),
       m_services(std::move(services)), m_onDismiss(std::move(onDismiss)), m_session(m_services.scheduler),
@@ -166,8 +171,8 @@ HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloa
     auto* header = new QVBoxLayout;
     header->setSpacing(4);
     header->addWidget(title);
-    header->addWidget(new QLabel(formatLocalized(localizedText("Version %@ is ready to download."), {m_info.version}),
-                                 this));
+    header->addWidget(new QLabel(
+        formatLocalized(localizedText("Version %@ is ready to download."), {m_info.version}), this));
     column->addLayout(header);
 
     if (m_info.releaseNotes && !m_info.releaseNotes->isEmpty()) {
@@ -227,7 +232,8 @@ HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloa
     cancelRow->addStretch(1);
     cancelRow->addWidget(m_cancelDownloadButton);
     column->addLayout(cancelRow);
-    connect(m_cancelDownloadButton, &QPushButton::clicked, &m_session, &BrevaneDiskImageDownloadSession::cancelDownload);
+    connect(m_cancelDownloadButton, &QPushButton::clicked, &m_session,
+            &BrevaneDiskImageDownloadSession::cancelDownload);
     connect(&m_session, &BrevaneDiskImageDownloadSession::phaseChanged, this,
             &HalvoUpdateDownloadSheet::refreshCancelButton);
     connect(this, &QDialog::finished, this, [this] {

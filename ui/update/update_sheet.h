@@ -5,7 +5,6 @@
 
 #include <QDialog>
 #include <QUrl>
-
 #include <functional>
 
 class QLabel;
@@ -22,7 +21,7 @@ struct UpdateSheetServices {
     Scheduler& scheduler;
     QNetworkAccessManager* network = nullptr; // performs the download; none: the download cannot start
     FileRevealer& revealer;                   // "Show in Folder"
-    std::function<void(const QUrl&)> openExternalURL; // the vendor's site in the browser
+    std::function<void(const QUrl&)> openExternalURL;                   // the vendor's site in the browser
     BrevaneDiskImageDownloadSession::DownloadsFolders downloadsFolders; // empty: the standard folders
 };
 
@@ -32,8 +31,8 @@ class BrevaneDownloadProgressView final : public QWidget {
     Q_OBJECT
 public:
     BrevaneDownloadProgressView(BrevaneDiskImageDownloadSession& session,
-                                std::function<void(const QUrl&)> onShowInFinder, std::function<void()> onClose,
-                                QWidget* parent = nullptr);
+                                std::function<void(const QUrl&)> onShowInFinder,
+                                std::function<void()> onClose, QWidget* parent = nullptr);
 
 private:
     void refresh();
