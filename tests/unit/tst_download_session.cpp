@@ -132,14 +132,6 @@ private Q_SLOTS:
         QCOMPARE(downloadingProgressText(progress), text);
     }
 
-    void aNewSessionIsIdle() {
-        VirtualTime time;
-        BrevaneDiskImageDownloadSession session(time);
-        QCOMPARE(session.phase(), Phase::idle());
-        QCOMPARE(session.progress(), 0.0);
-        QVERIFY(!session.lastRequestedURL());
-    }
-
     void withoutNetworkNothingStarts() {
         VirtualTime time;
         BrevaneDiskImageDownloadSession session(time);
