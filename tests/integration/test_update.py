@@ -332,5 +332,46 @@ class InstallerDownloadTest(UpdateTestCase):
         self.assertEqual(self.files(), [])
 
 
+class DesktopCheckTest(UpdateTestCase):
+    """With a display the same check shows its alert or the update sheet as windows."""
+
+    def setUp(self):
+        super().setUp()
+        self.display = f":{random.randrange(200, 400)}"
+        self.xvfb = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "800x600x24", "-nolisten", "tcp"],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.xvfb.kill)
+        socket_path = f"/tmp/.X11-unix/X{self.display[1:]}"
+        deadline = time.monotonic() + 10
+        while not os.path.exists(socket_path):
+            self.assertIsNone(self.xvfb.poll(), "Xvfb did not start")
+            self.assertLess(time.monotonic(), deadline, "Xvfb did not start")
+            time.sleep(0.05)
+
+    def window_titles(self):
+        tree = subprocess.run(["xwininfo", "-root", "-tree"], capture_output=True, text=True,
+                              env=dict(os.environ, DISPLAY=self.display)).stdout
+        return [line.split('"')[1] for line in tree.splitlines() if line.count('"') >= 2]
+
+    def shows_window(self, feed, title):
+        env = self.environment(DISPLAY=self.display, XDG_RUNTIME_DIR=self.home.name)
+        agent = subprocess.Popen([AGENT, "--check-for-updates", "--update-feed", feed], env=env,
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        try:
+            deadline = time.monotonic() + 20
+            while title not in self.window_titles():
+                self.assertIsNone(agent.poll(), "the agent ended without showing a window")
+                self.assertLess(time.monotonic(), deadline, f"no window {title!r}: {self.window_titles()}")
+                time.sleep(0.1)
+            self.assertIsNone(agent.poll())  # it waits for the user
+        finally:
+            agent.kill()
+            agent.communicate()
+
+    def test_alert_and_sheet_open(self):
+        self.shows_window(self.serve_feed(self.current.encode()), "TellwynAgent")
+        self.shows_window(self.serve_feed(f"{self.newer}: New dashboard".encode()), "Update Available")
+
+
 if __name__ == "__main__":
     unittest.main()
