@@ -72,6 +72,11 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     if (parser.isSet(updateFeed)) {
         options.updateFeedURL = parser.value(updateFeed);
     }
+    if (!options.checkForUpdates && (options.downloadUpdate || options.updateFeedURL)) {
+        result.output = u"tellwyn-agent: --download and --update-feed go with --check-for-updates.\n"_s;
+        result.exitCode = 2;
+        return result;
+    }
     if (parser.isSet(port)) {
         bool ok = false;
         const uint value = parser.value(port).toUInt(&ok);

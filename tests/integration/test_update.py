@@ -201,6 +201,14 @@ class UpdateCheckTest(UpdateTestCase):
         self.assertEqual(code, 1)
         self.assertEqual(err[1], "Connection refused")
 
+    def test_download_options_need_the_check(self):
+        for args in (["--download"], ["--update-feed", self.http.url("/feed.txt")]):
+            with self.subTest(args):
+                done = subprocess.run([AGENT, "--headless", *args], capture_output=True, text=True,
+                                      env=self.environment(), timeout=30)
+                self.assertEqual(done.returncode, 2)
+                self.assertIn("go with --check-for-updates", done.stderr)
+
     def test_unusable_feed_address(self):
         self.assert_check_failed(self.check("http://[::1/updates"), "Invalid update feed URL.")
 
