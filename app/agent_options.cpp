@@ -24,7 +24,21 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     const QCommandLineOption listen(u"listen"_s,
                                     u"Listen on ADDRESS only (default: every address of this machine)."_s,
                                     u"ADDRESS"_s);
-    parser.addOptions({help, version, headless, port, start, configDirectory, dataDirectory, listen});
+    const QCommandLineOption checkForUpdates(
+        u"check-for-updates"_s,
+        u"Ask the update feed whether a newer version exists, print the outcome and exit "
+        u"(0 up to date, 1 check failed, 3 update available, 4 installer downloaded, "
+        u"5 download failed, 6 download cancelled)."_s);
+    const QCommandLineOption downloadUpdate(
+        u"download"_s,
+        u"With --check-for-updates: download an offered installer into the Downloads folder."_s);
+    const QCommandLineOption updateFeed(
+        u"update-feed"_s,
+        u"Ask the update feed at URL instead of the vendor's (also: environment variable "
+        u"TELLWYN_UPDATE_FEED_URL)."_s,
+        u"URL"_s);
+    parser.addOptions({help, version, headless, port, start, configDirectory, dataDirectory, listen,
+                       checkForUpdates, downloadUpdate, updateFeed});
 
     AgentOptionsParse result;
     if (!parser.parse(arguments)) {
@@ -53,6 +67,16 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     options.startServer = parser.isSet(start);
     options.configDirectory = parser.value(configDirectory);
     options.dataDirectory = parser.value(dataDirectory);
+    options.checkForUpdates = parser.isSet(checkForUpdates);
+    options.downloadUpdate = parser.isSet(downloadUpdate);
+    if (parser.isSet(updateFeed)) {
+        options.updateFeedURL = parser.value(updateFeed);
+    }
+    if (!options.checkForUpdates && (options.downloadUpdate || options.updateFeedURL)) {
+        result.output = u"tellwyn-agent: --download and --update-feed go with --check-for-updates.\n"_s;
+        result.exitCode = 2;
+        return result;
+    }
     if (parser.isSet(port)) {
         bool ok = false;
         const uint value = parser.value(port).toUInt(&ok);

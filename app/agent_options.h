@@ -16,6 +16,10 @@ struct AgentOptions {
     QString configDirectory; // empty: the user's configuration folder
     QString dataDirectory;   // empty: the user's data folder
     QHostAddress listenAddress = QHostAddress::Any;
+    // --check-for-updates: ask the update feed, print the outcome and end.
+    bool checkForUpdates = false;
+    bool downloadUpdate = false;
+    std::optional<QString> updateFeedURL;
 };
 
 struct AgentOptionsParse {

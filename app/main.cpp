@@ -9,10 +9,14 @@
 #include "settings_preferences.h"
 #include "system_clock.h"
 #include "unix_signal_watcher.h"
+#include "update_alerts.h"
+#include "update_command.h"
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QDir>
 #include <QGuiApplication>
+#include <QNetworkAccessManager>
 #include <QStandardPaths>
 
 #include <cstdio>
@@ -44,7 +48,31 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
     if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
         return std::make_unique<QCoreApplication>(argc, argv);
     }
+    if (hasArgument(argc, argv, "--check-for-updates")) {
+        return std::make_unique<QApplication>(argc, argv); // the update alerts and sheet are widgets
+    }
     return std::make_unique<QGuiApplication>(argc, argv);
+}
+
+int runUpdateCheck(const AgentOptions& options) {
+    if (qobject_cast<QApplication*>(QCoreApplication::instance())) {
+        UpdateCheckRequest request;
+        request.feedURL = resolveUpdateFeedURL(options.updateFeedURL);
+        return runWidgetUpdateCheck(request);
+    }
+    QNetworkAccessManager network;
+    QtScheduler scheduler;
+    UpdateCommandOptions commandOptions;
+    commandOptions.check.feedURL = resolveUpdateFeedURL(options.updateFeedURL);
+    commandOptions.download = options.downloadUpdate;
+    TerminalUpdateCommand command(network, scheduler, commandOptions);
+    UnixSignalWatcher signals;
+    QObject::connect(&signals, &UnixSignalWatcher::terminationRequested, &command,
+                     [&command](int) { command.interrupt(); });
+    QObject::connect(&command, &TerminalUpdateCommand::finished, &command,
+                     [](int exitCode) { QCoreApplication::exit(exitCode); });
+    command.start();
+    return QCoreApplication::exec();
 }
 
 QString folderOr(const QString& chosen, QStandardPaths::StandardLocation location) {
@@ -64,6 +92,9 @@ int main(int argc, char** argv) {
         return parsed.exitCode;
     }
     const AgentOptions& options = *parsed.options;
+    if (options.checkForUpdates) {
+        return runUpdateCheck(options);
+    }
 
     const QString configDirectory = folderOr(options.configDirectory, QStandardPaths::AppConfigLocation);
     const QString dataDirectory = folderOr(options.dataDirectory, QStandardPaths::AppDataLocation);

@@ -7,9 +7,9 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/setup.sh" build test
 jobs="$(nproc)"
 
-cmake -S "$root" -B "$root/build/tests" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$root/build/tests" -j "$jobs"
-(cd "$root/build/tests" && ctest --output-on-failure -j "$jobs")
+cmake -S "$root" -B "$root/build/test-run" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$root/build/test-run" -j "$jobs"
+(cd "$root/build/test-run" && ctest --output-on-failure -j "$jobs")
 
 cmake -S "$root" -B "$root/build/sanitize" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTELLWYN_SANITIZE=ON >/dev/null
 cmake --build "$root/build/sanitize" -j "$jobs" --target unit_tests

@@ -56,7 +56,10 @@ class BadInputTest(unittest.TestCase):
             def run_tls_case(name, action, code, allowed):
                 client = HLVPClient(agent.port)
                 started = time.monotonic()
-                action(client)
+                try:
+                    action(client)
+                except OSError:
+                    pass  # the agent may close while the bad bytes are still being sent
                 told = None
                 closed = False
                 client.sock.settimeout(allowed)

@@ -1,0 +1,385 @@
+"""The real agent's update check and installer download against HTTP(S) servers run here on loopback.
+
+The servers misbehave on purpose: error statuses, empty and undecodable feeds, connections broken
+off midway, slow bodies and redirects from https to http.
+"""
+import hashlib
+import http.server
+import os
+import random
+import signal
+import socket
+import ssl
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+from agent_process import AGENT, free_port
+
+MIB = 1 << 20
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    routes = {}  # path -> function(handler), set by each test through its server
+
+    def do_GET(self):
+        route = self.server.routes.get(self.path.split("?")[0])
+        if route is None:
+            self.reply(404, b"not found")
+        else:
+            route(self)
+
+    def reply(self, status, body=b"", headers=()):
+        self.send_response(status)
+        for name, value in headers:
+            self.send_header(name, value)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+
+    def log_message(self, *args):
+        pass
+
+
+class Server:
+    """A threaded HTTP server on 127.0.0.1, optionally with TLS."""
+
+    def __init__(self, tls_context=None):
+        self.httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.httpd.daemon_threads = True
+        self.httpd.routes = {}
+        self.scheme = "http"
+        if tls_context is not None:
+            self.httpd.socket = tls_context.wrap_socket(self.httpd.socket, server_side=True)
+            self.scheme = "https"
+        self.thread = threading.Thread(target=self.httpd.serve_forever, daemon=True)
+        self.thread.start()
+
+    @property
+    def routes(self):
+        return self.httpd.routes
+
+    def url(self, path):
+        return f"{self.scheme}://127.0.0.1:{self.httpd.server_address[1]}{path}"
+
+    def close(self):
+        self.httpd.shutdown()
+        self.httpd.server_close()
+
+
+def block(index):
+    """Block `index` of the large installer: the same random MiB, stamped with its number."""
+    return index.to_bytes(8, "big") + BASE_BLOCK[8:]
+
+
+BASE_BLOCK = random.Random(7).randbytes(MIB)
+
+
+def serve_blocks(count, delay=0.0, chunk=MIB, stop_after=None):
+    """A body of `count` blocks; `stop_after` bytes are sent before the connection is cut."""
+    def route(handler):
+        handler.send_response(200)
+        handler.send_header("Content-Length", str(count * MIB))
+        handler.send_header("Content-Type", "application/vnd.debian.binary-package")
+        handler.end_headers()
+        sent = 0
+        try:
+            for i in range(count):
+                data = block(i)
+                for offset in range(0, MIB, chunk):
+                    if stop_after is not None and sent >= stop_after:
+                        handler.wfile.flush()
+                        handler.connection.shutdown(socket.SHUT_RDWR)
+                        handler.close_connection = True
+                        return
+                    handler.wfile.write(data[offset:offset + chunk])
+                    sent += chunk
+                    if delay:
+                        time.sleep(delay)
+        except (BrokenPipeError, ConnectionResetError):
+            handler.close_connection = True
+    return route
+
+
+def agent_version():
+    out = subprocess.run([AGENT, "--version"], capture_output=True, text=True, check=True).stdout
+    return out.split()[1]
+
+
+class UpdateTestCase(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.scratch = tempfile.TemporaryDirectory(prefix="tellwyn-update-it-")
+        cert = os.path.join(cls.scratch.name, "cert.pem")
+        key = os.path.join(cls.scratch.name, "key.pem")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                        "-nodes", "-keyout", key, "-out", cert, "-days", "1", "-subj", "/CN=127.0.0.1",
+                        "-addext", "subjectAltName=IP:127.0.0.1"], check=True, capture_output=True)
+        cls.certificate = cert
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(cert, key)
+        cls.http = Server()
+        cls.https = Server(context)
+        major = int(agent_version().split(".")[0])
+        cls.newer = f"{major + 1}.0.0"
+        cls.current = agent_version()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.http.close()
+        cls.https.close()
+        cls.scratch.cleanup()
+
+    def setUp(self):
+        self.http.routes.clear()
+        self.https.routes.clear()
+        self.home = tempfile.TemporaryDirectory(prefix="tellwyn-update-home-")
+        self.addCleanup(self.home.cleanup)
+        self.downloads = os.path.join(self.home.name, "Downloads")
+        os.makedirs(self.downloads)
+        self.set_downloads_folder(self.downloads)
+
+    def set_downloads_folder(self, folder):
+        config = os.path.join(self.home.name, ".config")
+        os.makedirs(config, exist_ok=True)
+        with open(os.path.join(config, "user-dirs.dirs"), "w") as f:
+            f.write(f'XDG_DOWNLOAD_DIR="{folder}"\n')
+
+    def environment(self, **extra):
+        env = dict(os.environ, LC_ALL="C.UTF-8", HOME=self.home.name,
+                   XDG_CONFIG_HOME=os.path.join(self.home.name, ".config"),
+                   TELLWYN_UPDATE_CA_CERTIFICATES=self.certificate)
+        for name in ("DISPLAY", "WAYLAND_DISPLAY", "TELLWYN_UPDATE_FEED_URL", "TELLWYN_DOWNLOAD_BASE_URL"):
+            env.pop(name, None)
+        env.update(extra)
+        return env
+
+    def check(self, feed_url=None, download=False, timeout=120, **env):
+        args = [AGENT, "--headless", "--check-for-updates"]
+        if feed_url is not None:
+            args += ["--update-feed", feed_url]
+        if download:
+            args.append("--download")
+        done = subprocess.run(args, capture_output=True, text=True, encoding="utf-8", timeout=timeout,
+                              env=self.environment(**env))
+        return done.returncode, done.stdout.splitlines(), done.stderr.splitlines()
+
+    def serve_feed(self, body, status=200, path="/updates/tellwynagent.txt"):
+        self.http.routes[path] = lambda h: h.reply(status, body)
+        return self.http.url(path)
+
+    def files(self, folder=None):
+        return sorted(os.listdir(folder or self.downloads))
+
+
+class UpdateCheckTest(UpdateTestCase):
+    def assert_check_failed(self, outcome, text):
+        code, out, err = outcome
+        self.assertEqual(code, 1, err)
+        self.assertIn("Couldn't Check for Updates", err)
+        self.assertEqual(err[err.index("Couldn't Check for Updates") + 1], text)
+
+    def test_each_failure_has_its_text(self):
+        cases = [
+            ("not found", 404, b"missing", "The update server returned an error (code 404)."),
+            ("server error", 503, b"", "The update server returned an error (code 503)."),
+            ("empty 204", 204, b"", "Invalid update feed format."),
+            ("not UTF-8", 200, b"2.0.0: caf\xe9", "Could not read the update information."),
+            ("three pipe fields", 200, f"{self.newer}|Major|notes".encode(), "Invalid update feed format."),
+            ("no full stop", 200, b"2", "Invalid update feed format."),
+        ]
+        for name, status, body, text in cases:
+            with self.subTest(name):
+                self.assert_check_failed(self.check(self.serve_feed(body, status)), text)
+
+    def test_refused_connection_gives_the_network_error(self):
+        url = f"http://127.0.0.1:{free_port()}/updates/tellwynagent.txt"
+        code, out, err = self.check(url)
+        self.assertEqual(code, 1)
+        self.assertEqual(err[1], "Connection refused")
+
+    def test_download_options_need_the_check(self):
+        for args in (["--download"], ["--update-feed", self.http.url("/feed.txt")]):
+            with self.subTest(args):
+                done = subprocess.run([AGENT, "--headless", *args], capture_output=True, text=True,
+                                      env=self.environment(), timeout=30)
+                self.assertEqual(done.returncode, 2)
+                self.assertIn("go with --check-for-updates", done.stderr)
+
+    def test_unusable_feed_address(self):
+        self.assert_check_failed(self.check("http://[::1/updates"), "Invalid update feed URL.")
+
+    def test_an_answer_that_is_not_http(self):
+        feed = os.path.join(self.home.name, "feed.txt")
+        with open(feed, "w") as f:
+            f.write(self.newer)
+        self.assert_check_failed(self.check("file://" + feed), "No response from the update server.")
+
+    def test_no_usable_installer_address(self):
+        outcome = self.check(self.serve_feed(self.newer.encode()), TELLWYN_DOWNLOAD_BASE_URL="http://[bad/")
+        self.assert_check_failed(outcome, "The download link for this update is missing or invalid.")
+
+    def test_up_to_date(self):
+        for feed in (self.current, f"{self.current}: Same again", f"{self.current}|Minor||"):
+            with self.subTest(feed):
+                code, out, err = self.check(self.serve_feed(feed.encode()))
+                self.assertEqual(code, 0, err)
+                self.assertEqual(out, ["No Updates Available", "You are using the latest version of TellwynAgent."])
+
+    def test_update_available_over_https_from_the_environment_setting(self):
+        link = self.http.url("/pkg/TellwynAgent_9.deb")
+        self.https.routes["/feed.txt"] = lambda h: h.reply(200, f"\n {self.newer}|Major|New dashboard|{link}\n".encode())
+        code, out, err = self.check(TELLWYN_UPDATE_FEED_URL=self.https.url("/feed.txt"))
+        self.assertEqual(code, 3, err)
+        self.assertEqual(out, ["Update Available", f"Version {self.newer} is ready to download.",
+                               "Release Notes", "New dashboard", link])
+
+
+class InstallerDownloadTest(UpdateTestCase):
+    def test_large_installer_arrives_intact_under_a_free_name(self):
+        # No link in the feed: the fallback installer of the download base is fetched.
+        self.http.routes["/downloads/TellwynAgent.deb"] = serve_blocks(200)
+        with open(os.path.join(self.downloads, "TellwynAgent.deb"), "wb") as f:
+            f.write(b"an older installer")
+        code, out, err = self.check(self.serve_feed(self.newer.encode()), download=True, timeout=240,
+                                    TELLWYN_DOWNLOAD_BASE_URL=self.http.url("/downloads/"))
+        self.assertEqual(code, 4, err)
+        saved = os.path.join(self.downloads, "TellwynAgent (1).deb")
+        self.assertEqual(out[-2:], ["Download complete", saved])
+        self.assertEqual(self.files(), ["TellwynAgent (1).deb", "TellwynAgent.deb"])
+        expected, actual = hashlib.sha256(), hashlib.sha256()
+        for i in range(200):
+            expected.update(block(i))
+        with open(saved, "rb") as f:
+            for piece in iter(lambda: f.read(MIB), b""):
+                actual.update(piece)
+        self.assertEqual(os.path.getsize(saved), 200 * MIB)
+        self.assertEqual(actual.hexdigest(), expected.hexdigest())
+        with open(os.path.join(self.downloads, "TellwynAgent.deb"), "rb") as f:
+            self.assertEqual(f.read(), b"an older installer")
+        self.assertTrue(any(line.startswith("Downloading… 100%") for line in err), err)
+
+    def test_broken_off_download_leaves_nothing(self):
+        self.http.routes["/TellwynAgent.deb"] = serve_blocks(10, stop_after=2 * MIB, chunk=256 * 1024)
+        feed = self.serve_feed(f"{self.newer}|Patch||{self.http.url('/TellwynAgent.deb')}".encode())
+        code, out, err = self.check(feed, download=True)
+        self.assertEqual(code, 5, err)
+        self.assertEqual(err[-2], "Download failed")
+        self.assertEqual(err[-1], "Connection closed")
+        self.assertEqual(self.files(), [])
+
+    def test_https_installer_is_never_continued_over_http(self):
+        self.http.routes["/TellwynAgent.deb"] = serve_blocks(1)
+        plain = self.http.url("/TellwynAgent.deb")
+        self.https.routes["/get"] = lambda h: h.reply(302, headers=[("Location", plain)])
+        feed = self.serve_feed(f"{self.newer}|Major||{self.https.url('/get')}".encode())
+        code, out, err = self.check(feed, download=True)
+        self.assertEqual(code, 5, err)
+        self.assertEqual(err[-2:], ["Download failed",
+                                    "The download was stopped because the server sent it from a secure (https) "
+                                    "address to an insecure one. The installer is only downloaded securely."])
+        self.assertEqual(self.files(), [])
+
+    def test_secure_redirects_are_followed(self):
+        self.https.routes["/TellwynAgent.deb"] = serve_blocks(1)
+        self.http.routes["/get"] = lambda h: h.reply(302, headers=[("Location", self.https.url("/TellwynAgent.deb"))])
+        feed = self.serve_feed(f"{self.newer}|Major||{self.http.url('/get')}".encode())
+        code, out, err = self.check(feed, download=True)
+        self.assertEqual(code, 4, err)
+        self.assertEqual(self.files(), ["TellwynAgent.deb"])
+
+    def test_server_error_and_nothing_to_save(self):
+        cases = [
+            ("missing installer", lambda h: h.reply(404, b"<html>gone</html>"),
+             "Error transferring {url} - server replied: Not Found"),
+            ("nowhere to go", lambda h: h.reply(300, b"choose"),
+             "Download finished but the file location is unknown."),
+        ]
+        for name, route, text in cases:
+            with self.subTest(name):
+                self.http.routes["/TellwynAgent.deb"] = route
+                url = self.http.url("/TellwynAgent.deb")
+                code, out, err = self.check(self.serve_feed(f"{self.newer}|Major||{url}".encode()), download=True)
+                self.assertEqual(code, 5, err)
+                self.assertEqual(err[-2:], ["Download failed", text.format(url=url)])
+                self.assertEqual(self.files(), [])
+
+    def test_downloads_folder_that_cannot_be_used(self):
+        blocker = os.path.join(self.home.name, "not-a-folder")
+        with open(blocker, "w") as f:
+            f.write("x")
+        self.set_downloads_folder(os.path.join(blocker, "Downloads"))
+        self.http.routes["/TellwynAgent.deb"] = serve_blocks(1)
+        feed = self.serve_feed(f"{self.newer}|Major||{self.http.url('/TellwynAgent.deb')}".encode())
+        code, out, err = self.check(feed, download=True)
+        self.assertEqual(code, 5, err)
+        self.assertEqual(err[-2:], ["Download failed", "Could not access your Downloads folder."])
+
+    def test_cancelled_download_leaves_nothing(self):
+        self.http.routes["/TellwynAgent.deb"] = serve_blocks(50, delay=0.02, chunk=64 * 1024)
+        feed = self.serve_feed(f"{self.newer}|Major||{self.http.url('/TellwynAgent.deb')}".encode())
+        args = [AGENT, "--headless", "--check-for-updates", "--download", "--update-feed", feed]
+        process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                   encoding="utf-8", env=self.environment())
+        try:
+            deadline = time.monotonic() + 30
+            while not any(name.endswith(".part") for name in self.files()):
+                self.assertLess(time.monotonic(), deadline, "the download never started")
+                time.sleep(0.05)
+            self.assertTrue(all(name.startswith(".") for name in self.files()), self.files())
+            process.send_signal(signal.SIGINT)
+            out, err = process.communicate(timeout=30)
+        finally:
+            if process.poll() is None:
+                process.kill()
+        self.assertEqual(process.returncode, 6, err)
+        self.assertEqual(err.splitlines()[-1], "Download cancelled.")
+        self.assertEqual(self.files(), [])
+
+
+class DesktopCheckTest(UpdateTestCase):
+    """With a display the same check shows its alert or the update sheet as windows."""
+
+    def setUp(self):
+        super().setUp()
+        self.display = f":{random.randrange(200, 400)}"
+        self.xvfb = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "800x600x24", "-nolisten", "tcp"],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.xvfb.kill)
+        socket_path = f"/tmp/.X11-unix/X{self.display[1:]}"
+        deadline = time.monotonic() + 10
+        while not os.path.exists(socket_path):
+            self.assertIsNone(self.xvfb.poll(), "Xvfb did not start")
+            self.assertLess(time.monotonic(), deadline, "Xvfb did not start")
+            time.sleep(0.05)
+
+    def window_titles(self):
+        tree = subprocess.run(["xwininfo", "-root", "-tree"], capture_output=True, text=True,
+                              env=dict(os.environ, DISPLAY=self.display)).stdout
+        return [line.split('"')[1] for line in tree.splitlines() if line.count('"') >= 2]
+
+    def shows_window(self, feed, title):
+        env = self.environment(DISPLAY=self.display, XDG_RUNTIME_DIR=self.home.name)
+        agent = subprocess.Popen([AGENT, "--check-for-updates", "--update-feed", feed], env=env,
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        try:
+            deadline = time.monotonic() + 20
+            while title not in self.window_titles():
+                self.assertIsNone(agent.poll(), "the agent ended without showing a window")
+                self.assertLess(time.monotonic(), deadline, f"no window {title!r}: {self.window_titles()}")
+                time.sleep(0.1)
+            self.assertIsNone(agent.poll())  # it waits for the user
+        finally:
+            agent.kill()
+            agent.communicate()
+
+    def test_alert_and_sheet_open(self):
+        self.shows_window(self.serve_feed(self.current.encode()), "TellwynAgent")
+        self.shows_window(self.serve_feed(f"{self.newer}: New dashboard".encode()), "Update Available")
+
+
+if __name__ == "__main__":
+    unittest.main()
