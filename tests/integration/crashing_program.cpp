@@ -45,8 +45,9 @@ volatile int g_sink = 0;
 }
 
 [[gnu::noinline]] void crashByDivision() {
+    volatile int dividend = 1;
     volatile int zero = 0;
-    g_sink = 1 / zero;
+    g_sink = dividend / zero;
 }
 
 [[gnu::noinline]] void crashByIllegalInstruction() {
