@@ -1,6 +1,10 @@
 #include "agent_options.h"
 
+#include "crash_reporter.h"
+
 #include <QCommandLineParser>
+
+#include <cstring>
 
 using namespace Qt::StringLiterals;
 
@@ -24,7 +28,11 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     const QCommandLineOption listen(u"listen"_s,
                                     u"Listen on ADDRESS only (default: every address of this machine)."_s,
                                     u"ADDRESS"_s);
-    parser.addOptions({help, version, headless, port, start, configDirectory, dataDirectory, listen});
+    const QCommandLineOption noCrashReporter(
+        u"no-crash-reporter"_s,
+        u"Do not report crashes (also: enableCrashReporter=false in the preferences)."_s);
+    parser.addOptions(
+        {help, version, headless, port, start, configDirectory, dataDirectory, listen, noCrashReporter});
 
     AgentOptionsParse result;
     if (!parser.parse(arguments)) {
@@ -53,6 +61,7 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     options.startServer = parser.isSet(start);
     options.configDirectory = parser.value(configDirectory);
     options.dataDirectory = parser.value(dataDirectory);
+    options.crashReporter = !parser.isSet(noCrashReporter);
     if (parser.isSet(port)) {
         bool ok = false;
         const uint value = parser.value(port).toUInt(&ok);
@@ -74,6 +83,15 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     }
     result.options = options;
     return result;
+}
+
+std::optional<int> crashHelperDescriptor(int argc, char** argv) {
+    if (argc != 3 || std::strcmp(argv[1], CrashReporter::helperOption) != 0) {
+        return std::nullopt;
+    }
+    bool ok = false;
+    const int descriptor = QByteArray(argv[2]).toInt(&ok);
+    return ok && descriptor >= 0 ? std::optional<int>(descriptor) : std::nullopt;
 }
 
 } // namespace tellwyn

@@ -16,6 +16,7 @@ struct AgentOptions {
     QString configDirectory; // empty: the user's configuration folder
     QString dataDirectory;   // empty: the user's data folder
     QHostAddress listenAddress = QHostAddress::Any;
+    bool crashReporter = true; // false: --no-crash-reporter
 };
 
 struct AgentOptionsParse {
@@ -26,5 +27,9 @@ struct AgentOptionsParse {
 };
 
 AgentOptionsParse parseAgentOptions(const QStringList& arguments);
+
+// The descriptor when the binary was started as the crash helper (`--crash-report FD`, hidden);
+// nothing for an ordinary start.
+std::optional<int> crashHelperDescriptor(int argc, char** argv);
 
 } // namespace tellwyn

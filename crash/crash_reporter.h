@@ -28,6 +28,8 @@ public:
     static constexpr int helperDescriptor = 3;
     // Environment variable that replaces the built-in upload address (tests, packagers).
     static constexpr const char* endpointVariable = "TELLWYN_CRASH_REPORT_URL";
+    // Preference that leaves the reporter off when false (the agent installs it by default).
+    static constexpr const char* enabledPreference = "enableCrashReporter";
 
     // Puts the handlers in place; does nothing when already installed. Call it once the
     // application object exists, so that the alert knows whether the process has a display.
