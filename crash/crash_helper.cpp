@@ -63,7 +63,7 @@ QString reportBody(CrashRecord& record) {
     std::vector<std::uint64_t> frames(record.frames,
                                       record.frames + std::min<std::uint32_t>(record.frameCount,
                                                                               CrashRecord::maxFrames));
-    const QStringList callStack = StackSymbolizer::forProcess(record.pid).symbolize(frames);
+    const QStringList callStack = StackSymbolizer::forProcess(record.pid).symbolize(frames, record.instructionAddress);
     if (record.isException == 0) {
         return signalReport(record.signal, callStack);
     }

@@ -24,6 +24,7 @@ struct CrashRecord {
     std::int64_t pid = 0;
     std::int64_t seconds = 0; // time of the crash, UTC seconds since the epoch
     std::int64_t nanoseconds = 0;
+    std::uint64_t instructionAddress = 0; // where the signal struck, 0 when unknown
     std::uint32_t frameCount = 0;
     std::uint32_t reserved = 0;
     std::uint64_t frames[maxFrames] = {};

@@ -22,6 +22,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/ucontext.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -205,12 +206,25 @@ void dieBy(int signal) {
     raise(signal);
 }
 
-void onSignal(int signal, siginfo_t*, void*) {
+std::uint64_t interruptedInstruction(const void* context) {
+    const auto* machine = &static_cast<const ucontext_t*>(context)->uc_mcontext;
+#if defined(__x86_64__)
+    return static_cast<std::uint64_t>(machine->gregs[REG_RIP]);
+#elif defined(__aarch64__)
+    return machine->pc;
+#else
+    static_cast<void>(machine);
+    return 0;
+#endif
+}
+
+void onSignal(int signal, siginfo_t*, void* context) {
     const int savedErrno = errno;
     switch (claimReport()) {
     case Claim::first:
         g_record.signal = signal;
         g_record.isException = 0;
+        g_record.instructionAddress = context != nullptr ? interruptedInstruction(context) : 0;
         captureTimeAndStack();
         reportThroughHelper();
         break;

@@ -143,12 +143,13 @@ StackSymbolizer::Module StackSymbolizer::loadModule(const QString& path) {
     return module;
 }
 
-QStringList StackSymbolizer::symbolize(const std::vector<std::uint64_t>& frames) {
+QStringList StackSymbolizer::symbolize(const std::vector<std::uint64_t>& frames, std::uint64_t interrupted) {
     QStringList lines;
     for (std::size_t index = 0; index < frames.size(); ++index) {
         const std::uint64_t address = frames[index];
         // A return address points just past its call; the call itself belongs to the caller.
-        const std::uint64_t lookup = index > 0 && address > 0 ? address - 1 : address;
+        const bool returnAddress = index > 0 && address > 0 && address != interrupted;
+        const std::uint64_t lookup = returnAddress ? address - 1 : address;
         const Mapping* mapping = mappingFor(lookup);
         QString file = u"???"_s;
         QString where = u"0x%1"_s.arg(static_cast<qulonglong>(address), 0, 16);

@@ -21,7 +21,9 @@ public:
     explicit StackSymbolizer(const QByteArray& maps);
     static StackSymbolizer forProcess(std::int64_t pid);
 
-    QStringList symbolize(const std::vector<std::uint64_t>& frames);
+    // Every frame but the first is a return address, except `interrupted`: the instruction at
+    // which a signal struck, which is looked up as it is.
+    QStringList symbolize(const std::vector<std::uint64_t>& frames, std::uint64_t interrupted = 0);
 
     // The demangled form of a C++ symbol or type name; the name itself when it is not mangled.
     static QString demangle(const QByteArray& name);

@@ -240,6 +240,11 @@ Call Stack:
         QVERIFY2(inner >= 0 && outer == inner + 1, qPrintable(lines.join(u'\n')));
         QVERIFY(lines[inner].startsWith(u"%1"_s.arg(inner, -4) + u"tst_crashreporter "_s));
         QVERIFY(lines[inner].contains(u" 0x%1 "_s.arg(frames[std::size_t(inner)], 16, 16, QChar(u'0'))));
+        // The instruction a signal struck is its own function's, even at the function's first byte,
+        // where the same value as a return address belongs to the code before it.
+        const auto start = reinterpret_cast<std::uintptr_t>(&captureInnerFrames);
+        QVERIFY(symbolizer.symbolize({0, start}, start)[1].endsWith(u"::captureInnerFrames() + 0"_s));
+        QVERIFY(!symbolizer.symbolize({0, start})[1].contains(u"captureInnerFrames"_s));
         // An address in no mapped file is only an address.
         QVERIFY(symbolizer.symbolize({0x10}).constFirst().startsWith(u"0   ???"_s));
     }
