@@ -99,7 +99,8 @@ std::vector<std::thread> startAllocating(std::atomic<bool>& stop, int count) {
             std::vector<std::unique_ptr<char[]>> blocks(64);
             while (!stop.load(std::memory_order_relaxed)) {
                 const std::size_t slot = random() % blocks.size();
-                blocks[slot] = std::make_unique<char[]>(16 + random() % 4096);
+                // Mostly beyond the per-thread cache, so that the heap lock is taken and held often.
+                blocks[slot] = std::make_unique_for_overwrite<char[]>(16 + random() % 65536);
                 blocks[slot][0] = 1;
             }
         });
