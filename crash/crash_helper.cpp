@@ -92,15 +92,17 @@ bool alertPossible(const CrashRecord& record) {
            LinuxDisplayProbe::displayReachable();
 }
 
+// The alert's four paragraphs; the last one names the support address.
 QString alertInformativeText() {
-    return QCoreApplication::translate("CrashReporter", "The application encountered an unexpected error.") +
-           u"\n\n"_s +
-           QCoreApplication::translate("CrashReporter",
-                                       "The developer team at Brevane has been automatically notified of this "
-                                       "crash and will work on a fix as soon as possible.") +
-           u"\n\n"_s + QCoreApplication::translate("CrashReporter", "An update of the app will be available very soon.") +
-           u"\n\n"_s + QCoreApplication::translate("CrashReporter", "Send an email to ") +
-           CrashReporter::supportEmail() + QCoreApplication::translate("CrashReporter", " to be notified asap.");
+    // clang-format off
+    return QStringList{
+        QCoreApplication::translate("CrashReporter", "The application encountered an unexpected error."),
+        QCoreApplication::translate("CrashReporter", "The developer team at Brevane has been automatically notified of this crash and will work on a fix as soon as possible."),
+        QCoreApplication::translate("CrashReporter", "An update of the app will be available very soon."),
+        QCoreApplication::translate("CrashReporter", "Send an email to ") + CrashReporter::supportEmail() +
+            QCoreApplication::translate("CrashReporter", " to be notified asap."),
+    }.join(u"\n\n"_s);
+    // clang-format on
 }
 
 } // namespace
@@ -162,7 +164,8 @@ int CrashReporter::runHelper(int descriptor, int argc, char** argv) {
         alert->setWindowTitle(applicationName);
         alert->setText(QCoreApplication::translate("CrashReporter", "Application Error"));
         alert->setInformativeText(alertInformativeText());
-        alert->addButton(QCoreApplication::translate("CrashReporter", "OK"), QMessageBox::AcceptRole);
+        alert->setDefaultButton(
+            alert->addButton(QCoreApplication::translate("CrashReporter", "OK"), QMessageBox::AcceptRole));
         alert->setWindowFlag(Qt::WindowStaysOnTopHint);
         QObject::connect(alert.get(), &QMessageBox::finished, application.get(), [&answer] {
             answer(HelperMessage::alertDismissed);

@@ -5,7 +5,7 @@ set -euo pipefail
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools libgl-dev libssl-dev
                 libxcb1-dev libxcb-randr0-dev)
-test_packages=(openssl python3 procps)
+test_packages=(openssl python3 procps xvfb xdotool)
 
 wanted=()
 for group in "$@"; do

@@ -278,6 +278,40 @@ class CrashingProgramTest(CrashReportTestCase):
             self.assertLess(elapsed, 10.0 + WAIT_LIMIT)
 
 
+    def test_pressing_ok_in_the_alert_ends_the_wait(self):
+        read_end, write_end = os.pipe()
+        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp"],
+                                pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
+        try:
+            with os.fdopen(read_end) as chosen:
+                display = ":" + chosen.readline().strip()
+            with ReportServer() as server:
+                env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=server.url, DISPLAY=display, LC_ALL="C.UTF-8")
+                env.pop("WAYLAND_DISPLAY", None)
+                env.pop("QT_QPA_PLATFORM", None)
+                child = subprocess.Popen([PROGRAM, "segv", "--gui"], env=env, stdout=subprocess.DEVNULL,
+                                         stderr=subprocess.DEVNULL, preexec_fn=without_core_files)
+                window = ""
+                deadline = time.monotonic() + 8.0
+                while not window and time.monotonic() < deadline:
+                    window = subprocess.run(["xdotool", "search", "--name", "^TellwynAgent$"], env=env,
+                                            capture_output=True, text=True).stdout.strip()
+                    time.sleep(0.1)
+                self.assertTrue(window, "the alert window appeared")
+                self.assertIsNone(child.poll(), "the crashed process waits while the alert is up")
+                pressed = time.monotonic()
+                subprocess.run(["xdotool", "windowfocus", "--sync", window.split()[0], "key", "Return"], env=env,
+                               check=True)
+                self.assertEqual(child.wait(15), -signal.SIGSEGV)
+                # Only the 0.5 s pause is left once the user has pressed OK, not the rest of the 10 s.
+                self.assertLess(time.monotonic() - pressed, 0.5 + 2.0)
+                self.assertEqual(len(server.wait_for_posts(1)), 1)
+        finally:
+            xvfb.terminate()
+            xvfb.wait(10)
+
+
 class AgentCrashTest(CrashReportTestCase):
     def crash_agent(self, number, url, extra_args=(), preferences=None):
         with mock.patch.dict(os.environ, {"TELLWYN_CRASH_REPORT_URL": url}), Agent(extra_args=extra_args) as agent:

@@ -154,8 +154,17 @@ Call Stack:
             << Reason(u"refused"_s)
             << UserInfo(
                    Entries{{u"code"_s, u"111"_s}, {u"category"_s, u"generic"_s}})
-            << u"Exception Type: std::runtime_error\nException Reason: refused\n\n"_s + stack +
-                   u"\n\nUser Info:\ncode: 111\ncategory: generic\n"_s;
+            << uR"(Exception Type: std::runtime_error
+Exception Reason: refused
+
+Call Stack:
+0   tellwyn-agent   0x0000000000401000 main + 12
+1   libc.so.6       0x00007f0000001000 __libc_start_main + 133
+
+User Info:
+code: 111
+category: generic
+)"_s;
         QTest::newRow("empty user info still has its section")
             << Reason(u"refused"_s)
             << UserInfo(Entries{})
