@@ -12,13 +12,11 @@
 #include <QNetworkReply>
 #include <QSocketNotifier>
 #include <QTimer>
-
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <memory>
-
 #include <poll.h>
 #include <unistd.h>
 
@@ -53,17 +51,16 @@ bool readRecord(int descriptor, CrashRecord& record) {
     return record.magic == CrashRecord::magicValue && record.size == sizeof record;
 }
 
-template <std::size_t N>
-QString text(char (&field)[N]) {
+template <std::size_t N> QString text(char (&field)[N]) {
     field[N - 1] = '\0';
     return QString::fromUtf8(field);
 }
 
 QString reportBody(CrashRecord& record) {
-    std::vector<std::uint64_t> frames(record.frames,
-                                      record.frames + std::min<std::uint32_t>(record.frameCount,
-                                                                              CrashRecord::maxFrames));
-    const QStringList callStack = StackSymbolizer::forProcess(record.pid).symbolize(frames, record.instructionAddress);
+    std::vector<std::uint64_t> frames(
+        record.frames, record.frames + std::min<std::uint32_t>(record.frameCount, CrashRecord::maxFrames));
+    const QStringList callStack =
+        StackSymbolizer::forProcess(record.pid).symbolize(frames, record.instructionAddress);
     if (record.isException == 0) {
         return signalReport(record.signal, callStack);
     }
@@ -75,7 +72,8 @@ QString reportBody(CrashRecord& record) {
     exception.callStack = callStack;
     if (record.hasUserInfo != 0) {
         exception.userInfo.emplace();
-        for (std::uint32_t i = 0; i < std::min<std::uint32_t>(record.userInfoCount, CrashRecord::maxUserInfo); ++i) {
+        for (std::uint32_t i = 0; i < std::min<std::uint32_t>(record.userInfoCount, CrashRecord::maxUserInfo);
+             ++i) {
             exception.userInfo->append({text(record.userInfo[i][0]), text(record.userInfo[i][1])});
         }
     }
@@ -124,18 +122,18 @@ int CrashReporter::runHelper(int descriptor, int argc, char** argv) {
     }
     const QString applicationName = text(record->applicationName);
     const QString version = text(record->version);
-    const QString report =
-        crashReportText({applicationName, version, text(record->osVersion),
-                         QDateTime::fromSecsSinceEpoch(record->seconds, Qt::UTC)},
-                        reportBody(*record));
+    const QString report = crashReportText({applicationName, version, text(record->osVersion),
+                                            QDateTime::fromSecsSinceEpoch(record->seconds, Qt::UTC)},
+                                           reportBody(*record));
     // Nothing is stored on disk: standard error (the journal, a terminal) keeps the copy.
     const QByteArray printed = report.toUtf8() + '\n';
     std::fwrite(printed.constData(), 1, static_cast<std::size_t>(printed.size()), stderr);
     std::fflush(stderr);
 
     const bool withAlert = alertPossible(*record);
-    std::unique_ptr<QCoreApplication> application =
-        withAlert ? std::make_unique<QApplication>(argc, argv) : std::make_unique<QCoreApplication>(argc, argv);
+    std::unique_ptr<QCoreApplication> application = withAlert
+                                                        ? std::make_unique<QApplication>(argc, argv)
+                                                        : std::make_unique<QCoreApplication>(argc, argv);
 
     const auto answer = [descriptor](char message) {
         while (write(descriptor, &message, 1) < 0 && errno == EINTR) {

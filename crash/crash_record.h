@@ -15,11 +15,11 @@ struct CrashRecord {
 
     std::uint32_t magic = magicValue;
     std::uint32_t size = sizeof(CrashRecord);
-    std::int32_t signal = 0;           // the fatal signal, 0 for an uncaught exception
-    std::uint32_t isException = 0;     // 1: the exception fields below are filled
-    std::uint32_t hasReason = 0;       // the exception has a reason (`what()`)
-    std::uint32_t hasUserInfo = 0;     // the exception carries user info (possibly empty)
-    std::uint32_t userInfoCount = 0;   // filled entries of userInfo
+    std::int32_t signal = 0;            // the fatal signal, 0 for an uncaught exception
+    std::uint32_t isException = 0;      // 1: the exception fields below are filled
+    std::uint32_t hasReason = 0;        // the exception has a reason (`what()`)
+    std::uint32_t hasUserInfo = 0;      // the exception carries user info (possibly empty)
+    std::uint32_t userInfoCount = 0;    // filled entries of userInfo
     std::uint32_t hasUserInterface = 0; // the crashed process ran a GUI application
     std::int64_t pid = 0;
     std::int64_t seconds = 0; // time of the crash, UTC seconds since the epoch

@@ -2,7 +2,6 @@
 
 #include <QSysInfo>
 #include <QUuid>
-
 #include <csignal>
 
 using namespace Qt::StringLiterals;
@@ -72,8 +71,8 @@ std::optional<CrashUpload> makeCrashUpload(const QUrl& endpoint, const QString& 
                                            const QString& applicationName, const QString& version,
                                            const QString& boundary) {
     const QString userAgent = textOrUnknown(applicationName) + u"-"_s + textOrUnknown(version);
-    if (!endpoint.isValid() || endpoint.isRelative() ||
-        !QStringView(report).isValidUtf16() || !QStringView(userAgent).isValidUtf16()) {
+    if (!endpoint.isValid() || endpoint.isRelative() || !QStringView(report).isValidUtf16() ||
+        !QStringView(userAgent).isValidUtf16()) {
         return std::nullopt;
     }
     CrashUpload upload{QNetworkRequest(endpoint), {}};

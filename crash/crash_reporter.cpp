@@ -4,27 +4,25 @@
 #include "crash_report.h"
 
 #include <QCoreApplication>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <exception>
-#include <string>
-#include <system_error>
-#include <typeinfo>
-#include <vector>
-
 #include <cxxabi.h>
+#include <exception>
 #include <execinfo.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <string>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/ucontext.h>
+#include <system_error>
 #include <time.h>
+#include <typeinfo>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -121,6 +119,7 @@ Claim claimReport() {
 }
 
 void captureTimeAndStack() {
+    g_record.pid = getpid(); // the crashed process, also when it is a fork of the one that installed
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     g_record.seconds = now.tv_sec;
@@ -334,10 +333,10 @@ void prepareHelper() {
 
 void prepareRecord() {
     g_record = CrashRecord{};
-    g_record.pid = getpid();
     copyText(g_record.applicationName, sizeof g_record.applicationName, TELLWYN_PRODUCT_NAME);
     copyText(g_record.version, sizeof g_record.version, TELLWYN_VERSION);
-    copyText(g_record.osVersion, sizeof g_record.osVersion, operatingSystemVersionText().toUtf8().constData());
+    copyText(g_record.osVersion, sizeof g_record.osVersion,
+             operatingSystemVersionText().toUtf8().constData());
     const QCoreApplication* application = QCoreApplication::instance();
     g_record.hasUserInterface = application != nullptr && application->inherits("QGuiApplication") ? 1 : 0;
 }

@@ -2,13 +2,11 @@
 
 #include <QFile>
 #include <QFileInfo>
-
-#include <cxxabi.h>
-#include <elf.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <cxxabi.h>
+#include <elf.h>
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -17,8 +15,7 @@ namespace tellwyn {
 
 namespace {
 
-template <typename T>
-bool readAt(const uchar* data, qint64 size, std::uint64_t offset, T& out) {
+template <typename T> bool readAt(const uchar* data, qint64 size, std::uint64_t offset, T& out) {
     if (offset > static_cast<std::uint64_t>(size) || static_cast<std::uint64_t>(size) - offset < sizeof(T)) {
         return false;
     }
@@ -98,13 +95,14 @@ StackSymbolizer::Module StackSymbolizer::loadModule(const QString& path) {
     const qint64 size = file.size();
     const uchar* data = file.map(0, size);
     Elf64_Ehdr header{};
-    if (data == nullptr || !readAt(data, size, 0, header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
-        header.e_ident[EI_CLASS] != ELFCLASS64) {
+    if (data == nullptr || !readAt(data, size, 0, header) ||
+        std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 || header.e_ident[EI_CLASS] != ELFCLASS64) {
         return module;
     }
     for (std::uint64_t i = 0; i < header.e_phnum; ++i) {
         Elf64_Phdr program{};
-        if (readAt(data, size, header.e_phoff + i * header.e_phentsize, program) && program.p_type == PT_LOAD) {
+        if (readAt(data, size, header.e_phoff + i * header.e_phentsize, program) &&
+            program.p_type == PT_LOAD) {
             module.segments.push_back({program.p_offset, program.p_filesz, program.p_vaddr});
         }
     }
@@ -116,7 +114,8 @@ StackSymbolizer::Module StackSymbolizer::loadModule(const QString& path) {
             continue;
         }
         Elf64_Shdr strings{};
-        if (!readAt(data, size, header.e_shoff + std::uint64_t{section.sh_link} * header.e_shentsize, strings) ||
+        if (!readAt(data, size, header.e_shoff + std::uint64_t{section.sh_link} * header.e_shentsize,
+                    strings) ||
             strings.sh_offset > static_cast<std::uint64_t>(size)) {
             continue;
         }
@@ -163,8 +162,9 @@ QStringList StackSymbolizer::symbolize(const std::vector<std::uint64_t>& frames,
                     continue;
                 }
                 const std::uint64_t virtualAddress = fileOffset - segment.fileOffset + segment.address;
-                auto next = std::upper_bound(owner.symbols.begin(), owner.symbols.end(), virtualAddress,
-                                             [](std::uint64_t value, const Symbol& s) { return value < s.address; });
+                auto next =
+                    std::upper_bound(owner.symbols.begin(), owner.symbols.end(), virtualAddress,
+                                     [](std::uint64_t value, const Symbol& s) { return value < s.address; });
                 // The closest symbol at or below the address, when it covers it.
                 while (next != owner.symbols.begin()) {
                     --next;

@@ -6,7 +6,6 @@
 #include "crash_reporter.h"
 
 #include <QGuiApplication>
-
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -14,16 +13,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <pthread.h>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <sys/mman.h>
 #include <system_error>
 #include <thread>
-#include <vector>
-
-#include <pthread.h>
-#include <sys/mman.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace tellwyn;
 

@@ -5,12 +5,10 @@
 
 #include <QRegularExpression>
 #include <QTest>
-
 #include <exception>
-#include <vector>
-
 #include <execinfo.h>
 #include <signal.h>
+#include <vector>
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
@@ -46,7 +44,8 @@ void customTerminate() {
     std::abort();
 }
 
-void customSignalHandler(int) {}
+void customSignalHandler(int) {
+}
 
 // Feeds timed helper answers to the crashed thread's wait and returns when it stops waiting.
 struct Answer {
@@ -108,8 +107,7 @@ private Q_SLOTS:
     }
 
     void signalReportIsTheWholeText() {
-        QCOMPARE(crashReportText(sampleHeader(), signalReport(SIGSEGV, callStack)),
-                 uR"(Crash Report
+        QCOMPARE(crashReportText(sampleHeader(), signalReport(SIGSEGV, callStack)), uR"(Crash Report
 ============
 App: TellwynAgent
 Version: 1.5.1
@@ -127,9 +125,10 @@ Call Stack:
         ReportHeader header = sampleHeader();
         header.applicationName.clear();
         header.version.clear();
-        QVERIFY(crashReportText(header, {}).startsWith(u"Crash Report\n============\nApp: Unknown\nVersion: Unknown\n"_s));
-        const auto upload = makeCrashUpload(QUrl(u"https://crash.example/crash_reports/index.php"_s), u"x"_s, {}, {},
-                                            u"B"_s);
+        QVERIFY(crashReportText(header, {})
+                    .startsWith(u"Crash Report\n============\nApp: Unknown\nVersion: Unknown\n"_s));
+        const auto upload =
+            makeCrashUpload(QUrl(u"https://crash.example/crash_reports/index.php"_s), u"x"_s, {}, {}, u"B"_s);
         QVERIFY(upload);
         QCOMPARE(upload->request.rawHeader("User-Agent"), QByteArray("Unknown-Unknown"));
     }
@@ -147,13 +146,11 @@ Call Stack:
         QTest::newRow("reason, no user info")
             << Reason(u"bad value"_s) << UserInfo()
             << u"Exception Type: std::runtime_error\nException Reason: bad value\n\n"_s + stack;
-        QTest::newRow("no reason")
-            << Reason() << UserInfo()
-            << u"Exception Type: std::runtime_error\nException Reason: Unknown\n\n"_s + stack;
+        QTest::newRow("no reason") << Reason() << UserInfo()
+                                   << u"Exception Type: std::runtime_error\nException Reason: Unknown\n\n"_s +
+                                          stack;
         QTest::newRow("user info in its order")
-            << Reason(u"refused"_s)
-            << UserInfo(
-                   Entries{{u"code"_s, u"111"_s}, {u"category"_s, u"generic"_s}})
+            << Reason(u"refused"_s) << UserInfo(Entries{{u"code"_s, u"111"_s}, {u"category"_s, u"generic"_s}})
             << uR"(Exception Type: std::runtime_error
 Exception Reason: refused
 
@@ -166,9 +163,9 @@ code: 111
 category: generic
 )"_s;
         QTest::newRow("empty user info still has its section")
-            << Reason(u"refused"_s)
-            << UserInfo(Entries{})
-            << u"Exception Type: std::runtime_error\nException Reason: refused\n\n"_s + stack + u"\n\nUser Info:\n"_s;
+            << Reason(u"refused"_s) << UserInfo(Entries{})
+            << u"Exception Type: std::runtime_error\nException Reason: refused\n\n"_s + stack +
+                   u"\n\nUser Info:\n"_s;
     }
     void exceptionReports() {
         QFETCH(Reason, reason);
@@ -186,7 +183,8 @@ category: generic
         QCOMPARE(upload->request.url(), QUrl(u"https://crash.example/crash_reports/index.php"_s));
         QCOMPARE(upload->request.transferTimeout(), 5000);
         QCOMPARE(upload->request.rawHeader("User-Agent"), QByteArray("TellwynAgent-1.5.1"));
-        QCOMPARE(upload->request.rawHeader("Content-Type"), "multipart/form-data; boundary=" + boundary.toUtf8());
+        QCOMPARE(upload->request.rawHeader("Content-Type"),
+                 "multipart/form-data; boundary=" + boundary.toUtf8());
         QCOMPARE(upload->body, "--" + boundary.toUtf8() + "\r\n" +
                                    "Content-Disposition: form-data; name=\"crashlog\"\r\n" + "\r\n" +
                                    report.toUtf8() + "\r\n" + "--" + boundary.toUtf8() + "--\r\n");
@@ -202,7 +200,8 @@ category: generic
 
     void boundaryIsANewUpperCaseUuid() {
         const QString first = newBoundary();
-        static const QRegularExpression form(u"^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"_s);
+        static const QRegularExpression form(
+            u"^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}$"_s);
         QVERIFY2(form.match(first).hasMatch(), qPrintable(first));
         QVERIFY(first != newBoundary());
     }
@@ -221,7 +220,8 @@ category: generic
         QTest::newRow("upload answer too late for the wait")
             << QList<Answer>{{300 * ms, 'R'}, {900 * ms, 'U'}, {900 * ms, 'N'}} << 900 * ms;
         QTest::newRow("alert dismissed")
-            << QList<Answer>{{300 * ms, 'R'}, {400 * ms, 'U'}, {450 * ms, 'A'}, {4000 * ms, 'D'}} << 4000 * ms;
+            << QList<Answer>{{300 * ms, 'R'}, {400 * ms, 'U'}, {450 * ms, 'A'}, {4000 * ms, 'D'}}
+            << 4000 * ms;
         QTest::newRow("alert left open")
             << QList<Answer>{{300 * ms, 'R'}, {400 * ms, 'U'}, {450 * ms, 'A'}} << (450 + 10000) * ms;
     }
@@ -260,7 +260,8 @@ category: generic
 
     void demanglesTypesAndFunctions() {
         QCOMPARE(StackSymbolizer::demangle("St13runtime_error"), u"std::runtime_error"_s);
-        QCOMPARE(StackSymbolizer::demangle("_ZN7tellwyn13CrashReporter7installEv"), u"tellwyn::CrashReporter::install()"_s);
+        QCOMPARE(StackSymbolizer::demangle("_ZN7tellwyn13CrashReporter7installEv"),
+                 u"tellwyn::CrashReporter::install()"_s);
         QCOMPARE(StackSymbolizer::demangle("main"), u"main"_s);
     }
 
