@@ -89,10 +89,11 @@ void sleepFor(std::int64_t nanoseconds) {
     }
 }
 
-bool writeAll(int descriptor, const void* data, std::size_t size) {
+// A helper that is already gone must not end the process by SIGPIPE instead of its own signal.
+bool sendAll(int descriptor, const void* data, std::size_t size) {
     const char* bytes = static_cast<const char*>(data);
     while (size > 0) {
-        const ssize_t written = write(descriptor, bytes, size);
+        const ssize_t written = send(descriptor, bytes, size, MSG_NOSIGNAL);
         if (written < 0 && errno == EINTR) {
             continue;
         }
@@ -189,7 +190,7 @@ void reportThroughHelper() {
             _exit(127);
         }
         close(ends[1]);
-        if (child > 0 && writeAll(ends[0], &g_record, sizeof g_record)) {
+        if (child > 0 && sendAll(ends[0], &g_record, sizeof g_record)) {
             waitForHelper(ends[0]);
         }
         close(ends[0]);

@@ -174,9 +174,6 @@ int main(int argc, char** argv) {
         crashWhileOthersAllocate(false);
     } else if (how == "stress-kill") {
         crashWhileOthersAllocate(true);
-    } else if (how == "uninstalled") {
-        CrashReporter::uninstall();
-        crashBySegmentationFault();
     } else {
         std::fprintf(stderr, "unknown crash '%s'\n", how.c_str());
         return 2;

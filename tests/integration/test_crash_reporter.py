@@ -230,14 +230,6 @@ class CrashingProgramTest(CrashReportTestCase):
             self.assertLess(elapsed, WAIT_LIMIT)
             self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
 
-    def test_ends_promptly_when_nothing_listens(self):
-        with socket.create_server(("127.0.0.1", 0)) as probe:
-            port = probe.getsockname()[1]
-        result, elapsed, _ = crash("segv", f"http://127.0.0.1:{port}/crash_reports/index.php")
-        self.assertEqual(result.returncode, -signal.SIGSEGV)
-        self.assertLess(elapsed, WAIT_LIMIT)
-        self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
-
     def test_crashes_among_busy_allocating_threads_never_hang(self):
         runs = 24
         with ReportServer() as server:
@@ -260,13 +252,6 @@ class CrashingProgramTest(CrashReportTestCase):
             self.assertEqual(len(server.wait_for_posts(1)), 1)
             self.assertEqual(result.stderr.count(b"terminate called after throwing"), 1)
             self.assertEqual(result.stderr.count(b"Crash Report\n"), 1)
-
-    def test_after_uninstall_nothing_is_reported(self):
-        with ReportServer() as server:
-            result, elapsed, _ = crash("uninstalled", server.url)
-            self.assertEqual(result.returncode, -signal.SIGSEGV)
-            self.assertNotIn(b"Crash Report", result.stderr)
-            self.assertEqual(server.wait_for_posts(1, timeout=1.0), [])
 
     def test_the_alert_holds_the_crashed_process_for_its_wait(self):
         # A GUI application on the offscreen platform: the alert is shown and nobody dismisses it.
