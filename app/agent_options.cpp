@@ -1,6 +1,10 @@
 #include "agent_options.h"
 
+#include "crash_reporter.h"
+
 #include <QCommandLineParser>
+
+#include <cstring>
 
 using namespace Qt::StringLiterals;
 
@@ -37,8 +41,12 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
         u"Ask the update feed at URL instead of the vendor's (also: environment variable "
         u"TELLWYN_UPDATE_FEED_URL)."_s,
         u"URL"_s);
+
+    const QCommandLineOption noCrashReporter(
+        u"no-crash-reporter"_s,
+        u"Do not report crashes (also: enableCrashReporter=false in the preferences)."_s);
     parser.addOptions({help, version, headless, port, start, configDirectory, dataDirectory, listen,
-                       checkForUpdates, downloadUpdate, updateFeed});
+                       checkForUpdates, downloadUpdate, updateFeed, noCrashReporter});
 
     AgentOptionsParse result;
     if (!parser.parse(arguments)) {
@@ -67,6 +75,7 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     options.startServer = parser.isSet(start);
     options.configDirectory = parser.value(configDirectory);
     options.dataDirectory = parser.value(dataDirectory);
+    options.crashReporter = !parser.isSet(noCrashReporter);
     options.checkForUpdates = parser.isSet(checkForUpdates);
     options.downloadUpdate = parser.isSet(downloadUpdate);
     if (parser.isSet(updateFeed)) {
@@ -98,6 +107,15 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     }
     result.options = options;
     return result;
+}
+
+std::optional<int> crashHelperDescriptor(int argc, char** argv) {
+    if (argc != 3 || std::strcmp(argv[1], CrashReporter::helperOption) != 0) {
+        return std::nullopt;
+    }
+    bool ok = false;
+    const int descriptor = QByteArray(argv[2]).toInt(&ok);
+    return ok && descriptor >= 0 ? std::optional<int>(descriptor) : std::nullopt;
 }
 
 } // namespace tellwyn

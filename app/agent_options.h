@@ -20,6 +20,7 @@ struct AgentOptions {
     bool checkForUpdates = false;
     bool downloadUpdate = false;
     std::optional<QString> updateFeedURL;
+    bool crashReporter = true; // false: --no-crash-reporter
 };
 
 struct AgentOptionsParse {
@@ -30,5 +31,9 @@ struct AgentOptionsParse {
 };
 
 AgentOptionsParse parseAgentOptions(const QStringList& arguments);
+
+// The descriptor when the binary was started as the crash helper (`--crash-report FD`, hidden);
+// nothing for an ordinary start.
+std::optional<int> crashHelperDescriptor(int argc, char** argv);
 
 } // namespace tellwyn

@@ -1,5 +1,6 @@
 #include "agent_options.h"
 #include "clipboard_pasteboard.h"
+#include "crash_reporter.h"
 #include "linux_display_probe.h"
 #include "linux_system_events.h"
 #include "linux_system_identity.h"
@@ -82,6 +83,10 @@ QString folderOr(const QString& chosen, QStandardPaths::StandardLocation locatio
 } // namespace
 
 int main(int argc, char** argv) {
+    // Started by the crash reporter of a crashed agent: report that crash and nothing else.
+    if (const std::optional<int> descriptor = crashHelperDescriptor(argc, argv)) {
+        return CrashReporter::runHelper(*descriptor, argc, argv);
+    }
     const std::unique_ptr<QCoreApplication> application = makeApplication(argc, argv);
     QCoreApplication::setApplicationName(u"tellwyn-agent"_s);
     QCoreApplication::setApplicationVersion(QLatin1String(TELLWYN_VERSION));
@@ -102,6 +107,10 @@ int main(int argc, char** argv) {
     SystemClock clock;
     QtScheduler scheduler;
     SettingsPreferences preferences(QDir(configDirectory).filePath(u"tellwyn-agent.conf"_s));
+    if (options.crashReporter &&
+        preferences.storedBool(QLatin1String(CrashReporter::enabledPreference)).value_or(true)) {
+        CrashReporter::install();
+    }
     LinuxSystemIdentity identity;
     LinuxDisplayProbe displays;
     LinuxSystemEvents events;

@@ -1,0 +1,345 @@
+"""The crash reporter: real crashes in child processes, reported to an HTTP server on loopback.
+
+A small program linked with the crash library crashes on purpose in each handled way; the real
+agent is crashed from outside with kill. Each report must arrive as the exact multipart form, be
+copied to standard error, and the process must still end by its signal.
+"""
+import errno
+import http.server
+import os
+import platform
+import re
+import resource
+import signal
+import socket
+import subprocess
+import threading
+import time
+import unittest
+from datetime import datetime, timezone
+from unittest import mock
+
+from agent_process import AGENT, Agent
+
+PROGRAM = os.environ.get("TELLWYN_CRASHING_PROGRAM", "crashing_program")
+BOUNDARY = r"[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}"
+FORM = re.compile(rb"--(?P<boundary>" + BOUNDARY.encode() + rb")\r\n"
+                  rb"Content-Disposition: form-data; name=\"crashlog\"\r\n"
+                  rb"\r\n"
+                  rb"(?P<report>.*)\r\n"
+                  rb"--(?P=boundary)--\r\n\Z", re.S)
+# Helper start, the upload's 0.5 s and the final 0.5 s, with room for a busy machine.
+WAIT_LIMIT = 3.0 + 0.5 + 1.0 + 0.5 + 2.0
+
+
+def agent_version():
+    out = subprocess.run([AGENT, "--version"], capture_output=True, text=True, check=True).stdout
+    return out.split()[1]
+
+
+def os_version():
+    pretty = "Linux"
+    with open("/etc/os-release", encoding="utf-8") as release:
+        for line in release:
+            if line.startswith("PRETTY_NAME="):
+                pretty = line.split("=", 1)[1].strip().strip('"')
+    return f"{pretty} (Linux {platform.release()})"
+
+
+def header(version):
+    return f"""Crash Report
+============
+App: TellwynAgent
+Version: {version}
+OS Version: {os_version()}
+Timestamp: """
+
+
+class ReportServer:
+    """Receives crash reports over HTTP on loopback; with answer=False it reads them but never answers."""
+
+    def __init__(self, answer=True):
+        self.posts = []
+        self.requests_seen = 0
+        self._changed = threading.Condition()
+        if answer:
+            owner = self
+
+            class Handler(http.server.BaseHTTPRequestHandler):
+                def do_POST(self):
+                    body = self.rfile.read(int(self.headers["Content-Length"]))
+                    with owner._changed:
+                        owner.posts.append((self.command, self.path, self.headers, body))
+                        owner._changed.notify_all()
+                    self.send_response(200)
+                    self.end_headers()
+
+                def log_message(self, *args):
+                    pass
+
+            self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+            self._thread = threading.Thread(target=self._server.serve_forever, daemon=True)
+            self.port = self._server.server_address[1]
+        else:
+            self._server = None
+            self._listener = socket.create_server(("127.0.0.1", 0))
+            self._held = []
+            self._thread = threading.Thread(target=self._hold, daemon=True)
+            self.port = self._listener.getsockname()[1]
+        self._thread.start()
+        self.url = f"http://127.0.0.1:{self.port}/crash_reports/index.php"
+
+    def _hold(self):
+        while True:
+            try:
+                connection, _ = self._listener.accept()
+            except OSError:
+                return
+            self._held.append(connection)
+            if connection.recv(65536):
+                with self._changed:
+                    self.requests_seen += 1
+                    self._changed.notify_all()
+
+    def close(self):
+        if self._server:
+            self._server.shutdown()
+            self._server.server_close()
+        else:
+            self._listener.close()
+            for connection in self._held:
+                connection.close()
+
+    def wait_for_posts(self, count, timeout=10.0):
+        with self._changed:
+            self._changed.wait_for(lambda: len(self.posts) >= count, timeout)
+            return list(self.posts)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+
+def without_core_files():
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def crash(how, url, *args, extra_env=None, timeout=60):
+    env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=url, LC_ALL="C.UTF-8")
+    env.pop("DISPLAY", None)
+    env.pop("WAYLAND_DISPLAY", None)
+    env.update(extra_env or {})
+    started = time.monotonic()
+    before = datetime.now(timezone.utc).replace(microsecond=0)
+    result = subprocess.run([PROGRAM, how, *args], env=env, capture_output=True, timeout=timeout,
+                            preexec_fn=without_core_files)
+    return result, time.monotonic() - started, before
+
+
+class CrashReportTestCase(unittest.TestCase):
+    version = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.version = agent_version()
+
+    def assertExactUpload(self, post, before):
+        """Checks the request and form of one upload and returns the report text."""
+        method, path, headers, body = post
+        self.assertEqual(method, "POST")
+        self.assertEqual(path, "/crash_reports/index.php")
+        self.assertEqual(headers["User-Agent"], f"TellwynAgent-{self.version}")
+        form = FORM.match(body)
+        self.assertIsNotNone(form, body[:300])
+        self.assertEqual(headers["Content-Type"], "multipart/form-data; boundary=" + form["boundary"].decode())
+        report = form["report"].decode("utf-8")
+        self.assertTrue(report.startswith(header(self.version)), report[:400])
+        stamp = report[len(header(self.version)):].split("\n", 1)[0]
+        self.assertRegex(stamp, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+        when = datetime.strptime(stamp, "%Y-%m-%dT%H:%M:%SZ").replace(tzinfo=timezone.utc)
+        self.assertTrue(before <= when <= datetime.now(timezone.utc), stamp)
+        return report
+
+    def body_of(self, report):
+        return report.split("\n\n", 1)[1]
+
+
+class CrashingProgramTest(CrashReportTestCase):
+    def test_each_handled_signal_is_reported_and_still_ends_the_process(self):
+        cases = [("segv", signal.SIGSEGV, "SIGSEGV (Segmentation Violation)", "crashBySegmentationFault()"),
+                 ("bus", signal.SIGBUS, "SIGBUS (Bus Error)", "crashByBusError()"),
+                 ("fpe", signal.SIGFPE, "SIGFPE (Floating Point Exception)", "crashByDivision()"),
+                 ("ill", signal.SIGILL, "SIGILL (Illegal Instruction)", "crashByIllegalInstruction()"),
+                 ("trap", signal.SIGTRAP, "SIGTRAP (Trace Trap)", "crashByTrap()"),
+                 ("abort", signal.SIGABRT, "SIGABRT (Abort)", "crashByAbort()")]
+        for how, number, text, function in cases:
+            with self.subTest(how), ReportServer() as server:
+                result, _, before = crash(how, server.url)
+                self.assertEqual(result.returncode, -number, result.stderr.decode(errors="replace"))
+                posts = server.wait_for_posts(1)
+                self.assertEqual(len(posts), 1)
+                report = self.assertExactUpload(posts[0], before)
+                body = self.body_of(report)
+                self.assertTrue(body.startswith(f"Signal Type: {text}\n\nCall Stack:\n0   "), body[:200])
+                self.assertIn(f"(anonymous namespace)::{function} + ", body)
+                self.assertFalse(body.endswith("\n"))
+                self.assertIn(report.encode(), result.stderr)
+
+    def test_uncaught_exceptions_are_reported_then_end_by_abort(self):
+        cases = [("runtime-error", "std::runtime_error", "the widget count went negative", "throwRuntimeError()",
+                  None),
+                 ("system-error", "std::system_error", "connecting to the feed: Connection refused",
+                  "throwSystemError()", f"code: {errno.ECONNREFUSED}\ncategory: generic\n"),
+                 ("int", "int", "Unknown", "throwInteger()", None)]
+        for how, name, reason, function, user_info in cases:
+            with self.subTest(how), ReportServer() as server:
+                result, _, before = crash(how, server.url)
+                stderr = result.stderr.decode(errors="replace")
+                self.assertEqual(result.returncode, -signal.SIGABRT, stderr)
+                posts = server.wait_for_posts(1)
+                self.assertEqual(len(posts), 1, "the abort that follows is not reported again")
+                body = self.body_of(self.assertExactUpload(posts[0], before))
+                self.assertTrue(body.startswith(f"Exception Type: {name}\nException Reason: {reason}\n\n"
+                                                "Call Stack:\n0   "), body[:300])
+                self.assertIn(f"(anonymous namespace)::{function} + ", body)
+                if user_info is None:
+                    self.assertNotIn("User Info", body)
+                    self.assertRegex(body, r"\n\d+ +\S+ +0x[0-9a-f]{16} [^\n]+ \+ \d+\Z")
+                else:
+                    self.assertTrue(body.endswith("\n\nUser Info:\n" + user_info), body[-200:])
+                # The handler found at install runs afterwards: here the runtime's own.
+                self.assertIn(f"terminate called after throwing an instance of '{name}'", stderr)
+
+    def test_a_stack_overflow_is_reported(self):
+        with ReportServer() as server:
+            result, _, before = crash("overflow", server.url)
+            self.assertEqual(result.returncode, -signal.SIGSEGV)
+            body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
+            self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
+            self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
+
+    def test_ends_within_the_waits_when_the_server_never_answers(self):
+        with ReportServer(answer=False) as server:
+            result, elapsed, _ = crash("segv", server.url)
+            self.assertEqual(result.returncode, -signal.SIGSEGV)
+            self.assertEqual(server.requests_seen, 1)
+            # The 0.5 s for the upload and the 0.5 s pause both pass; nothing waits for the 5 s time-out.
+            self.assertGreaterEqual(elapsed, 1.0)
+            self.assertLess(elapsed, WAIT_LIMIT)
+            self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
+
+    def test_crashes_among_busy_allocating_threads_never_hang(self):
+        runs = 24
+        with ReportServer() as server:
+            for run in range(runs):
+                how = "stress-kill" if run % 2 else "stress"
+                with self.subTest(run=run, how=how):
+                    try:
+                        result, elapsed, _ = crash(how, server.url, timeout=20)
+                    except subprocess.TimeoutExpired:
+                        self.fail(f"run {run} ({how}) hung")
+                    self.assertEqual(result.returncode, -signal.SIGSEGV)
+                    self.assertLess(elapsed, WAIT_LIMIT)
+                    self.assertEqual(len(server.wait_for_posts(run + 1)), run + 1)
+                    self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
+
+    def test_installing_twice_reports_once(self):
+        with ReportServer() as server:
+            result, _, _ = crash("runtime-error", server.url, "--install-twice")
+            self.assertEqual(result.returncode, -signal.SIGABRT)
+            self.assertEqual(len(server.wait_for_posts(1)), 1)
+            self.assertEqual(result.stderr.count(b"terminate called after throwing"), 1)
+            self.assertEqual(result.stderr.count(b"Crash Report\n"), 1)
+
+    def test_the_alert_holds_the_crashed_process_for_its_wait(self):
+        # A GUI application on the offscreen platform: the alert is shown and nobody dismisses it.
+        with ReportServer() as server:
+            result, elapsed, before = crash("segv", server.url, "--gui", extra_env={"QT_QPA_PLATFORM": "offscreen"})
+            self.assertEqual(result.returncode, -signal.SIGSEGV)
+            self.assertExactUpload(server.wait_for_posts(1)[0], before)
+            self.assertGreaterEqual(elapsed, 10.0 + 0.5)
+            self.assertLess(elapsed, 10.0 + WAIT_LIMIT)
+
+
+    def test_pressing_ok_in_the_alert_ends_the_wait(self):
+        read_end, write_end = os.pipe()
+        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp"],
+                                pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
+        try:
+            with os.fdopen(read_end) as chosen:
+                display = ":" + chosen.readline().strip()
+            with ReportServer() as server:
+                env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=server.url, DISPLAY=display, LC_ALL="C.UTF-8")
+                env.pop("WAYLAND_DISPLAY", None)
+                env.pop("QT_QPA_PLATFORM", None)
+                child = subprocess.Popen([PROGRAM, "segv", "--gui"], env=env, stdout=subprocess.DEVNULL,
+                                         stderr=subprocess.DEVNULL, preexec_fn=without_core_files)
+                window = ""
+                deadline = time.monotonic() + 8.0
+                while not window and time.monotonic() < deadline:
+                    window = subprocess.run(["xdotool", "search", "--name", "^TellwynAgent$"], env=env,
+                                            capture_output=True, text=True).stdout.strip()
+                    time.sleep(0.1)
+                self.assertTrue(window, "the alert window appeared")
+                self.assertIsNone(child.poll(), "the crashed process waits while the alert is up")
+                pressed = time.monotonic()
+                subprocess.run(["xdotool", "windowfocus", "--sync", window.split()[0], "key", "Return"], env=env,
+                               check=True)
+                self.assertEqual(child.wait(15), -signal.SIGSEGV)
+                # Only the 0.5 s pause is left once the user has pressed OK, not the rest of the 10 s.
+                self.assertLess(time.monotonic() - pressed, 0.5 + 2.0)
+                self.assertEqual(len(server.wait_for_posts(1)), 1)
+        finally:
+            xvfb.terminate()
+            xvfb.wait(10)
+
+
+class AgentCrashTest(CrashReportTestCase):
+    def crash_agent(self, number, url, extra_args=(), preferences=None):
+        with mock.patch.dict(os.environ, {"TELLWYN_CRASH_REPORT_URL": url}), Agent(extra_args=extra_args) as agent:
+            agent.wait_until_running()
+            if preferences is not None:
+                # Read at the next start: stop, write, start again with the same folders.
+                agent.stop()
+                with open(os.path.join(agent.config_dir, "tellwyn-agent.conf"), "a", encoding="utf-8") as conf:
+                    conf.write(preferences)
+                with Agent(port=agent.port, config_dir=agent.config_dir, data_dir=agent.data_dir,
+                           extra_args=extra_args) as again:
+                    again.wait_until_running()
+                    return self._kill(again, number)
+            return self._kill(agent, number)
+
+    def _kill(self, agent, number):
+        before = datetime.now(timezone.utc).replace(microsecond=0)
+        agent.process.send_signal(number)
+        code = agent.process.wait(30)
+        for reader in agent._readers:
+            reader.join(5)
+        return code, before, "\n".join(agent.stderr_lines)
+
+    def test_a_crashed_agent_uploads_its_report_and_dies_by_the_signal(self):
+        for number, text in [(signal.SIGSEGV, "SIGSEGV (Segmentation Violation)"), (signal.SIGABRT, "SIGABRT (Abort)")]:
+            with self.subTest(text), ReportServer() as server:
+                code, before, stderr = self.crash_agent(number, server.url)
+                self.assertEqual(code, -number)
+                posts = server.wait_for_posts(1)
+                self.assertEqual(len(posts), 1)
+                report = self.assertExactUpload(posts[0], before)
+                self.assertRegex(self.body_of(report), f"^Signal Type: {re.escape(text)}\n\nCall Stack:\n0   ")
+                self.assertIn(report, stderr)
+
+    def test_the_option_and_the_preference_leave_the_reporter_off(self):
+        for name, args, preferences in [("option", ["--no-crash-reporter"], None),
+                                        ("preference", [], "enableCrashReporter=false\n")]:
+            with self.subTest(name), ReportServer() as server:
+                code, _, stderr = self.crash_agent(signal.SIGSEGV, server.url, args, preferences)
+                self.assertEqual(code, -signal.SIGSEGV)
+                self.assertNotIn("Crash Report", stderr)
+                self.assertEqual(server.wait_for_posts(1, timeout=1.0), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
