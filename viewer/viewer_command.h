@@ -1,0 +1,53 @@
+#pragma once
+
+// What every command of the viewer shares: exit codes, common options, the target agent and
+// running a session. Each command lives in a file of its own and is listed in main.cpp.
+
+#include "agent_address.h"
+#include "viewer_session.h"
+
+#include <QCommandLineOption>
+#include <QCommandLineParser>
+#include <QStringList>
+#include <QTextStream>
+
+#include <optional>
+
+namespace tellwyn {
+
+extern const QString exitCodesText;
+
+struct CommonOptions {
+    QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help and exit.")};
+    QCommandLineOption name{QStringLiteral("name"),
+                            QStringLiteral("The name this viewer gives the agent (default: this computer's name)."),
+                            QStringLiteral("NAME")};
+    QCommandLineOption knownAgents{QStringLiteral("known-agents"),
+                                   QStringLiteral("Pin agents in FILE instead of ~/.config/tellwyn/known_agents."),
+                                   QStringLiteral("FILE")};
+};
+
+// Prints the mistake and a hint; returns the usage exit code.
+int usageError(QTextStream& err, const QString& command, const QString& text);
+
+// Prints a command's help with the exit codes.
+void printCommandHelp(QTextStream& out, const QCommandLineParser& parser, const QString& command);
+
+// The agent a command talks to, with the viewer's name and its known-agents file.
+struct Target {
+    AgentAddress address;
+    QString name;
+    QString knownAgents;
+};
+
+// HOST[:PORT] from the one positional argument, and the common options.
+std::optional<Target> parseTarget(const QCommandLineParser& parser, const CommonOptions& common, QString* error);
+
+// Runs the event loop until the session ends; Ctrl-C and SIGTERM end it politely.
+int runSession(ViewerSession& session);
+
+// The commands. Each takes the arguments with the command word removed.
+int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+
+} // namespace tellwyn
