@@ -31,7 +31,9 @@ QString enabledText(bool enabled) {
 
 ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
     : QObject(parent), m_environment(std::move(environment)),
-      m_authenticationQueue(std::make_unique<SerialQueue>(u"org.tellwyn.agent.authentication"_s)),
+      // Quality of service "user initiated": a viewer is waiting for the answer.
+      m_authenticationQueue(
+          std::make_unique<SerialQueue>(u"org.tellwyn.agent.authentication"_s, QThread::HighPriority)),
       m_uiLockBlockedUntil(QDateTime(QDate(1, 1, 1), QTime(0, 0), Qt::UTC)) {
     m_serverState.statusMessage = tr("Agent not started");
     m_permissionState.accountStatus = tr("Initializing...");
