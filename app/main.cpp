@@ -134,6 +134,7 @@ int main(int argc, char** argv) {
     AgentEnvironment environment{clock, scheduler, preferences, identity, displays, events, dataDirectory,
                                  options.listenAddress};
     environment.accountVerifier = &accountVerifier;
+    environment.pasteboard = &pasteboard;
     ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.
     QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,

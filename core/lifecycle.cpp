@@ -151,6 +151,7 @@ void ServerManager::setupServer() {
     options.identityDirectory = m_environment.dataDirectory;
     options.listenAddress = m_environment.listenAddress;
     options.client = m_environment.clientSettings;
+    options.client.pasteboard = m_environment.pasteboard;
     options.client.agentName = m_environment.identity.localizedComputerName().value_or(QString());
     options.client.agentVersion = QString::fromLatin1(TELLWYN_VERSION);
     m_server = std::make_unique<HLVPServer>(m_settingsState.serverPort, maxConnections, options);

@@ -19,6 +19,7 @@ namespace tellwyn {
 class AccountVerifier;
 class Clock;
 class DisplayProbe;
+class Pasteboard;
 class Preferences;
 class Scheduler;
 class ScheduledTimer;
@@ -40,6 +41,7 @@ struct AgentEnvironment {
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
     SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
+    Pasteboard* pasteboard = nullptr;               // the machine's clipboard; none: nothing is shared
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
@@ -127,7 +129,12 @@ public:
     // Clipboard sharing and file transfers.
     QString fileTransferDirectory() const;
     void updateClipboardMonitor();
+    void pollPasteboard();
     void handleClipboardSnapshot(const QString& text, const QString& key);
+    void applyFeatureSettings();
+    // What the settings screen does: change the switches in the settings, then apply them.
+    void setFeatureSwitches(bool enableFileTransfers, bool enableClipboardSharing, bool enableLoginItems);
+    bool isClipboardMonitorRunning() const { return m_clipboardMonitorTimer != nullptr; }
 
     // Permissions.
     void screenCaptureStartupPreflight();

@@ -34,6 +34,7 @@ TELLWYN_MESSAGE_NAMES(ScreenCaptureRequest, "screenCaptureRequest")
 TELLWYN_MESSAGE_NAMES(InputEventMessage, "inputEvent")
 TELLWYN_MESSAGE_NAMES(SystemStatsMessage, "systemStats")
 TELLWYN_MESSAGE_NAMES(ClipboardMessage, "clipboard")
+TELLWYN_MESSAGE_NAMES(ClipboardRequestMessage, "clipboardRequest")
 TELLWYN_MESSAGE_NAMES(ErrorMessage, "error")
 TELLWYN_MESSAGE_NAMES(FileOfferMessage, "fileOffer")
 TELLWYN_MESSAGE_NAMES(FileAcceptMessage, "fileAccept")
@@ -204,6 +205,11 @@ QCborMap encodeFields(const SystemStatsMessage& m) {
 QCborMap encodeFields(const ClipboardMessage& m) {
     MapWriter w(u"clipboard"_s);
     w.put(u"text"_s, m.text);
+    w.put(u"sequenceNumber"_s, m.sequenceNumber);
+    return w.map();
+}
+QCborMap encodeFields(const ClipboardRequestMessage& m) {
+    MapWriter w(u"clipboardRequest"_s);
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
     return w.map();
 }
@@ -518,7 +524,11 @@ std::optional<HLVPMessage> decodeFields(const QString& type, MapReader& r) {
         return m;
     }
     if (type == u"clipboard"_s) {
-        return ClipboardMessage{r.text(u"text"_s, HLVP::maxClipboardBytes), sequence()};
+        // Bounded by the frame here; the receiver refuses texts over the clipboard limit itself.
+        return ClipboardMessage{r.text(u"text"_s, maxFrameBytes), sequence()};
+    }
+    if (type == u"clipboardRequest"_s) {
+        return ClipboardRequestMessage{sequence()};
     }
     if (type == u"error"_s) {
         return ErrorMessage{r.text(u"code"_s, maxNameBytes), r.text(u"message"_s), r.optionalText(u"refersTo"_s, maxNameBytes),

@@ -130,6 +130,12 @@ struct ClipboardMessage {
     friend bool operator==(const ClipboardMessage&, const ClipboardMessage&) = default;
 };
 
+// A viewer asks for the machine's current clipboard text; answered with a ClipboardMessage.
+struct ClipboardRequestMessage {
+    std::optional<quint32> sequenceNumber;
+    friend bool operator==(const ClipboardRequestMessage&, const ClipboardRequestMessage&) = default;
+};
+
 // A refusal or protocol error from the agent. `code` is one of the codes in docs/protocol.md.
 struct ErrorMessage {
     QString code;
@@ -198,7 +204,8 @@ struct FileCancelMessage {
 using HLVPMessage =
     std::variant<HandshakeMessage, HandshakeResponseMessage, AuthenticationMessage, AuthenticationResponseMessage,
                  DisconnectMessage, HeartbeatMessage, HeartbeatResponseMessage, ScreenCaptureRequest,
-                 InputEventMessage, SystemStatsMessage, ClipboardMessage, ErrorMessage, FileOfferMessage,
+                 InputEventMessage, SystemStatsMessage, ClipboardMessage, ClipboardRequestMessage, ErrorMessage,
+                 FileOfferMessage,
                  FileAcceptMessage, FileChunkMessage, FileChunkAckMessage, FileCompleteMessage, FileResultMessage,
                  FileCancelMessage>;
 

@@ -2,6 +2,8 @@
 
 #include "hlvp_codec.h"
 
+#include "pasteboard.h"
+
 #include <QSslSocket>
 #include <QTimer>
 
@@ -147,6 +149,40 @@ void HLVPServerClient::sendEncryptedMessage(const HLVPMessage& message, SendComp
     completeLater(std::move(completion), std::nullopt);
 }
 
+void HLVPServerClient::receiveClipboard(const ClipboardMessage& message) {
+    if (!m_clipboardSharingEnabled || m_settings.pasteboard == nullptr) {
+        refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s, u"clipboard"_s);
+        return;
+    }
+    const qsizetype bytes = message.text.toUtf8().size();
+    if (bytes > HLVP::maxClipboardBytes) {
+        refuse(u"clipboardTooLarge"_s,
+               u"Clipboard text of %1 bytes is over the limit of %2 bytes."_s.arg(bytes).arg(HLVP::maxClipboardBytes),
+               u"clipboard"_s);
+        return;
+    }
+    m_settings.pasteboard->setString(message.text);
+    if (m_onClipboardReceived) {
+        m_onClipboardReceived(message.text);
+    }
+}
+
+void HLVPServerClient::sendClipboardSync(const QString& text, SendCompletion completion) {
+    std::optional<QString> problem;
+    if (m_state != HLVP::ConnectionState::authenticated) {
+        problem = u"The viewer has not signed in."_s;
+    } else if (!m_clipboardSharingEnabled) {
+        problem = u"Clipboard sharing is switched off for this connection."_s;
+    } else if (text.toUtf8().size() > HLVP::maxClipboardBytes) {
+        problem = u"The text is larger than %1 bytes."_s.arg(HLVP::maxClipboardBytes);
+    }
+    if (problem && isOpen()) {
+        completeLater(std::move(completion), HLVPError(HLVPError::Code::sendFailed, *problem));
+        return;
+    }
+    sendEncryptedMessage(ClipboardMessage{text, std::nullopt}, std::move(completion));
+}
+
 void HLVPServerClient::stopStreaming() {
     // Screen streams are not served on this platform yet; there is nothing to stop.
 }
@@ -285,11 +321,19 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
         m_goodbyeReceived = true;
         m_frameDeadline->stop();
     } else if (const auto* clipboard = std::get_if<ClipboardMessage>(&message)) {
-        if (!m_clipboardSharingEnabled) {
+        receiveClipboard(*clipboard);
+        return;
+    } else if (std::holds_alternative<ClipboardRequestMessage>(message)) {
+        const std::optional<QString> text =
+            m_settings.pasteboard != nullptr ? m_settings.pasteboard->string() : std::nullopt;
+        if (!m_clipboardSharingEnabled || m_settings.pasteboard == nullptr) {
             refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s,
                    wireType);
-        } else if (m_onClipboardReceived) {
-            m_onClipboardReceived(clipboard->text);
+        } else if (text && text->toUtf8().size() > HLVP::maxClipboardBytes) {
+            refuse(u"clipboardTooLarge"_s, u"The clipboard text is larger than %1 bytes."_s.arg(HLVP::maxClipboardBytes),
+                   wireType);
+        } else {
+            sendEncryptedMessage(ClipboardMessage{text.value_or(QString()), std::get<ClipboardRequestMessage>(message).sequenceNumber});
         }
         return;
     } else if (isFileTransferMessage(message)) {

@@ -14,6 +14,10 @@
 #include <optional>
 
 class QSslSocket;
+
+namespace tellwyn {
+class Pasteboard;
+}
 class QTimer;
 
 namespace tellwyn {
@@ -32,6 +36,7 @@ public:
     struct Settings {
         QString agentName;    // sent in the handshake reply
         QString agentVersion;
+        Pasteboard* pasteboard = nullptr; // where received clipboard texts go; none: they are refused
         // Frames a viewer may send in a burst, and per second on average; more closes the
         // connection. File chunks are paced by the transfer window instead.
         int unauthenticatedFrameBurst = 64;
@@ -79,6 +84,9 @@ public:
     // Queues the message; `completion` runs later on the event loop, with an error when the
     // connection is gone or the viewer has stopped reading.
     void sendEncryptedMessage(const HLVPMessage& message, SendCompletion completion = {});
+    // Sends clipboard text; fails when the viewer has not signed in, sharing is off on this
+    // connection, or the text is over HLVP::maxClipboardBytes in UTF-8.
+    void sendClipboardSync(const QString& text, SendCompletion completion = {});
 
     void stopStreaming();
     // Closes the connection: pending output is flushed for a short while, then the socket is cut.
@@ -95,6 +103,7 @@ private:
     void readFrames();
     bool takeFrameToken(bool isFileChunk);
     void handleMessage(HLVPMessage message);
+    void receiveClipboard(const ClipboardMessage& message);
     void refuse(const QString& code, const QString& text, const std::optional<QString>& refersTo = std::nullopt);
     void closeForProtocolError(const QString& code, const QString& reason, const QString& category);
     bool isOpen() const;

@@ -64,6 +64,7 @@ public:
     FakeSystemEvents events;
     FakeAccountVerifier verifier;
     FakeStatsProvider stats;
+    FakePasteboard pasteboard;
     QTemporaryDir dataDirectory;
     std::unique_ptr<ServerManager> manager;
     quint16 port = 0;
