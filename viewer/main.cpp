@@ -27,6 +27,8 @@ const QList<CommandEntry>& commands() {
          connectCommand},
         {u"stats"_s, u"stats HOST[:PORT] -u USER\n                        sign in and print the agent's first statistics record"_s,
          statsCommand},
+        {u"clip"_s, u"clip get|put|watch HOST[:PORT] -u USER [TEXT]\n                        read, set or follow the agent's clipboard"_s,
+         clipCommand},
     };
     return list;
 }

@@ -30,12 +30,13 @@ def run_as(user):
 class Agent:
     """One agent process with its own configuration and data folders, listening on loopback."""
 
-    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None):
+    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None,
+                 display=None):
         self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
         self.port = port or free_port()
         self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
         self.data_dir = data_dir or os.path.join(self._scratch.name, "data")
-        args = [AGENT, "--headless", "--listen", "127.0.0.1", "--port", str(self.port),
+        args = [AGENT, *([] if display else ["--headless"]), "--listen", "127.0.0.1", "--port", str(self.port),
                 "--config-dir", self.config_dir, "--data-dir", self.data_dir, *extra_args]
         if start:
             args.append("--start")
@@ -47,6 +48,9 @@ class Agent:
             args = run_as(user) + args
         env.pop("DISPLAY", None)
         env.pop("WAYLAND_DISPLAY", None)
+        if display:
+            env["DISPLAY"] = display
+            env["QT_QPA_PLATFORM"] = "xcb"
         self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
                                         text=True, encoding="utf-8", errors="replace")
         self.stdout_lines = []
