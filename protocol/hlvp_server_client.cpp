@@ -1,5 +1,6 @@
 #include "hlvp_server_client.h"
 
+#include "file_transfer_receiver.h"
 #include "hlvp_codec.h"
 
 #include "pasteboard.h"
@@ -59,6 +60,14 @@ HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settin
     // Bytes beyond one whole frame stay in the kernel, so a fast sender is slowed by TCP itself.
     socket->setReadBufferSize(wire::maxFrameBytes + wire::frameHeaderBytes);
     m_tokenClock.start();
+    m_transfers = std::make_unique<FileTransferReceiver>(
+        [this](const HLVPMessage& message) { sendEncryptedMessage(message); },
+        [this] {
+            if (m_onFileTransferActivity) {
+                m_onFileTransferActivity();
+            }
+        },
+        [this](const QString& message, const QString& category) { log(message, category); });
     m_frameDeadline = new QTimer(this);
     m_frameDeadline->setSingleShot(true);
     connect(m_frameDeadline, &QTimer::timeout, this, [this] {
@@ -71,6 +80,7 @@ HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settin
 }
 
 HLVPServerClient::~HLVPServerClient() {
+    m_transfers.reset();
     if (m_socket) {
         m_socket->abort();
     }
@@ -89,6 +99,7 @@ void HLVPServerClient::log(const QString& message, const QString& category) cons
 void HLVPServerClient::configureFileTransfers(bool enabled, const QString& destinationDirectory) {
     m_fileTransfersEnabled = enabled;
     m_fileTransferDirectory = destinationDirectory;
+    m_transfers->configure(enabled, destinationDirectory);
 }
 
 void HLVPServerClient::configureClipboardSharing(bool enabled) {
@@ -193,6 +204,7 @@ void HLVPServerClient::disconnect() {
     }
     m_closing = true;
     m_frameDeadline->stop();
+    m_transfers->abortAll(std::nullopt);
     if (m_socket->state() == QAbstractSocket::UnconnectedState) {
         onSocketDisconnected();
         return;
@@ -217,6 +229,7 @@ void HLVPServerClient::onSocketDisconnected() {
         m_closeDeadline->stop();
     }
     m_frameDeadline->stop();
+    m_transfers->abortAll(std::nullopt);
     log(u"connection closed"_s, u"CONNECTION"_s);
     setConnectionState(HLVP::ConnectionState::disconnected);
 }
@@ -337,11 +350,7 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
         }
         return;
     } else if (isFileTransferMessage(message)) {
-        if (!m_fileTransfersEnabled) {
-            refuse(u"fileTransfersDisabled"_s, u"File transfers are switched off on this computer."_s, wireType);
-        } else {
-            refuse(u"unsupported"_s, u"This agent cannot receive files yet."_s, wireType);
-        }
+        m_transfers->handle(message);
         return;
     }
     if (m_onMessageReceived) {

@@ -11,11 +11,13 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 
 class QSslSocket;
 
 namespace tellwyn {
+class FileTransferReceiver;
 class Pasteboard;
 }
 class QTimer;
@@ -125,6 +127,7 @@ private:
     bool m_fileTransfersEnabled = false;
     QString m_fileTransferDirectory;
     bool m_clipboardSharingEnabled = false;
+    std::unique_ptr<FileTransferReceiver> m_transfers;
     QTimer* m_closeDeadline = nullptr;
     QTimer* m_frameDeadline = nullptr;
     double m_frameTokens = 0;
