@@ -29,6 +29,8 @@ const QList<CommandEntry>& commands() {
          statsCommand},
         {u"clip"_s, u"clip get|put|watch HOST[:PORT] -u USER [TEXT]\n                        read, set or follow the agent's clipboard"_s,
          clipCommand},
+        {u"send"_s, u"send HOST[:PORT] -u USER FILE...\n                        upload files into the agent's Downloads/Tellwyn folder"_s,
+         sendCommand},
     };
     return list;
 }

@@ -78,5 +78,6 @@ int runSession(ViewerSession& session);
 int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 
 } // namespace tellwyn

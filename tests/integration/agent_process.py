@@ -31,7 +31,7 @@ class Agent:
     """One agent process with its own configuration and data folders, listening on loopback."""
 
     def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None,
-                 display=None):
+                 display=None, preferences=None):
         self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
         self.port = port or free_port()
         self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
@@ -40,10 +40,17 @@ class Agent:
                 "--config-dir", self.config_dir, "--data-dir", self.data_dir, *extra_args]
         if start:
             args.append("--start")
+        if preferences:
+            os.makedirs(self.config_dir, exist_ok=True)
+            with open(os.path.join(self.config_dir, "tellwyn-agent.conf"), "w", encoding="utf-8") as conf:
+                conf.write("[General]\n" + "".join(f"{key}={value}\n" for key, value in preferences.items()))
         env = dict(os.environ, LC_ALL="C.UTF-8")
         if user:
             # The agent runs as `user`, in a scratch folder of its own.
-            shutil.chown(self._scratch.name, user=user)
+            for folder, _, files in os.walk(self._scratch.name):
+                shutil.chown(folder, user=user)
+                for name in files:
+                    shutil.chown(os.path.join(folder, name), user=user)
             env["HOME"] = self._scratch.name
             args = run_as(user) + args
         env.pop("DISPLAY", None)
