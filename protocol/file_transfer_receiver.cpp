@@ -222,7 +222,6 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
     transfer.baseName = safeFileName(message.name);
     transfer.savedName = uniqueFileName(m_directory, transfer.baseName);
     transfer.size = message.size;
-    transfer.sha256 = message.sha256;
     // A hidden name of its own until the file is whole and verified.
     transfer.file = std::make_unique<QFile>(folder.filePath(
         u".tellwyn-upload-%1.part"_s.arg(QUuid::createUuid().toString(QUuid::Id128))));
@@ -275,7 +274,7 @@ void FileTransferReceiver::complete(const FileCompleteMessage& message) {
                                                                         sizeText(transfer.size)));
         return;
     }
-    if (transfer.hash->result() != transfer.sha256) {
+    if (transfer.hash->result() != message.sha256) {
         fail(message.transferID, u"The file arrived damaged (its SHA-256 does not match) and was not kept."_s);
         return;
     }

@@ -2,8 +2,8 @@
 
 #include "hlvp.h"
 #include "hlvp_messages.h"
+#include "sha256.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <QString>
 
@@ -60,10 +60,9 @@ private:
         QString baseName;  // the safe name; savedName is it or a numbered form of it
         QString savedName;
         quint64 size = 0;
-        QByteArray sha256;
         quint64 received = 0;
         std::unique_ptr<QFile> file;
-        std::unique_ptr<QCryptographicHash> hash = std::make_unique<QCryptographicHash>(QCryptographicHash::Sha256);
+        std::unique_ptr<Sha256> hash = std::make_unique<Sha256>();
     };
 
     void offer(const FileOfferMessage& message);

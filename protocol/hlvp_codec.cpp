@@ -227,7 +227,6 @@ QCborMap encodeFields(const FileOfferMessage& m) {
     w.put(u"transferID"_s, m.transferID);
     w.put(u"name"_s, m.name);
     w.put(u"size"_s, m.size);
-    w.put(u"sha256"_s, m.sha256);
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
     return w.map();
 }
@@ -257,6 +256,7 @@ QCborMap encodeFields(const FileChunkAckMessage& m) {
 QCborMap encodeFields(const FileCompleteMessage& m) {
     MapWriter w(u"fileComplete"_s);
     w.put(u"transferID"_s, m.transferID);
+    w.put(u"sha256"_s, m.sha256);
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
     return w.map();
 }
@@ -535,12 +535,8 @@ std::optional<HLVPMessage> decodeFields(const QString& type, MapReader& r) {
                             sequence()};
     }
     if (type == u"fileOffer"_s) {
-        FileOfferMessage m{r.text(u"transferID"_s, maxTransferIDBytes), r.textOrBytes(u"name"_s, maxFileNameBytes),
-                           r.unsigned64(u"size"_s), r.bytes(u"sha256"_s, sha256Bytes), sequence()};
-        if (r.ok() && m.sha256.size() != sha256Bytes) {
-            r.fail(u"field \"sha256\" is not %1 bytes"_s.arg(sha256Bytes));
-        }
-        return m;
+        return FileOfferMessage{r.text(u"transferID"_s, maxTransferIDBytes),
+                                r.textOrBytes(u"name"_s, maxFileNameBytes), r.unsigned64(u"size"_s), sequence()};
     }
     if (type == u"fileAccept"_s) {
         return FileAcceptMessage{r.text(u"transferID"_s, maxTransferIDBytes), r.text(u"savedName"_s, maxFileNameBytes),
@@ -555,7 +551,12 @@ std::optional<HLVPMessage> decodeFields(const QString& type, MapReader& r) {
                                    sequence()};
     }
     if (type == u"fileComplete"_s) {
-        return FileCompleteMessage{r.text(u"transferID"_s, maxTransferIDBytes), sequence()};
+        FileCompleteMessage m{r.text(u"transferID"_s, maxTransferIDBytes), r.bytes(u"sha256"_s, sha256Bytes),
+                              sequence()};
+        if (r.ok() && m.sha256.size() != sha256Bytes) {
+            r.fail(u"field \"sha256\" is not %1 bytes"_s.arg(sha256Bytes));
+        }
+        return m;
     }
     if (type == u"fileResult"_s) {
         return FileResultMessage{r.text(u"transferID"_s, maxTransferIDBytes), r.boolean(u"success"_s),

@@ -151,7 +151,6 @@ struct FileOfferMessage {
     QString transferID;
     QString name;        // as the viewer gives it; made safe by the agent before use
     quint64 size = 0;
-    QByteArray sha256;   // 32 bytes
     std::optional<quint32> sequenceNumber;
     friend bool operator==(const FileOfferMessage&, const FileOfferMessage&) = default;
 };
@@ -181,6 +180,7 @@ struct FileChunkAckMessage {
 
 struct FileCompleteMessage {
     QString transferID;
+    QByteArray sha256; // of the whole file, 32 bytes
     std::optional<quint32> sequenceNumber;
     friend bool operator==(const FileCompleteMessage&, const FileCompleteMessage&) = default;
 };

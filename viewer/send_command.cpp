@@ -3,8 +3,8 @@
 #include "viewer_command.h"
 
 #include "hlvp.h"
+#include "sha256.h"
 
-#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -32,20 +32,6 @@ QString durationText(double seconds) {
                          : u"%1:%2"_s.arg(total / 60).arg(total % 60, 2, 10, QChar(u'0'));
 }
 
-std::optional<QByteArray> digestOf(const QString& path, QString* error) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = file.errorString();
-        return std::nullopt;
-    }
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!hash.addData(&file)) {
-        *error = file.errorString();
-        return std::nullopt;
-    }
-    return hash.result();
-}
-
 // Sends the files one after the other, keeping at most the agent's window unacknowledged.
 class Upload : public QObject {
 public:
@@ -64,11 +50,9 @@ private:
             return;
         }
         const QString path = m_paths.at(m_index);
-        QString error;
-        const auto digest = digestOf(path, &error);
         m_file = std::make_unique<QFile>(path);
-        if (!digest || !m_file->open(QIODevice::ReadOnly)) {
-            m_err << u"tellwyn: cannot read %1: %2"_s.arg(path, digest ? m_file->errorString() : error) << Qt::endl;
+        if (!m_file->open(QIODevice::ReadOnly)) {
+            m_err << u"tellwyn: cannot read %1: %2"_s.arg(path, m_file->errorString()) << Qt::endl;
             ++m_failures;
             ++m_index;
             next();
@@ -80,8 +64,9 @@ private:
         m_acknowledged = 0;
         m_window = 0;
         m_completeSent = false;
+        m_hash = std::make_unique<Sha256>();
         m_clock.start();
-        m_session.send(FileOfferMessage{m_id, QFileInfo(path).fileName(), quint64(m_size), *digest, std::nullopt});
+        m_session.send(FileOfferMessage{m_id, QFileInfo(path).fileName(), quint64(m_size), std::nullopt});
     }
 
     void pump() {
@@ -92,12 +77,13 @@ private:
                 fail(u"cannot read %1: %2"_s.arg(m_paths.at(m_index), m_file->errorString()));
                 return;
             }
+            m_hash->addData(data);
             m_session.send(FileChunkMessage{m_id, quint64(m_sent), data, std::nullopt});
             m_sent += data.size();
         }
         if (m_sent == m_size && !m_completeSent) {
             m_completeSent = true;
-            m_session.send(FileCompleteMessage{m_id, std::nullopt});
+            m_session.send(FileCompleteMessage{m_id, m_hash->result(), std::nullopt});
         }
     }
 
@@ -164,6 +150,7 @@ private:
     qsizetype m_index = 0;
     int m_failures = 0;
     std::unique_ptr<QFile> m_file;
+    std::unique_ptr<Sha256> m_hash; // of what has been sent
     QString m_id;
     qint64 m_size = 0;
     qint64 m_sent = 0;

@@ -69,11 +69,10 @@ class FileTransferTest(unittest.TestCase):
                      "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
         self.assertTrue(client.receive_until("authenticationResponse")["success"])
         data = b"not where you think"
-        client.send({"type": "fileOffer", "transferID": "x", "name": b"../../\x00.escape\xff.txt", "size": len(data),
-                     "sha256": hashlib.sha256(data).digest()})
+        client.send({"type": "fileOffer", "transferID": "x", "name": b"../../\x00.escape\xff.txt", "size": len(data)})
         accept = client.receive_until("fileAccept")
         client.send({"type": "fileChunk", "transferID": "x", "offset": 0, "data": data})
-        client.send({"type": "fileComplete", "transferID": "x"})
+        client.send({"type": "fileComplete", "transferID": "x", "sha256": hashlib.sha256(data).digest()})
         result = client.receive_until("fileResult")
         self.assertTrue(result["success"], result)
         self.assertEqual(result["savedName"], accept["savedName"])

@@ -65,14 +65,14 @@ class TestFileTransfer : public QObject {
     // Sends a whole file in chunks; the result message.
     FileResultMessage upload(const QString& id, const QString& name, const QByteArray& data,
                              std::optional<QByteArray> digest = std::nullopt) {
-        receiver->handle(FileOfferMessage{id, name, quint64(data.size()), digest.value_or(sha256(data)), {}});
+        receiver->handle(FileOfferMessage{id, name, quint64(data.size()), {}});
         if (last<FileResultMessage>() && last<FileResultMessage>()->transferID == id) {
             return *last<FileResultMessage>();
         }
         for (qsizetype offset = 0; offset < data.size(); offset += 1000) {
             receiver->handle(FileChunkMessage{id, quint64(offset), data.mid(offset, 1000), {}});
         }
-        receiver->handle(FileCompleteMessage{id, {}});
+        receiver->handle(FileCompleteMessage{id, digest.value_or(sha256(data)), {}});
         return *last<FileResultMessage>();
     }
 
@@ -132,14 +132,14 @@ private Q_SLOTS:
         QVERIFY(first.open(QIODevice::ReadOnly));
         QCOMPARE(first.readAll(), QByteArray("one"));
         // A file that takes the announced name during the transfer is not replaced either.
-        receiver->handle(FileOfferMessage{u"6"_s, u"late.txt"_s, 4, sha256("mine"), {}});
+        receiver->handle(FileOfferMessage{u"6"_s, u"late.txt"_s, 4, {}});
         QCOMPARE(last<FileAcceptMessage>()->savedName, u"late.txt"_s);
         QFile squatter(QDir(folder).filePath(u"late.txt"_s));
         QVERIFY(squatter.open(QIODevice::WriteOnly));
         squatter.write("theirs");
         squatter.close();
         receiver->handle(FileChunkMessage{u"6"_s, 0, "mine", {}});
-        receiver->handle(FileCompleteMessage{u"6"_s, {}});
+        receiver->handle(FileCompleteMessage{u"6"_s, sha256("mine"), {}});
         QCOMPARE(last<FileResultMessage>()->savedName, std::optional<QString>(u"late (1).txt"_s));
         QVERIFY(squatter.open(QIODevice::ReadOnly));
         QCOMPARE(squatter.readAll(), QByteArray("theirs"));
@@ -166,7 +166,7 @@ private Q_SLOTS:
         limits.freeSpace = [freeSpace](const QString&) { return std::optional<quint64>(freeSpace * 550); };
         makeReceiver(limits);
         receiver->configure(enabled, folder);
-        receiver->handle(FileOfferMessage{u"t"_s, u"big.bin"_s, size, sha256("x"), {}});
+        receiver->handle(FileOfferMessage{u"t"_s, u"big.bin"_s, size, {}});
         const auto* result = last<FileResultMessage>();
         QVERIFY(result && !result->success);
         QVERIFY2(result->errorMessage->contains(reasonPart), qPrintable(*result->errorMessage));
@@ -188,7 +188,7 @@ private Q_SLOTS:
         QFETCH(QString, howItEnds);
         const QByteArray data(5000, 'z');
         const QByteArray digest = howItEnds == u"digest"_s ? sha256("other") : sha256(data);
-        receiver->handle(FileOfferMessage{u"t"_s, u"partial.bin"_s, quint64(data.size()), digest, {}});
+        receiver->handle(FileOfferMessage{u"t"_s, u"partial.bin"_s, quint64(data.size()), {}});
         QVERIFY(last<FileAcceptMessage>());
         receiver->handle(FileChunkMessage{u"t"_s, 0, data.left(2000), {}});
         QCOMPARE(activity, 1);
@@ -204,10 +204,10 @@ private Q_SLOTS:
             QCOMPARE(last<FileCancelMessage>()->transferID, u"t"_s);
         } else if (howItEnds == u"digest"_s) {
             receiver->handle(FileChunkMessage{u"t"_s, 2000, data.mid(2000), {}});
-            receiver->handle(FileCompleteMessage{u"t"_s, {}});
+            receiver->handle(FileCompleteMessage{u"t"_s, digest, {}});
             QVERIFY(last<FileResultMessage>()->errorMessage->contains(u"SHA-256"_s));
         } else if (howItEnds == u"short"_s) {
-            receiver->handle(FileCompleteMessage{u"t"_s, {}});
+            receiver->handle(FileCompleteMessage{u"t"_s, digest, {}});
             QVERIFY(!last<FileResultMessage>()->success);
         } else if (howItEnds == u"order"_s) {
             receiver->handle(FileChunkMessage{u"t"_s, 4000, data.left(1000), {}});
