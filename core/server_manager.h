@@ -156,6 +156,9 @@ Q_SIGNALS:
 private:
     void log(const QString& message, const QString& category) const;
     void installTransferCallbacks(HLVPServerClient& client, const QString& key);
+    // Removes a client's name, activity time, state subscription and remote host, and cancels
+    // its statistics push: what every way of removing a client does after the published tables.
+    void forgetClientEntries(const QString& key);
     void handleClientConnectionState(const QString& key, HLVP::ConnectionState state);
     void runStatsPushStep(const std::weak_ptr<Task>& weakTask, const QString& key);
     SystemStatsProvider& statsProvider() const;

@@ -80,6 +80,10 @@ HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settin
 }
 
 HLVPServerClient::~HLVPServerClient() {
+    // Nothing of this object may run from the socket's last signals.
+    if (m_socket) {
+        QObject::disconnect(m_socket, nullptr, this, nullptr);
+    }
     m_transfers.reset();
     if (m_socket) {
         m_socket->abort();
