@@ -21,6 +21,7 @@
 #include <QStandardPaths>
 
 #include <cstdio>
+#include <malloc.h>
 #include <cstring>
 #include <memory>
 
@@ -83,6 +84,11 @@ QString folderOr(const QString& chosen, QStandardPaths::StandardLocation locatio
 } // namespace
 
 int main(int argc, char** argv) {
+    // Uploads pass through in buffers of a few hundred KiB: keep such blocks in the heap and the
+    // heap from shrinking after each, instead of mapping, zeroing and unmapping fresh pages for
+    // every piece of every file.
+    mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
     // Started by the crash reporter of a crashed agent: report that crash and nothing else.
     if (const std::optional<int> descriptor = crashHelperDescriptor(argc, argv)) {
         return CrashReporter::runHelper(*descriptor, argc, argv);
