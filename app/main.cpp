@@ -5,6 +5,8 @@
 #include "linux_system_events.h"
 #include "linux_system_identity.h"
 #include "pam_account_verifier.h"
+#include "secret_service_credential_store.h"
+#include "xdg_autostart_login_item.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "settings_preferences.h"
@@ -141,6 +143,10 @@ int main(int argc, char** argv) {
                                  options.listenAddress};
     environment.accountVerifier = &accountVerifier;
     environment.pasteboard = &pasteboard;
+    SecretServiceCredentialStore credentialStore;
+    environment.credentialStore = &credentialStore;
+    XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
+    environment.loginItem = &loginItem;
     ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.
     QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,

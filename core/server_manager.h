@@ -19,6 +19,8 @@ namespace tellwyn {
 class AccountVerifier;
 class Clock;
 class DisplayProbe;
+class HLVPCredentialStore;
+class LoginItem;
 class Pasteboard;
 class Preferences;
 class Scheduler;
@@ -42,6 +44,8 @@ struct AgentEnvironment {
     SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
     Pasteboard* pasteboard = nullptr;               // the machine's clipboard; none: nothing is shared
+    HLVPCredentialStore* credentialStore = nullptr; // the keyring; none: the lock password stays in memory
+    LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
@@ -140,8 +144,15 @@ public:
     void screenCaptureStartupPreflight();
     void checkScreenCapturePermission();
 
-    // Menu lock.
+    // Launch at login and the menu lock.
     void loadPasswordProtectionSettings();
+    void setPasswordProtection(bool enabled);
+    bool updateLockPassword(const QString& password);
+    bool verifyLockPassword(const QString& text);
+    void registerLoginItem();
+    void unregisterLoginItem();
+    qint64 uiLockFailures() const { return m_uiLockFailures; }
+    QDateTime uiLockBlockedUntil() const { return m_uiLockBlockedUntil; }
 
 Q_SIGNALS:
     void serverStateChanged();
@@ -202,7 +213,7 @@ private:
     qint64 m_lastObservedPasteboardChangeCount = -1;
     std::optional<QString> m_lastRemoteAppliedClipboardContent;
     std::optional<QString> m_lastSentClipboardContent;
-    int m_uiLockFailures = 0;
+    qint64 m_uiLockFailures = 0;
     QDateTime m_uiLockBlockedUntil;
 };
 
