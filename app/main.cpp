@@ -6,6 +6,8 @@
 #include "linux_system_identity.h"
 #include "pam_account_verifier.h"
 #include "secret_service_credential_store.h"
+#include "x11_permission_service.h"
+#include "x11_screen_capture.h"
 #include "xdg_autostart_login_item.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
@@ -147,6 +149,9 @@ int main(int argc, char** argv) {
     environment.credentialStore = &credentialStore;
     XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
     environment.loginItem = &loginItem;
+    X11PermissionService permissions;
+    environment.permissions = &permissions;
+    environment.makeScreenCapture = [] { return std::make_unique<X11ScreenCapture>(); };
     ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.
     QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,

@@ -10,6 +10,7 @@
 #include <QMutex>
 #include <QObject>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -20,6 +21,8 @@ class AccountVerifier;
 class Clock;
 class DisplayProbe;
 class HLVPCredentialStore;
+class HLVPScreenCapture;
+class PermissionService;
 class LoginItem;
 class Pasteboard;
 class Preferences;
@@ -46,6 +49,8 @@ struct AgentEnvironment {
     Pasteboard* pasteboard = nullptr;               // the machine's clipboard; none: nothing is shared
     HLVPCredentialStore* credentialStore = nullptr; // the keyring; none: the lock password stays in memory
     LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails
+    PermissionService* permissions = nullptr;       // screen capture and input; none: neither is allowed
+    std::function<std::unique_ptr<HLVPScreenCapture>()> makeScreenCapture = {}; // for the test capture
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
@@ -143,6 +148,16 @@ public:
     // Permissions.
     void screenCaptureStartupPreflight();
     void checkScreenCapturePermission();
+    void checkAccessibilityPermission();
+    void refreshAllPermissions();
+    void requestScreenCapturePermission();
+    void requestAccessibilityPermission();
+    void validateScreenCaptureRuntime();
+    void finishScreenCaptureValidation(bool success);
+    void openScreenRecordingSettings();
+    void refreshScreenRecordingPermission();
+    void refreshAccessibilityPermission();
+    std::optional<bool> cachedPermission(const QString& key) const;
 
     // Launch at login and the menu lock.
     void loadPasswordProtectionSettings();
@@ -178,6 +193,9 @@ private:
     void updatePermissionState(const std::function<void(PermissionState&)>& change);
     void updateSettingsState(const std::function<void(SettingsState&)>& change);
     void setConfiguringPort(bool value);
+    void setScreenCaptureRequiresRelaunch(bool value);
+    void setRefreshingPermissions(bool value);
+    PermissionService* permissionService() const;
     void stopClipboardMonitor();
     void finishStart(const std::optional<HLVPError>& error, bool headless);
 

@@ -31,6 +31,7 @@ TELLWYN_MESSAGE_NAMES(DisconnectMessage, "disconnect")
 TELLWYN_MESSAGE_NAMES(HeartbeatMessage, "heartbeat")
 TELLWYN_MESSAGE_NAMES(HeartbeatResponseMessage, "heartbeatResponse")
 TELLWYN_MESSAGE_NAMES(ScreenCaptureRequest, "screenCaptureRequest")
+TELLWYN_MESSAGE_NAMES(ScreenCaptureMessage, "screenCapture")
 TELLWYN_MESSAGE_NAMES(InputEventMessage, "inputEvent")
 TELLWYN_MESSAGE_NAMES(SystemStatsMessage, "systemStats")
 TELLWYN_MESSAGE_NAMES(ClipboardMessage, "clipboard")
@@ -144,6 +145,15 @@ QCborMap encodeFields(const ScreenCaptureRequest& m) {
     MapWriter w(u"screenCaptureRequest"_s);
     w.put(u"displayID"_s, m.displayID);
     w.put(u"quality"_s, m.quality);
+    w.put(u"sequenceNumber"_s, m.sequenceNumber);
+    return w.map();
+}
+QCborMap encodeFields(const ScreenCaptureMessage& m) {
+    MapWriter w(u"screenCapture"_s);
+    w.put(u"displayID"_s, m.displayID);
+    w.put(u"width"_s, m.width);
+    w.put(u"height"_s, m.height);
+    w.put(u"imageData"_s, m.imageData);
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
     return w.map();
 }
@@ -462,6 +472,10 @@ std::optional<HLVPMessage> decodeFields(const QString& type, MapReader& r) {
     }
     if (type == u"screenCaptureRequest"_s) {
         return ScreenCaptureRequest{r.optionalUnsigned32(u"displayID"_s), r.optionalNumber(u"quality"_s), sequence()};
+    }
+    if (type == u"screenCapture"_s) {
+        return ScreenCaptureMessage{r.unsigned32(u"displayID"_s), r.unsigned32(u"width"_s), r.unsigned32(u"height"_s),
+                                    r.bytes(u"imageData"_s, maxFrameBytes), sequence()};
     }
     if (type == u"inputEvent"_s) {
         return InputEventMessage{r.text(u"kind"_s, maxNameBytes), r.optionalNumber(u"x"_s), r.optionalNumber(u"y"_s),

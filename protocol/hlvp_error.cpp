@@ -28,6 +28,9 @@ QString HLVPError::printed() const {
     case Code::sendFailed:
         name = u"sendFailed"_s;
         break;
+    case Code::captureFailed:
+        name = u"captureFailed"_s;
+        break;
     }
     return u"HLVPError.%1(\"%2\")"_s.arg(name, m_description);
 }

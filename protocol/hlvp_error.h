@@ -16,6 +16,7 @@ public:
         listenFailed,
         notConnected,
         sendFailed,
+        captureFailed,
     };
 
     HLVPError(Code code, QString description) : m_code(code), m_description(std::move(description)) {}

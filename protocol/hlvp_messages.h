@@ -71,6 +71,16 @@ struct ScreenCaptureRequest {
     friend bool operator==(const ScreenCaptureRequest&, const ScreenCaptureRequest&) = default;
 };
 
+// One picture of a display, as JPEG.
+struct ScreenCaptureMessage {
+    quint32 displayID = 0;
+    quint32 width = 0;
+    quint32 height = 0;
+    QByteArray imageData;
+    std::optional<quint32> sequenceNumber;
+    friend bool operator==(const ScreenCaptureMessage&, const ScreenCaptureMessage&) = default;
+};
+
 struct InputEventMessage {
     QString kind;
     std::optional<double> x;
@@ -203,7 +213,7 @@ struct FileCancelMessage {
 
 using HLVPMessage =
     std::variant<HandshakeMessage, HandshakeResponseMessage, AuthenticationMessage, AuthenticationResponseMessage,
-                 DisconnectMessage, HeartbeatMessage, HeartbeatResponseMessage, ScreenCaptureRequest,
+                 DisconnectMessage, HeartbeatMessage, HeartbeatResponseMessage, ScreenCaptureRequest, ScreenCaptureMessage,
                  InputEventMessage, SystemStatsMessage, ClipboardMessage, ClipboardRequestMessage, ErrorMessage,
                  FileOfferMessage,
                  FileAcceptMessage, FileChunkMessage, FileChunkAckMessage, FileCompleteMessage, FileResultMessage,

@@ -30,7 +30,8 @@ bool allowedBeforeSignIn(const HLVPMessage& message) {
 bool sentOnlyByAgent(const HLVPMessage& message) {
     return std::holds_alternative<HandshakeResponseMessage>(message) ||
            std::holds_alternative<AuthenticationResponseMessage>(message) ||
-           std::holds_alternative<SystemStatsMessage>(message) || std::holds_alternative<FileAcceptMessage>(message) ||
+           std::holds_alternative<SystemStatsMessage>(message) || std::holds_alternative<ScreenCaptureMessage>(message) ||
+           std::holds_alternative<FileAcceptMessage>(message) ||
            std::holds_alternative<FileChunkAckMessage>(message) || std::holds_alternative<FileResultMessage>(message);
 }
 
