@@ -4,6 +4,7 @@
 
 #include "display_probe.h"
 #include "pasteboard.h"
+#include "permission_service.h"
 #include "preferences.h"
 #include "system_events.h"
 #include "system_identity.h"
@@ -60,6 +61,32 @@ class FakeSystemEvents final : public SystemEvents {
     Q_OBJECT
 public:
     using SystemEvents::SystemEvents;
+};
+
+class FakePermissionService final : public PermissionService {
+public:
+    bool screenCaptureAllowed() override {
+        ++screenCaptureQueries;
+        return captureAllowed;
+    }
+    bool requestScreenCapture() override {
+        ++screenCaptureRequests;
+        return requestAnswer;
+    }
+    bool inputInjectionAllowed() override { return inputAllowed; }
+    bool requestInputInjection() override { return inputAllowed; }
+    bool openSettings(SettingsPage page) override {
+        openedPages.append(page);
+        return settingsOpen;
+    }
+
+    bool captureAllowed = false;
+    bool requestAnswer = false;
+    bool inputAllowed = false;
+    bool settingsOpen = true;
+    int screenCaptureQueries = 0;
+    int screenCaptureRequests = 0;
+    QList<SettingsPage> openedPages;
 };
 
 } // namespace tellwyn::testing

@@ -19,7 +19,7 @@ class XDisplay:
     def __init__(self):
         read_end, write_end = os.pipe()
         self.process = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "800x600x24",
-                                         "-nolisten", "tcp", "-ac"], pass_fds=(write_end,),
+                                         "-nolisten", "tcp", "-ac", "-noreset"], pass_fds=(write_end,),
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         os.close(write_end)
         with os.fdopen(read_end) as chosen:

@@ -1,0 +1,55 @@
+// The X11 permission checks and a real capture, run by test_x11_desktop.py on an Xvfb display
+// and with no display at all.
+
+#include "x11_permission_service.h"
+#include "x11_screen_capture.h"
+
+#include <QImage>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+using namespace tellwyn;
+
+class TestX11Desktop : public QObject {
+    Q_OBJECT
+
+    HLVPScreenCapture::Result captureOnce(quint32 display, double quality) {
+        X11ScreenCapture capture;
+        std::optional<HLVPScreenCapture::Result> result;
+        capture.captureScreen(display, quality, this, [&](HLVPScreenCapture::Result r) { result = std::move(r); });
+        [&] { QTRY_VERIFY(result.has_value()); }();
+        capture.cleanup();
+        return *result;
+    }
+
+private Q_SLOTS:
+    void onADisplayBothAreAllowedAndACaptureShowsTheScreen() {
+        X11PermissionService permissions;
+        QVERIFY(permissions.screenCaptureAllowed());
+        QVERIFY(permissions.inputInjectionAllowed()); // Xvfb has XTEST
+        const auto result = captureOnce(0, 0.05);
+        const auto* picture = std::get_if<ScreenCaptureMessage>(&result);
+        QVERIFY2(picture, picture ? "" : qPrintable(std::get<HLVPError>(result).localizedDescription()));
+        QCOMPARE(picture->width, 640U);
+        QCOMPARE(picture->height, 480U);
+        const QImage image = QImage::fromData(picture->imageData, "JPEG");
+        QCOMPARE(image.size(), QSize(640, 480));
+        // A higher quality gives a larger picture of the same screen.
+        const auto better = captureOnce(0, 0.9);
+        QVERIFY(std::holds_alternative<ScreenCaptureMessage>(better));
+        QVERIFY(std::get<ScreenCaptureMessage>(better).imageData.size() >= picture->imageData.size());
+        QVERIFY(std::holds_alternative<HLVPError>(captureOnce(7, 0.5))); // no such display
+    }
+
+    void withoutADisplayNothingIsAllowed() {
+        X11PermissionService permissions;
+        QVERIFY(!permissions.screenCaptureAllowed());
+        QVERIFY(!permissions.inputInjectionAllowed());
+        const auto result = captureOnce(0, 0.05);
+        QVERIFY(std::holds_alternative<HLVPError>(result));
+        QVERIFY(!std::get<HLVPError>(result).localizedDescription().isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestX11Desktop)
+#include "tst_x11_desktop.moc"
