@@ -31,7 +31,7 @@ class Viewer:
         for line in stream:
             lines.append(line)
 
-    def wait_for_output(self, text, timeout=10.0):
+    def wait_for_output(self, text, timeout=30.0):
         deadline = time.monotonic() + timeout
         while time.monotonic() < deadline:
             if text in "".join(self.out):
