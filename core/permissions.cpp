@@ -96,8 +96,8 @@ void ServerManager::checkScreenCapturePermission() {
             if (weak->m_permissionState.screenCaptureAuthorized) {
                 weak->setStatusMessage(tr("Ready for connections"));
             } else if (weak->m_serverState.isRunning) {
-                weak->setStatusMessage(tr("Screen capture permission required. Grant in System Settings > Privacy "
-                                          "& Security > Screen Recording"));
+                weak->setStatusMessage(
+                    tr("Screen capture permission required. Grant in System Settings > Privacy & Security > Screen Recording"));
             } else {
                 weak->setStatusMessage(tr("Ready to start remote service"));
             }
@@ -126,8 +126,7 @@ void ServerManager::checkAccessibilityPermission() {
                     weak->refreshAccessibilityPermission();
                     weak->log(weak->m_permissionState.accessibilityAuthorized
                                   ? u"Accessibility permissions granted"_s
-                                  : u"Accessibility permissions denied - required for remote control input "
-                                    u"simulation"_s,
+                                  : u"Accessibility permissions denied - required for remote control input simulation"_s,
                               u"PERMISSIONS"_s);
                 }
                 task->finish();
@@ -289,8 +288,8 @@ void ServerManager::finishScreenCaptureValidation(bool success) {
             setStatusMessage(tr("Ready for connections"));
         }
     } else if (m_permissionState.screenCaptureAuthorized) {
-        setStatusMessage(tr("Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
-                            "remote viewing does not start."));
+        setStatusMessage(
+            tr("Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if remote viewing does not start."));
     }
 }
 
