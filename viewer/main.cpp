@@ -27,6 +27,7 @@ const QList<CommandEntry>& commands() {
          connectCommand},
         {u"stats"_s, u"stats HOST[:PORT] -u USER\n                        sign in and print the agent's first statistics record"_s,
          statsCommand},
+        {u"watch"_s, u"watch HOST[:PORT] -u USER\n                        sign in and show the statistics live as they arrive"_s, watchCommand},
     };
     return list;
 }

@@ -49,5 +49,10 @@ int runSession(ViewerSession& session);
 // The commands. Each takes the arguments with the command word removed.
 int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int watchCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+
+// Signs in and prints statistics records: the first one only, or (`live`) each as it arrives.
+int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStream& err, const QString& command,
+                      bool live);
 
 } // namespace tellwyn

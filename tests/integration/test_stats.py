@@ -1,0 +1,144 @@
+"""Statistics records from the real agent, running as the test account, to a signed-in viewer:
+one at once and the next about 10 s later, with this machine's own figures."""
+import datetime
+import json
+import os
+import subprocess
+import time
+import unittest
+
+from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
+from agent_process import Agent
+from hlvp_client import HLVPClient
+
+VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
+
+ALWAYS_PRESENT = ["totalMemory", "freeMemory", "totalDiskSpace", "freeDiskSpace", "cpuUsage", "osVersion",
+                  "macModel", "activeProcess", "uptimeSeconds", "agentVersion", "screenCaptureAuthorized",
+                  "accessibilityAuthorized", "primaryIPAddress", "loggedInUser", "networkName", "displayCount",
+                  "mainDisplayResolution", "serialNumber", "hardwareUUID", "fileVaultEnabled", "sipEnabled",
+                  "gatekeeperEnabled", "mdmEnrolled", "lastBootTime", "lastSleepCause", "lastWakeCause",
+                  "diskVolumes"]
+
+
+def mem_total_bytes():
+    with open("/proc/meminfo") as meminfo:
+        for line in meminfo:
+            if line.startswith("MemTotal:"):
+                return int(line.split()[1]) * 1024
+    raise AssertionError("no MemTotal")
+
+
+def uptime_seconds():
+    with open("/proc/uptime") as uptime:
+        return float(uptime.read().split()[0])
+
+
+def pretty_name():
+    for path in ("/etc/os-release", "/usr/lib/os-release"):
+        try:
+            with open(path) as release:
+                for line in release:
+                    if line.startswith("PRETTY_NAME="):
+                        return line.split("=", 1)[1].strip().strip('"')
+        except OSError:
+            pass
+    return None
+
+
+@unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
+class StatsTest(unittest.TestCase):
+    def setUp(self):
+        self.agent = Agent(user=TEST_USER)
+        self.agent.wait_until_running()
+        self.known = os.path.join(self.agent.config_dir, "..", "known_agents")
+
+    def tearDown(self):
+        self.agent.close()
+
+    def test_a_signed_in_viewer_gets_a_record_at_once_and_another_ten_seconds_later(self):
+        client = HLVPClient(self.agent.port)
+        client.handshake("Stats Viewer")
+        client.send({"type": "authentication", "method": "password",
+                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
+        self.assertTrue(client.receive_until("authenticationResponse", timeout=15)["success"])
+        signed_in = time.monotonic()
+        first = client.receive_until("systemStats", timeout=10)
+        first_at = time.monotonic()
+        second = client.receive_until("systemStats", timeout=20)
+        second_at = time.monotonic()
+        client.close()
+
+        self.assertLess(first_at - signed_in, 5.0)  # at once, not after one interval
+        self.assertGreater(second_at - first_at, 8.0)
+        self.assertLess(second_at - first_at, 13.0)
+
+        for record in (first, second):
+            missing = [field for field in ALWAYS_PRESENT if field not in record]
+            self.assertEqual(missing, [])
+            self.assertNotIn("sequenceNumber", record)
+            self.assertEqual(record["totalMemory"], mem_total_bytes())
+            self.assertGreater(record["freeMemory"], 0)
+            self.assertLessEqual(record["freeMemory"], record["totalMemory"])
+            self.assertGreaterEqual(record["cpuUsage"], 0.0)
+            self.assertLessEqual(record["cpuUsage"], 1.0)
+            root = os.statvfs("/")
+            self.assertEqual(record["totalDiskSpace"], root.f_blocks * root.f_frsize)
+            self.assertAlmostEqual(record["freeDiskSpace"], root.f_bavail * root.f_frsize, delta=1 << 30)
+            self.assertEqual(record["diskVolumes"][0]["path"], "/")
+            self.assertEqual(record["diskVolumes"][0]["totalBytes"], record["totalDiskSpace"])
+            self.assertTrue(all(volume["totalBytes"] > 0 for volume in record["diskVolumes"]))
+            self.assertLessEqual(abs(record["uptimeSeconds"] - uptime_seconds()), 15)
+            boot = record["lastBootTime"]
+            if isinstance(boot, str):
+                boot = datetime.datetime.fromisoformat(boot.replace("Z", "+00:00"))
+            expected_boot = time.time() - uptime_seconds()
+            self.assertLess(abs(boot.timestamp() - expected_boot), 15)
+            if pretty_name():
+                self.assertEqual(record["osVersion"], pretty_name())
+            self.assertTrue(record["macModel"])
+            self.assertEqual(record["agentVersion"], self.agent_version())
+            # Without a display: nothing in front, no screens, nobody on a seat but the agent's account.
+            self.assertEqual(record["activeProcess"], "System")
+            self.assertEqual(record["displayCount"], 0)
+            self.assertEqual(record["mainDisplayResolution"], "")
+            self.assertFalse(record["screenCaptureAuthorized"])
+            if not os.path.exists("/run/systemd/seats/seat0"):
+                self.assertEqual(record["loggedInUser"], TEST_USER)
+        # Figures computed once are the same in both records.
+        for field in ("osVersion", "macModel", "serialNumber", "hardwareUUID"):
+            self.assertEqual(first[field], second[field])
+        self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
+
+    def test_the_viewer_prints_the_record_readably_and_as_json(self):
+        def stats(*extra):
+            viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
+                                     "--password-stdin", "--known-agents", self.known, *extra],
+                                    input=TEST_PASSWORD + "\n", capture_output=True, text=True, timeout=30,
+                                    env=dict(os.environ, LC_ALL="C.UTF-8"))
+            self.assertEqual(viewer.returncode, 0, viewer.stderr)
+            return viewer.stdout
+
+        record = json.loads(stats("--json"))
+        self.assertEqual(record["totalMemory"], mem_total_bytes())
+        self.assertEqual(record["diskVolumes"][0]["path"], "/")
+        self.assertNotIn("sequenceNumber", record)
+
+        text = stats()
+        gib = mem_total_bytes() / (1 << 30)
+        self.assertRegex(text, rf"(?m)^Total memory: +{gib:.1f} GiB$")
+        self.assertRegex(text, r"(?m)^Uptime: +\d+ days?, \d+ hours?$")
+        self.assertRegex(text, r"(?m)^Active application: +System$")
+        self.assertRegex(text, r"(?m)^Screen locked: +(yes|no|unknown)$")
+        self.assertRegex(text, r"(?m)^Volumes:\n  / ")
+
+    @staticmethod
+    def agent_version():
+        # "tellwyn-agent 1.0.0 (build 1)" becomes "1.0.0 (1)".
+        words = subprocess.run([os.environ.get("TELLWYN_AGENT", "tellwyn-agent"), "--version"],
+                               capture_output=True, text=True).stdout.split()
+        return f"{words[1]} ({words[3].rstrip(')')})"
+
+
+if __name__ == "__main__":
+    unittest.main()
