@@ -144,7 +144,7 @@ bool assessmentStatusIsEnabled(const QString& output) {
 }
 
 bool enrollmentStatusIsEnrolled(const QString& output) {
-    static const QRegularExpression enrolled(u"(?im)^\\s*MDM enrollment:\\s*yes\\b"_s);
+    static const QRegularExpression enrolled(QString::fromUtf16(uR"((?im)^\s*MDM enrollment:\s*yes\b)"));
     return enrolled.match(output).hasMatch();
 }
 

@@ -239,6 +239,7 @@ std::optional<InterfaceAddress> LinuxHostProbes::primaryInterface() {
 }
 
 QString LinuxHostProbes::loggedInUser() {
+    // A greeter session is the display manager's login screen, as "loginwindow" is elsewhere: nobody.
     const auto user = m_session.activeSeatUser();
     if (user && !user->isGreeter && !user->name.isEmpty()) {
         return user->name;

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QStringDecoder>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -21,6 +22,7 @@ namespace tellwyn {
 namespace {
 
 constexpr std::chrono::milliseconds graceAfterTerminate{1000};
+std::atomic<quint64> startedRuns{0};
 // Output beyond what the pipe holds would stall the tool until its limit, as the output is
 // only read once it has ended; a larger pipe leaves room for the tools' usual answers.
 constexpr int outputPipeSize = 1 << 20;
@@ -99,6 +101,10 @@ QByteArray readAvailable(int fd) {
 
 } // namespace
 
+quint64 toolRunsStarted() {
+    return startedRuns.load();
+}
+
 QString runTool(const QString& path, const QStringList& arguments, std::chrono::milliseconds timeLimit) {
     Fd outRead, outWrite, errRead, errWrite;
     if (!makePipe(outRead, outWrite) || !makePipe(errRead, errWrite)) {
@@ -130,6 +136,7 @@ QString runTool(const QString& path, const QStringList& arguments, std::chrono::
     if (spawned != 0) {
         return {};
     }
+    ++startedRuns;
 
     Fd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     if (!waitForExit(pid, pidfd.get(), timeLimit)) {

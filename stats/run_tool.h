@@ -14,4 +14,7 @@ namespace tellwyn {
 // Blocks the calling thread for the whole run.
 QString runTool(const QString& path, const QStringList& arguments, std::chrono::milliseconds timeLimit);
 
+// How many tools this process has started so far (for the benchmark's count of processes).
+quint64 toolRunsStarted();
+
 } // namespace tellwyn
