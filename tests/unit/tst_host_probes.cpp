@@ -330,12 +330,14 @@ private Q_SLOTS:
     }
 
     void runToolReturnsStandardOutputOnly() {
+        const quint64 startedBefore = toolRunsStarted();
         QCOMPARE(runTool(u"/bin/sh"_s, {u"-c"_s, u"printf 'caf\\303\\251\\n'; echo noise >&2; exit 3"_s}, 5s),
                  u"café\n"_s);
         QCOMPARE(runTool(u"/bin/sh"_s, {u"-c"_s, u"printf '\\377\\376'"_s}, 5s), QString()); // not UTF-8
         QCOMPARE(runTool(u"/nonexistent/tool"_s, {}, 5s), QString());
         // Output larger than a default pipe still arrives whole.
         QCOMPARE(runTool(u"/bin/sh"_s, {u"-c"_s, u"head -c 200000 /dev/zero | tr '\\0' a"_s}, 5s).size(), 200000);
+        QCOMPARE(toolRunsStarted(), startedBefore + 3); // the missing one never started
     }
 
     void runToolStopsAToolAtItsLimit() {
