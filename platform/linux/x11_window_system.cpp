@@ -56,7 +56,8 @@ public:
         return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
     }
 
-    // The 32-bit items of a window property; empty when it is missing.
+    // The 32-bit items of a window property; empty when it is missing. Types are not insisted on:
+    // some clients write a CARDINAL where a WINDOW belongs.
     std::vector<uint32_t> cardinals(xcb_window_t window, xcb_atom_t property, xcb_atom_t type) const {
         const auto reply = owned(xcb_get_property_reply(
             m_connection, xcb_get_property(m_connection, 0, window, property, type, 0, 4096), nullptr));
@@ -97,7 +98,7 @@ QList<WindowSystem::WindowOwner> X11WindowSystem::frontWindowOwners() {
     const xcb_atom_t normalAtom = x.atom("_NET_WM_WINDOW_TYPE_NORMAL");
     const auto owner = [&](xcb_window_t window, bool active) {
         WindowOwner result;
-        const auto pid = x.cardinals(window, pidAtom, XCB_ATOM_CARDINAL);
+        const auto pid = x.cardinals(window, pidAtom, XCB_ATOM_ANY);
         result.pid = pid.empty() ? 0 : qint64(pid.front());
         // WM_CLASS is "instance\0class\0".
         const QList<QByteArray> parts = x.bytes(window, XCB_ATOM_WM_CLASS).split('\0');
@@ -107,11 +108,11 @@ QList<WindowSystem::WindowOwner> X11WindowSystem::frontWindowOwners() {
     };
 
     QList<WindowOwner> owners;
-    const auto active = x.cardinals(root, x.atom("_NET_ACTIVE_WINDOW"), XCB_ATOM_WINDOW);
+    const auto active = x.cardinals(root, x.atom("_NET_ACTIVE_WINDOW"), XCB_ATOM_ANY);
     if (!active.empty() && active.front() != XCB_WINDOW_NONE) {
         owners.append(owner(active.front(), true));
     }
-    const auto stacking = x.cardinals(root, x.atom("_NET_CLIENT_LIST_STACKING"), XCB_ATOM_WINDOW);
+    const auto stacking = x.cardinals(root, x.atom("_NET_CLIENT_LIST_STACKING"), XCB_ATOM_ANY);
     for (auto it = stacking.crbegin(); it != stacking.crend(); ++it) {
         const auto types = x.cardinals(*it, typeAtom, XCB_ATOM_ATOM);
         // A managed window without a type is a normal one.

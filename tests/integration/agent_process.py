@@ -30,7 +30,8 @@ def run_as(user):
 class Agent:
     """One agent process with its own configuration and data folders, listening on loopback."""
 
-    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None):
+    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None,
+                 display=None):
         self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
         self.port = port or free_port()
         self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
@@ -47,6 +48,8 @@ class Agent:
             args = run_as(user) + args
         env.pop("DISPLAY", None)
         env.pop("WAYLAND_DISPLAY", None)
+        if display:
+            env["DISPLAY"] = display  # an X server the agent may see, while still running headless
         self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
                                         text=True, encoding="utf-8", errors="replace")
         self.stdout_lines = []

@@ -3,6 +3,7 @@ one at once and the next about 10 s later, with this machine's own figures."""
 import datetime
 import json
 import os
+import random
 import subprocess
 import time
 import unittest
@@ -138,6 +139,75 @@ class StatsTest(unittest.TestCase):
         words = subprocess.run([os.environ.get("TELLWYN_AGENT", "tellwyn-agent"), "--version"],
                                capture_output=True, text=True).stdout.split()
         return f"{words[1]} ({words[3].rstrip(')')})"
+
+
+def sign_in_and_receive(agent):
+    client = HLVPClient(agent.port)
+    try:
+        client.handshake("Stats Viewer")
+        client.send({"type": "authentication", "method": "password",
+                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
+        assert client.receive_until("authenticationResponse", timeout=15)["success"]
+        return client.receive_until("systemStats", timeout=10)
+    finally:
+        client.close()
+
+
+@unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
+class StatsWithDisplayTest(unittest.TestCase):
+    """With an X server the record counts its screens and says whether capture and input work."""
+
+    def setUp(self):
+        self.display = f":{random.randrange(400, 600)}"
+        self.xvfb = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "1280x800x24", "-nolisten", "tcp"],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.xvfb.wait, 10)
+        self.addCleanup(self.xvfb.kill)
+        socket_path = f"/tmp/.X11-unix/X{self.display[1:]}"
+        deadline = time.monotonic() + 10
+        while not os.path.exists(socket_path):
+            self.assertIsNone(self.xvfb.poll(), "Xvfb did not start")
+            self.assertLess(time.monotonic(), deadline, "Xvfb did not start")
+            time.sleep(0.05)
+        self.agent = Agent(user=TEST_USER, display=self.display)
+        self.addCleanup(self.agent.close)
+        self.agent.wait_until_running()
+
+    def x(self, *command):
+        return subprocess.run(command, capture_output=True, text=True, check=True, timeout=20,
+                              env=dict(os.environ, DISPLAY=self.display)).stdout
+
+    def test_the_application_in_front_is_the_active_windows_else_the_top_ones(self):
+        # No window manager runs here: the test writes the properties one would.
+        message = subprocess.Popen(["xmessage", "in front"], env=dict(os.environ, DISPLAY=self.display),
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(message.wait, 10)
+        self.addCleanup(message.kill)
+        window = self.x("xdotool", "search", "--sync", "--class", "Xmessage").split()[0]
+        self.x("xprop", "-id", window, "-f", "_NET_WM_PID", "32c", "-set", "_NET_WM_PID", str(message.pid))
+        self.x("xprop", "-root", "-f", "_NET_ACTIVE_WINDOW", "32c", "-set", "_NET_ACTIVE_WINDOW", window)
+        self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "xmessage")
+
+        # Nothing active: the top of the stacking list, here a window claimed for the X server's process.
+        self.x("xprop", "-root", "-remove", "_NET_ACTIVE_WINDOW")
+        self.x("xprop", "-id", window, "-f", "_NET_WM_PID", "32c", "-set", "_NET_WM_PID", str(self.xvfb.pid))
+        self.x("xprop", "-root", "-f", "_NET_CLIENT_LIST_STACKING", "32c", "-set", "_NET_CLIENT_LIST_STACKING",
+               window)
+        self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "Xvfb")
+
+        # The agent's own window never counts: the last name found stays.
+        self.x("xprop", "-id", window, "-f", "_NET_WM_PID", "32c", "-set", "_NET_WM_PID",
+               str(self.agent.process.pid))
+        self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "Xvfb")
+
+    def test_screens_capture_and_input_come_from_the_x_server(self):
+        record = sign_in_and_receive(self.agent)
+        self.assertEqual(record["displayCount"], 1)
+        self.assertEqual(record["mainDisplayResolution"], "1280 x 800")
+        self.assertTrue(record["screenCaptureAuthorized"])
+        self.assertTrue(record["accessibilityAuthorized"])  # Xvfb has XTEST
+        # No window manager names an active window: nothing has been in front yet.
+        self.assertEqual(record["activeProcess"], "System")
 
 
 if __name__ == "__main__":
