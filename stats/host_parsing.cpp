@@ -244,8 +244,7 @@ bool isListedVolume(const MountEntry& mount) {
     if (isNetworkFileSystem(mount.fileSystemType)) {
         return true;
     }
-    // Bind mounts of a folder show the same volume a second time.
-    return mount.source.startsWith(u"/dev/"_s) && mount.root == u"/"_s;
+    return mount.source.startsWith(u"/dev/"_s);
 }
 
 QString volumeName(const QString& label, const QString& mountPoint) {

@@ -35,7 +35,7 @@ struct MountEntry {
     QString source;
     QString mountPoint;
     QString fileSystemType;
-    QString root; // the part of the file system mounted there; "/" unless a bind mount
+    QString root; // the part of the file system mounted there: "/" for all of it
     QString majorMinor;
 };
 

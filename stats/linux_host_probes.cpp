@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QObject>
+#include <QSet>
 #include <QStandardPaths>
 
 #include <arpa/inet.h>
@@ -280,6 +281,11 @@ QString LinuxHostProbes::hardwareUUID() {
     return trimmedText(read(u"/sys/class/dmi/id/product_uuid"_s));
 }
 
+QString LinuxHostProbes::blockDeviceName(const QString& source) const {
+    const QFileInfo info(path(source));
+    return info.isSymLink() ? QFileInfo(info.symLinkTarget()).fileName() : info.fileName();
+}
+
 bool LinuxHostProbes::sitsOnDmCrypt(const QString& blockDevice, int depth) const {
     if (depth > deepestDeviceStack) {
         return false;
@@ -298,13 +304,18 @@ bool LinuxHostProbes::sitsOnDmCrypt(const QString& blockDevice, int depth) const
 }
 
 bool LinuxHostProbes::diskEncryptionEnabled() {
-    QString device;
+    std::optional<MountEntry> root;
     for (const MountEntry& mount : parseMountInfo(read(u"/proc/self/mountinfo"_s))) {
         if (mount.mountPoint == u"/"_s) {
-            device = mount.majorMinor; // the last mount on "/" is the one in use
+            root = mount; // the last mount on "/" is the one in use
         }
     }
-    return !device.isEmpty() && sitsOnDmCrypt(u"/sys/dev/block/"_s + device, 0);
+    if (!root) {
+        return false;
+    }
+    // Btrfs and the like report a device number of their own: then the device they were mounted from.
+    return sitsOnDmCrypt(u"/sys/dev/block/"_s + root->majorMinor, 0) ||
+           (root->source.startsWith(u"/dev/"_s) && sitsOnDmCrypt(u"/sys/class/block/"_s + blockDeviceName(root->source), 0));
 }
 
 bool LinuxHostProbes::platformIntegrityEnabled() {
@@ -353,10 +364,6 @@ QList<HLVPDiskVolumeInfo> LinuxHostProbes::volumes() {
     for (const QFileInfo& entry : byLabel.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
         labels.insert(QFileInfo(entry.symLinkTarget()).fileName(), decodeUdevLabel(entry.fileName()));
     }
-    const auto deviceName = [this](const QString& source) {
-        const QFileInfo info(path(source));
-        return info.isSymLink() ? QFileInfo(info.symLinkTarget()).fileName() : info.fileName();
-    };
 
     QHash<QString, MountEntry> byMountPoint; // a later mount hides an earlier one at the same place
     QStringList order;
@@ -366,17 +373,30 @@ QList<HLVPDiskVolumeInfo> LinuxHostProbes::volumes() {
         }
         byMountPoint.insert(mount.mountPoint, mount);
     }
+    // Each file system once: bind mounts of a folder and further subvolumes show the same space
+    // again. The one on "/" comes first, then the first mount of each other.
+    QSet<QString> seen;
+    if (byMountPoint.contains(u"/"_s)) {
+        seen.insert(byMountPoint[u"/"_s].majorMinor);
+    }
     QList<HLVPDiskVolumeInfo> volumes;
     for (const QString& mountPoint : std::as_const(order)) {
         const MountEntry& mount = byMountPoint[mountPoint];
         if (!isListedVolume(mount)) {
             continue;
         }
+        if (mountPoint != u"/"_s) {
+            if (seen.contains(mount.majorMinor)) {
+                continue;
+            }
+            seen.insert(mount.majorMinor);
+        }
         const auto capacity = m_sources.capacity(mount.mountPoint);
         if (!capacity || capacity->totalBytes < 1) {
             continue;
         }
-        const QString label = mount.source.startsWith(u"/dev/"_s) ? labels.value(deviceName(mount.source)) : QString();
+        const QString label =
+            mount.source.startsWith(u"/dev/"_s) ? labels.value(blockDeviceName(mount.source)) : QString();
         volumes.append({volumeName(label, mount.mountPoint), mount.mountPoint, capacity->totalBytes,
                         capacity->freeBytes});
     }

@@ -61,6 +61,8 @@ private:
     QString path(const QString& absolute) const;
     QByteArray read(const QString& absolute) const;
     bool sitsOnDmCrypt(const QString& blockDevice, int depth) const;
+    // "dm-1" for /dev/mapper/vg-root, "sda1" for /dev/sda1.
+    QString blockDeviceName(const QString& source) const;
     QString applicationName(qint64 pid, const QString& windowClass);
 
     DesktopSession& m_session;

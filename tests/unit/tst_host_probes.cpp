@@ -105,6 +105,18 @@ private Q_SLOTS:
         QVERIFY(p.managementEnrolled());           // SSSD configured
     }
 
+    void encryptedBtrfsRootIsFoundThroughItsDevice() {
+        SampleMachine btrfs(fixture(u"btrfs"_s));
+        QVERIFY(btrfs.probes->diskEncryptionEnabled());
+        // The root is a subvolume; a second subvolume of the same file system is not listed again.
+        btrfs.capacities.insert(u"/"_s, {100, 50});
+        btrfs.capacities.insert(u"/home"_s, {100, 50});
+        const QList<HLVPDiskVolumeInfo> volumes = btrfs.probes->volumes();
+        QCOMPARE(volumes.size(), 1);
+        QCOMPARE(volumes.first().path, u"/"_s);
+        QCOMPARE(volumes.first().name, u"/"_s);
+    }
+
     void nothingReadableGivesZerosAndFalse() {
         QTemporaryDir empty;
         SampleMachine nothing(empty.path());
