@@ -4,7 +4,9 @@ import datetime
 import json
 import os
 import random
+import signal
 import subprocess
+import threading
 import time
 import unittest
 
@@ -132,6 +134,24 @@ class StatsTest(unittest.TestCase):
         self.assertRegex(text, r"(?m)^Active application: +System$")
         self.assertRegex(text, r"(?m)^Screen locked: +(yes|no|unknown)$")
         self.assertRegex(text, r"(?m)^Volumes:\n  / ")
+
+    def test_watch_prints_each_record_as_it_arrives_until_interrupted(self):
+        viewer = subprocess.Popen([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
+                                   "--password-stdin", "--known-agents", self.known, "--json"],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                  env=dict(os.environ, LC_ALL="C.UTF-8"))
+        watchdog = threading.Timer(40, viewer.kill)
+        watchdog.start()
+        self.addCleanup(watchdog.cancel)
+        viewer.stdin.write(TEST_PASSWORD + "\n")
+        viewer.stdin.flush()
+        first = json.loads(viewer.stdout.readline())
+        second = json.loads(viewer.stdout.readline())
+        viewer.send_signal(signal.SIGINT)
+        _, err = viewer.communicate(timeout=10)
+        self.assertEqual(viewer.returncode, 0, err)
+        self.assertEqual(first["totalMemory"], mem_total_bytes())
+        self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
 
     @staticmethod
     def agent_version():
