@@ -3,7 +3,6 @@
 #include <QCollator>
 #include <QRegularExpression>
 #include <QTextBoundaryFinder>
-
 #include <algorithm>
 
 using namespace Qt::StringLiterals;
@@ -17,19 +16,20 @@ constexpr qsizetype cutLogLine = 117;
 
 // Kernel and memory file systems, and read-only images, which are not volumes a user keeps data on.
 bool isPseudoFileSystem(const QString& type) {
-    static const QStringList pseudo{
-        u"proc"_s,    u"sysfs"_s,     u"tmpfs"_s,      u"devtmpfs"_s,  u"devpts"_s,     u"overlay"_s,
-        u"cgroup"_s,  u"cgroup2"_s,   u"securityfs"_s, u"debugfs"_s,   u"tracefs"_s,    u"configfs"_s,
-        u"fusectl"_s, u"mqueue"_s,    u"hugetlbfs"_s,  u"pstore"_s,    u"bpf"_s,        u"efivarfs"_s,
-        u"autofs"_s,  u"binfmt_misc"_s, u"ramfs"_s,    u"squashfs"_s,  u"nsfs"_s,       u"rpc_pipefs"_s,
-        u"selinuxfs"_s, u"iso9660"_s, u"fuse.portal"_s, u"fuse.gvfsd-fuse"_s};
+    static const QStringList pseudo{u"proc"_s,       u"sysfs"_s,    u"tmpfs"_s,       u"devtmpfs"_s,
+                                    u"devpts"_s,     u"overlay"_s,  u"cgroup"_s,      u"cgroup2"_s,
+                                    u"securityfs"_s, u"debugfs"_s,  u"tracefs"_s,     u"configfs"_s,
+                                    u"fusectl"_s,    u"mqueue"_s,   u"hugetlbfs"_s,   u"pstore"_s,
+                                    u"bpf"_s,        u"efivarfs"_s, u"autofs"_s,      u"binfmt_misc"_s,
+                                    u"ramfs"_s,      u"squashfs"_s, u"nsfs"_s,        u"rpc_pipefs"_s,
+                                    u"selinuxfs"_s,  u"iso9660"_s,  u"fuse.portal"_s, u"fuse.gvfsd-fuse"_s};
     return pseudo.contains(type);
 }
 
 bool isNetworkFileSystem(const QString& type) {
-    static const QStringList network{u"nfs"_s,  u"nfs4"_s,  u"cifs"_s,      u"smb3"_s,           u"smbfs"_s,
-                                     u"ceph"_s, u"9p"_s,    u"afs"_s,       u"fuse.sshfs"_s,     u"fuse.glusterfs"_s,
-                                     u"glusterfs"_s, u"davfs"_s, u"fuse.rclone"_s};
+    static const QStringList network{
+        u"nfs"_s, u"nfs4"_s,       u"cifs"_s,           u"smb3"_s,      u"smbfs"_s, u"ceph"_s,       u"9p"_s,
+        u"afs"_s, u"fuse.sshfs"_s, u"fuse.glusterfs"_s, u"glusterfs"_s, u"davfs"_s, u"fuse.rclone"_s};
     return network.contains(type);
 }
 
@@ -123,7 +123,8 @@ QString osReleasePrettyName(const QByteArray& osRelease) {
             continue;
         }
         QByteArray value = line.mid(12);
-        if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front()) {
+        if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
+            value.back() == value.front()) {
             value = value.mid(1, value.size() - 2);
         }
         return QString::fromUtf8(value.replace("\\\"", "\"").replace("\\\\", "\\")).trimmed();
@@ -197,7 +198,8 @@ QString defaultRouteInterface(const QByteArray& procNetRoute) {
         const quint64 flags = fields[3].toULongLong(&ok, 16);
         const bool up = ok && (flags & 0x1) != 0;
         const quint64 metric = fields[6].toULongLong();
-        if (fields[1] == "00000000" && fields[7] == "00000000" && up && (best.isEmpty() || metric < bestMetric)) {
+        if (fields[1] == "00000000" && fields[7] == "00000000" && up &&
+            (best.isEmpty() || metric < bestMetric)) {
             best = QString::fromUtf8(fields[0]);
             bestMetric = metric;
         }
@@ -259,14 +261,15 @@ QString volumeName(const QString& label, const QString& mountPoint) {
 void sortVolumes(QList<HLVPDiskVolumeInfo>& volumes) {
     QCollator collator; // the current locale
     collator.setCaseSensitivity(Qt::CaseInsensitive);
-    std::stable_sort(volumes.begin(), volumes.end(), [&](const HLVPDiskVolumeInfo& a, const HLVPDiskVolumeInfo& b) {
-        const bool aRoot = a.path == u"/"_s;
-        const bool bRoot = b.path == u"/"_s;
-        if (aRoot != bRoot) {
-            return aRoot;
-        }
-        return collator.compare(a.name, b.name) < 0;
-    });
+    std::stable_sort(volumes.begin(), volumes.end(),
+                     [&](const HLVPDiskVolumeInfo& a, const HLVPDiskVolumeInfo& b) {
+                         const bool aRoot = a.path == u"/"_s;
+                         const bool bRoot = b.path == u"/"_s;
+                         if (aRoot != bRoot) {
+                             return aRoot;
+                         }
+                         return collator.compare(a.name, b.name) < 0;
+                     });
 }
 
 bool lockdownIsActive(const QByteArray& lockdown) {

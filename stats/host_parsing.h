@@ -9,7 +9,6 @@
 #include <QHash>
 #include <QList>
 #include <QString>
-
 #include <optional>
 
 namespace tellwyn {

@@ -1,10 +1,9 @@
 #pragma once
 
-#include "host_parsing.h"
 #include "hlvp_messages.h"
+#include "host_parsing.h"
 
 #include <QString>
-
 #include <functional>
 #include <optional>
 

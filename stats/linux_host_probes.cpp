@@ -15,7 +15,6 @@
 #include <QObject>
 #include <QSet>
 #include <QStandardPaths>
-
 #include <arpa/inet.h>
 #include <ctime>
 #include <ifaddrs.h>
@@ -41,7 +40,8 @@ std::optional<HostProbes::DiskCapacity> statvfsCapacity(const QString& path) {
     if (::statvfs(QFile::encodeName(path).constData(), &info) != 0) {
         return std::nullopt;
     }
-    return HostProbes::DiskCapacity{quint64(info.f_blocks) * info.f_frsize, quint64(info.f_bavail) * info.f_frsize};
+    return HostProbes::DiskCapacity{quint64(info.f_blocks) * info.f_frsize,
+                                    quint64(info.f_bavail) * info.f_frsize};
 }
 
 QList<InterfaceCandidate> systemInterfaces() {
@@ -61,8 +61,8 @@ QList<InterfaceCandidate> systemInterfaces() {
         candidate.isLoopback = (entry->ifa_flags & IFF_LOOPBACK) != 0;
         if (candidate.isIPv4) {
             char host[NI_MAXHOST] = {};
-            if (::getnameinfo(entry->ifa_addr, sizeof(sockaddr_in), host, sizeof host, nullptr, 0, NI_NUMERICHOST) ==
-                0) {
+            if (::getnameinfo(entry->ifa_addr, sizeof(sockaddr_in), host, sizeof host, nullptr, 0,
+                              NI_NUMERICHOST) == 0) {
                 candidate.address = QString::fromLatin1(host);
             }
         }
@@ -73,7 +73,7 @@ QList<InterfaceCandidate> systemInterfaces() {
 }
 
 double bootTimeSeconds() {
-    timespec now {};
+    timespec now{};
     if (::clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
         return 0.0;
     }
@@ -106,7 +106,8 @@ LinuxHostProbes::Sources LinuxHostProbes::systemSources() {
 }
 
 LinuxHostProbes::LinuxHostProbes(DesktopSession& session, WindowSystem& windows, Sources sources)
-    : m_session(session), m_windows(windows), m_sources(std::move(sources)) {}
+    : m_session(session), m_windows(windows), m_sources(std::move(sources)) {
+}
 
 QString LinuxHostProbes::path(const QString& absolute) const {
     return m_sources.root == u"/"_s ? absolute : QDir(m_sources.root).filePath(absolute.mid(1));
@@ -169,10 +170,10 @@ void LinuxHostProbes::observeSleepAndWake(QObject* context, std::function<void(b
 
 QString LinuxHostProbes::powerLogLine(const QString& word) {
     // Only the matching lines of this boot are written, so the output stays small.
-    const QString output = m_sources.runTool(
-        u"/usr/bin/journalctl"_s,
-        {u"-b"_s, u"--no-pager"_s, u"-q"_s, u"-o"_s, u"short-iso"_s, u"-n"_s, u"1000"_s, u"--grep"_s, word.toLower()},
-        systemLogTimeLimit);
+    const QString output = m_sources.runTool(u"/usr/bin/journalctl"_s,
+                                             {u"-b"_s, u"--no-pager"_s, u"-q"_s, u"-o"_s, u"short-iso"_s,
+                                              u"-n"_s, u"1000"_s, u"--grep"_s, word.toLower()},
+                                             systemLogTimeLimit);
     return latestLogLine(output, word);
 }
 
@@ -214,7 +215,7 @@ QString LinuxHostProbes::model() {
             return text;
         }
     }
-    utsname names {};
+    utsname names{};
     return ::uname(&names) == 0 ? QString::fromLatin1(names.machine) : QString();
 }
 
@@ -236,7 +237,8 @@ std::optional<bool> LinuxHostProbes::screenLocked() {
 
 std::optional<InterfaceAddress> LinuxHostProbes::primaryInterface() {
     const QString routed = defaultRouteInterface(read(u"/proc/net/route"_s));
-    return choosePrimaryInterface(m_sources.interfaces(), routed.isEmpty() ? QStringList() : QStringList{routed});
+    return choosePrimaryInterface(m_sources.interfaces(),
+                                  routed.isEmpty() ? QStringList() : QStringList{routed});
 }
 
 QString LinuxHostProbes::loggedInUser() {
@@ -294,7 +296,8 @@ bool LinuxHostProbes::sitsOnDmCrypt(const QString& blockDevice, int depth) const
         return true;
     }
     // A device mapped on top of others (LVM on LUKS, RAID): look at what it is made of.
-    const QStringList slaves = QDir(path(blockDevice + u"/slaves"_s)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    const QStringList slaves =
+        QDir(path(blockDevice + u"/slaves"_s)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     for (const QString& slave : slaves) {
         if (sitsOnDmCrypt(u"/sys/class/block/"_s + slave, depth + 1)) {
             return true;
@@ -315,11 +318,13 @@ bool LinuxHostProbes::diskEncryptionEnabled() {
     }
     // Btrfs and the like report a device number of their own: then the device they were mounted from.
     return sitsOnDmCrypt(u"/sys/dev/block/"_s + root->majorMinor, 0) ||
-           (root->source.startsWith(u"/dev/"_s) && sitsOnDmCrypt(u"/sys/class/block/"_s + blockDeviceName(root->source), 0));
+           (root->source.startsWith(u"/dev/"_s) &&
+            sitsOnDmCrypt(u"/sys/class/block/"_s + blockDeviceName(root->source), 0));
 }
 
 bool LinuxHostProbes::platformIntegrityEnabled() {
-    return secureBootIsOn(read(u"/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c"_s)) ||
+    return secureBootIsOn(
+               read(u"/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c"_s)) ||
            lockdownIsActive(read(u"/sys/kernel/security/lockdown"_s));
 }
 
@@ -340,7 +345,9 @@ bool LinuxHostProbes::applicationAssessmentEnabled() {
 }
 
 bool LinuxHostProbes::managementEnrolled() {
-    const auto exists = [this](const QString& file) { return QFileInfo::exists(path(file)); };
+    const auto exists = [this](const QString& file) {
+        return QFileInfo::exists(path(file));
+    };
     if (exists(u"/etc/sssd/sssd.conf"_s) ||
         !QDir(path(u"/etc/sssd/conf.d"_s)).entryList({u"*.conf"_s}, QDir::Files).isEmpty()) {
         return true;
@@ -354,14 +361,17 @@ bool LinuxHostProbes::managementEnrolled() {
     if (!exists(u"/usr/sbin/realm"_s)) {
         return false;
     }
-    return !m_sources.runTool(u"/usr/sbin/realm"_s, {u"list"_s, u"--name-only"_s}, toolTimeLimit).trimmed().isEmpty();
+    return !m_sources.runTool(u"/usr/sbin/realm"_s, {u"list"_s, u"--name-only"_s}, toolTimeLimit)
+                .trimmed()
+                .isEmpty();
 }
 
 QList<HLVPDiskVolumeInfo> LinuxHostProbes::volumes() {
     // Labels by the device they name.
     QHash<QString, QString> labels;
     const QDir byLabel(path(u"/dev/disk/by-label"_s));
-    for (const QFileInfo& entry : byLabel.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
+    for (const QFileInfo& entry :
+         byLabel.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
         labels.insert(QFileInfo(entry.symLinkTarget()).fileName(), decodeUdevLabel(entry.fileName()));
     }
 

@@ -3,7 +3,6 @@
 #include "host_probes.h"
 
 #include <QHash>
-
 #include <chrono>
 
 namespace tellwyn {

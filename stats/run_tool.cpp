@@ -2,7 +2,6 @@
 
 #include <QByteArray>
 #include <QStringDecoder>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -12,7 +11,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <vector>
 
 extern char** environ;
@@ -71,7 +69,8 @@ bool waitForExit(pid_t pid, int pidfd, std::chrono::milliseconds limit) {
         return ::waitpid(pid, &status, 0) == pid;
     }
     // Kernels without pidfd: look every 10 ms.
-    for (auto waited = std::chrono::milliseconds(0); waited <= limit; waited += std::chrono::milliseconds(10)) {
+    for (auto waited = std::chrono::milliseconds(0); waited <= limit;
+         waited += std::chrono::milliseconds(10)) {
         int status = 0;
         if (::waitpid(pid, &status, WNOHANG) == pid) {
             return true;

@@ -9,7 +9,6 @@
 #include <QObject>
 #include <QPointer>
 #include <QThreadPool>
-
 #include <cmath>
 
 using namespace Qt::StringLiterals;
@@ -25,9 +24,7 @@ const QString sleepWord = u"Sleep"_s;
 SystemStatsProvider::SystemStatsProvider() = default;
 
 SystemStatsProvider::SystemStatsProvider(HostProbes& probes, Clock& clock)
-    : m_probes(&probes),
-      m_clock(&clock),
-      m_snapshotQueue(std::make_unique<SerialQueue>(snapshotQueueLabel)),
+    : m_probes(&probes), m_clock(&clock), m_snapshotQueue(std::make_unique<SerialQueue>(snapshotQueueLabel)),
       m_utilityPool(std::make_unique<QThreadPool>()) {
     m_utilityPool->setMaxThreadCount(1);
 }

@@ -6,7 +6,6 @@
 
 #include <QDateTime>
 #include <QString>
-
 #include <functional>
 #include <memory>
 #include <optional>
@@ -51,8 +50,7 @@ private:
     void readPowerLogInBackground(bool atStartUp);
     SystemStatsMessage takeSnapshot(const QString& activeProcess);
     double cpuUsage();
-    template <typename T, typename Compute>
-    T once(std::optional<T>& cache, Compute&& compute);
+    template <typename T, typename Compute> T once(std::optional<T>& cache, Compute&& compute);
 
     HostProbes* m_probes = nullptr;
     Clock* m_clock = nullptr;

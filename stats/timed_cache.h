@@ -1,14 +1,12 @@
 #pragma once
 
 #include <QDateTime>
-
 #include <optional>
 
 namespace tellwyn {
 
 // A value with the time it was measured.
-template <typename T>
-struct TimedCache {
+template <typename T> struct TimedCache {
     T value;
     QDateTime timestamp;
 
@@ -21,7 +19,8 @@ struct TimedCache {
 // result with the time `now` and returns it. A failed probe reports its failure value (false),
 // which is kept just as long as a success.
 template <typename T, typename Probe>
-T readThrough(std::optional<TimedCache<T>>& cache, const QDateTime& now, double lifetimeSeconds, Probe&& probe) {
+T readThrough(std::optional<TimedCache<T>>& cache, const QDateTime& now, double lifetimeSeconds,
+              Probe&& probe) {
     if (cache && cache->isValid(now, lifetimeSeconds)) {
         return cache->value;
     }

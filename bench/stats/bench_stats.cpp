@@ -20,13 +20,12 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QThread>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <unistd.h>
 #include <optional>
+#include <unistd.h>
 #include <vector>
 
 using namespace Qt::StringLiterals;
@@ -35,13 +34,14 @@ using namespace tellwyn;
 namespace {
 
 double processCpuMs() {
-    timespec now {};
+    timespec now{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
     return double(now.tv_sec) * 1e3 + double(now.tv_nsec) / 1e6;
 }
 
 double wallMs() {
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 struct Sample {
@@ -65,8 +65,8 @@ Sample timed(const std::function<void()>& work) {
 
 double percentile(std::vector<double> values, double fraction) {
     std::sort(values.begin(), values.end());
-    const auto index = static_cast<size_t>(std::clamp(fraction * double(values.size()) - 1.0, 0.0,
-                                                      double(values.size() - 1)));
+    const auto index = static_cast<size_t>(
+        std::clamp(fraction * double(values.size()) - 1.0, 0.0, double(values.size() - 1)));
     return fraction == 0.5 ? values[values.size() / 2] : values[index];
 }
 
@@ -76,8 +76,8 @@ void report(const char* what, const std::vector<Sample>& samples) {
         wall.push_back(sample.wall);
         cpu.push_back(sample.cpu);
     }
-    std::printf("%-34s n=%-5zu wall median %8.3f ms  p99 %8.3f ms   cpu median %8.3f ms  p99 %8.3f ms\n", what,
-                samples.size(), percentile(wall, 0.5), percentile(wall, 0.99), percentile(cpu, 0.5),
+    std::printf("%-34s n=%-5zu wall median %8.3f ms  p99 %8.3f ms   cpu median %8.3f ms  p99 %8.3f ms\n",
+                what, samples.size(), percentile(wall, 0.5), percentile(wall, 0.99), percentile(cpu, 0.5),
                 percentile(cpu, 0.99));
 }
 
@@ -196,8 +196,10 @@ int main(int argc, char* argv[]) {
 
     report("warm snapshot (all caches valid)", warm);
     report("cold snapshot (new provider)", cold);
-    std::printf("tools started: %llu by %d warm snapshots; %llu by %d cold providers (snapshot and start-up log read)\n",
-                static_cast<unsigned long long>(warmTools), count, static_cast<unsigned long long>(coldTools), count);
+    std::printf("tools started: %llu by %d warm snapshots; %llu by %d cold providers (snapshot and start-up "
+                "log read)\n",
+                static_cast<unsigned long long>(warmTools), count, static_cast<unsigned long long>(coldTools),
+                count);
     benchNodeExporter(parser.value(exporter), std::max(1, parser.value(scrapes).toInt()));
     return 0;
 }

@@ -1,8 +1,8 @@
 #include "logind_desktop_session.h"
 
+#include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDBusArgument>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 
@@ -17,7 +17,8 @@ const QString login1 = u"org.freedesktop.login1"_s;
 const QString networkManager = u"org.freedesktop.NetworkManager"_s;
 
 std::optional<QVariant> call(QDBusConnection bus, const QString& service, const QString& path,
-                             const QString& interface, const QString& method, const QVariantList& arguments = {}) {
+                             const QString& interface, const QString& method,
+                             const QVariantList& arguments = {}) {
     if (!bus.isConnected()) {
         return std::nullopt;
     }
@@ -31,7 +32,7 @@ std::optional<QVariant> call(QDBusConnection bus, const QString& service, const 
 }
 
 std::optional<QVariant> dbusProperty(QDBusConnection bus, const QString& service, const QString& path,
-                                 const QString& interface, const QString& name) {
+                                     const QString& interface, const QString& name) {
     const auto value =
         call(bus, service, path, u"org.freedesktop.DBus.Properties"_s, u"Get"_s, {interface, name});
     if (!value) {
@@ -46,8 +47,9 @@ QString objectPathOf(const QVariant& value) {
 
 // seat0's ActiveSession is a (session id, object path) structure.
 QString activeSessionPath() {
-    const auto value = dbusProperty(QDBusConnection::systemBus(), login1, u"/org/freedesktop/login1/seat/seat0"_s,
-                                u"org.freedesktop.login1.Seat"_s, u"ActiveSession"_s);
+    const auto value =
+        dbusProperty(QDBusConnection::systemBus(), login1, u"/org/freedesktop/login1/seat/seat0"_s,
+                     u"org.freedesktop.login1.Seat"_s, u"ActiveSession"_s);
     if (!value) {
         return {};
     }
@@ -61,8 +63,9 @@ QString activeSessionPath() {
 }
 
 QString deviceOf(const QString& interfaceName) {
-    const auto device = call(QDBusConnection::systemBus(), networkManager, u"/org/freedesktop/NetworkManager"_s,
-                             networkManager, u"GetDeviceByIpIface"_s, {interfaceName});
+    const auto device =
+        call(QDBusConnection::systemBus(), networkManager, u"/org/freedesktop/NetworkManager"_s,
+             networkManager, u"GetDeviceByIpIface"_s, {interfaceName});
     return device ? objectPathOf(*device) : QString();
 }
 
@@ -84,15 +87,16 @@ std::optional<bool> LogindDesktopSession::screenLocked() {
     const QString session = activeSessionPath();
     if (!session.isEmpty()) {
         const auto locked = dbusProperty(QDBusConnection::systemBus(), login1, session,
-                                     u"org.freedesktop.login1.Session"_s, u"LockedHint"_s);
+                                         u"org.freedesktop.login1.Session"_s, u"LockedHint"_s);
         if (locked) {
             return locked->toBool();
         }
     }
     // Both names are in use: the freedesktop one (KDE, Xfce) and GNOME's own.
     const QDBusConnection bus = QDBusConnection::sessionBus();
-    for (const auto& [service, path] : {std::pair{u"org.freedesktop.ScreenSaver"_s, u"/org/freedesktop/ScreenSaver"_s},
-                                        std::pair{u"org.gnome.ScreenSaver"_s, u"/org/gnome/ScreenSaver"_s}}) {
+    for (const auto& [service, path] :
+         {std::pair{u"org.freedesktop.ScreenSaver"_s, u"/org/freedesktop/ScreenSaver"_s},
+          std::pair{u"org.gnome.ScreenSaver"_s, u"/org/gnome/ScreenSaver"_s}}) {
         if (const auto active = call(bus, service, path, service, u"GetActive"_s)) {
             return active->toBool();
         }
@@ -121,13 +125,13 @@ QString LogindDesktopSession::wirelessNetworkName(const QString& interfaceName) 
         return {};
     }
     const QDBusConnection bus = QDBusConnection::systemBus();
-    const auto accessPoint =
-        dbusProperty(bus, networkManager, device, networkManager + u".Device.Wireless"_s, u"ActiveAccessPoint"_s);
+    const auto accessPoint = dbusProperty(bus, networkManager, device, networkManager + u".Device.Wireless"_s,
+                                          u"ActiveAccessPoint"_s);
     if (!accessPoint || objectPathOf(*accessPoint).isEmpty() || objectPathOf(*accessPoint) == u"/"_s) {
         return {};
     }
-    const auto ssid =
-        dbusProperty(bus, networkManager, objectPathOf(*accessPoint), networkManager + u".AccessPoint"_s, u"Ssid"_s);
+    const auto ssid = dbusProperty(bus, networkManager, objectPathOf(*accessPoint),
+                                   networkManager + u".AccessPoint"_s, u"Ssid"_s);
     return ssid ? QString::fromUtf8(ssid->toByteArray()) : QString();
 }
 
@@ -137,12 +141,13 @@ QString LogindDesktopSession::connectionName(const QString& interfaceName) {
         return {};
     }
     const QDBusConnection bus = QDBusConnection::systemBus();
-    const auto active = dbusProperty(bus, networkManager, device, networkManager + u".Device"_s, u"ActiveConnection"_s);
+    const auto active =
+        dbusProperty(bus, networkManager, device, networkManager + u".Device"_s, u"ActiveConnection"_s);
     if (!active || objectPathOf(*active).isEmpty() || objectPathOf(*active) == u"/"_s) {
         return {};
     }
-    const auto id = dbusProperty(bus, networkManager, objectPathOf(*active), networkManager + u".Connection.Active"_s,
-                             u"Id"_s);
+    const auto id = dbusProperty(bus, networkManager, objectPathOf(*active),
+                                 networkManager + u".Connection.Active"_s, u"Id"_s);
     return id ? id->toString() : QString();
 }
 

@@ -1,22 +1,19 @@
 #include "x11_window_system.h"
 
-#include <xcb/randr.h>
-#include <xcb/xcb.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
+#include <xcb/randr.h>
+#include <xcb/xcb.h>
 
 namespace tellwyn {
 
 namespace {
 
-template <typename T>
-using Reply = std::unique_ptr<T, decltype(&std::free)>;
+template <typename T> using Reply = std::unique_ptr<T, decltype(&std::free)>;
 
-template <typename T>
-Reply<T> owned(T* reply) {
+template <typename T> Reply<T> owned(T* reply) {
     return Reply<T>(reply, &std::free);
 }
 
@@ -52,7 +49,8 @@ public:
 
     xcb_atom_t atom(const char* name) const {
         const auto reply = owned(xcb_intern_atom_reply(
-            m_connection, xcb_intern_atom(m_connection, 1, static_cast<uint16_t>(std::strlen(name)), name), nullptr));
+            m_connection, xcb_intern_atom(m_connection, 1, static_cast<uint16_t>(std::strlen(name)), name),
+            nullptr));
         return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
     }
 
@@ -71,7 +69,8 @@ public:
 
     QByteArray bytes(xcb_window_t window, xcb_atom_t property) const {
         const auto reply = owned(xcb_get_property_reply(
-            m_connection, xcb_get_property(m_connection, 0, window, property, XCB_ATOM_ANY, 0, 1024), nullptr));
+            m_connection, xcb_get_property(m_connection, 0, window, property, XCB_ATOM_ANY, 0, 1024),
+            nullptr));
         if (!reply || reply->format != 8) {
             return {};
         }
@@ -128,8 +127,8 @@ WindowSystem::Screens X11WindowSystem::screens() {
     if (!x.isOpen()) {
         return {};
     }
-    const auto monitors = owned(xcb_randr_get_monitors_reply(
-        x.get(), xcb_randr_get_monitors(x.get(), x.screen()->root, 1), nullptr));
+    const auto monitors = owned(
+        xcb_randr_get_monitors_reply(x.get(), xcb_randr_get_monitors(x.get(), x.screen()->root, 1), nullptr));
     if (!monitors) {
         // Without RandR the screen is one display.
         return {1, x.screen()->width_in_pixels, x.screen()->height_in_pixels};
@@ -154,7 +153,8 @@ bool X11WindowSystem::canCaptureScreen() {
         return false;
     }
     const auto image = owned(xcb_get_image_reply(
-        x.get(), xcb_get_image(x.get(), XCB_IMAGE_FORMAT_Z_PIXMAP, x.screen()->root, 0, 0, 1, 1, ~0u), nullptr));
+        x.get(), xcb_get_image(x.get(), XCB_IMAGE_FORMAT_Z_PIXMAP, x.screen()->root, 0, 0, 1, 1, ~0u),
+        nullptr));
     return image != nullptr;
 }
 
@@ -164,8 +164,8 @@ bool X11WindowSystem::canInjectInput() {
         return false;
     }
     const char name[] = "XTEST";
-    const auto reply = owned(xcb_query_extension_reply(
-        x.get(), xcb_query_extension(x.get(), sizeof name - 1, name), nullptr));
+    const auto reply = owned(
+        xcb_query_extension_reply(x.get(), xcb_query_extension(x.get(), sizeof name - 1, name), nullptr));
     return reply && reply->present != 0;
 }
 

@@ -62,7 +62,9 @@ public:
     using DesktopSession::DesktopSession;
     std::optional<bool> screenLocked() override { return locked; }
     std::optional<SeatUser> activeSeatUser() override { return seatUser; }
-    QString wirelessNetworkName(const QString& interfaceName) override { return wireless.value(interfaceName); }
+    QString wirelessNetworkName(const QString& interfaceName) override {
+        return wireless.value(interfaceName);
+    }
     QString connectionName(const QString& interfaceName) override { return connections.value(interfaceName); }
 
     std::optional<bool> locked;

@@ -47,7 +47,8 @@ struct SampleMachine {
     explicit SampleMachine(const QString& root) {
         LinuxHostProbes::Sources sources;
         sources.root = root;
-        sources.runTool = [this](const QString& path, const QStringList& arguments, std::chrono::milliseconds limit) {
+        sources.runTool = [this](const QString& path, const QStringList& arguments,
+                                 std::chrono::milliseconds limit) {
             toolCalls.append({path, arguments, qint64(limit.count())});
             return tools.value(path.section(u'/', -1));
         };
@@ -55,8 +56,12 @@ struct SampleMachine {
             const auto it = capacities.constFind(path);
             return it == capacities.cend() ? std::nullopt : std::optional(*it);
         };
-        sources.interfaces = [this] { return interfaces; };
-        sources.uptime = [] { return 12.5; };
+        sources.interfaces = [this] {
+            return interfaces;
+        };
+        sources.uptime = [] {
+            return 12.5;
+        };
         sources.ownLoginName = u"agent-user"_s;
         sources.ownPid = 4242;
         sources.applicationFolders = {fixture(u"applications"_s)};
@@ -100,7 +105,7 @@ private Q_SLOTS:
         QCOMPARE(p.model(), u"Raspberry Pi 4 Model B Rev 1.4"_s);
         QCOMPARE(p.serialNumber(), QString()); // root-only or missing: empty text
         QVERIFY(!p.diskEncryptionEnabled());
-        QVERIFY(p.platformIntegrityEnabled());      // lockdown in integrity mode
+        QVERIFY(p.platformIntegrityEnabled());     // lockdown in integrity mode
         QVERIFY(p.applicationAssessmentEnabled()); // SELinux enforcing
         QVERIFY(p.managementEnrolled());           // SSSD configured
     }
@@ -126,8 +131,8 @@ private Q_SLOTS:
         QCOMPARE(p.cpuTicks(), std::nullopt);
         QCOMPARE(p.osVersion(), u"Linux"_s);
         QCOMPARE(p.rootDiskCapacity().totalBytes, 0u);
-        QVERIFY(!p.diskEncryptionEnabled() && !p.platformIntegrityEnabled() && !p.applicationAssessmentEnabled() &&
-                !p.managementEnrolled());
+        QVERIFY(!p.diskEncryptionEnabled() && !p.platformIntegrityEnabled() &&
+                !p.applicationAssessmentEnabled() && !p.managementEnrolled());
         QVERIFY(p.volumes().isEmpty());
         QCOMPARE(p.primaryInterface(), std::nullopt);
         QCOMPARE(p.networkName(std::nullopt), QString());
@@ -135,9 +140,10 @@ private Q_SLOTS:
 
     void volumesAreBlockDevicesAndSharesRootFirst() {
         SampleMachine laptop(fixture(u"laptop"_s));
-        for (const QString& mountPoint : {u"/"_s, u"/boot"_s, u"/boot/efi"_s, u"/srv/shared"_s, u"/snap/core22/864"_s,
-                                          u"/mnt/archive"_s, u"/run"_s, u"/media/alice/USB STICK"_s,
-                                          u"/media/alice/backup"_s, u"/var/lib/docker/overlay2/abc/merged"_s}) {
+        for (const QString& mountPoint :
+             {u"/"_s, u"/boot"_s, u"/boot/efi"_s, u"/srv/shared"_s, u"/snap/core22/864"_s, u"/mnt/archive"_s,
+              u"/run"_s, u"/media/alice/USB STICK"_s, u"/media/alice/backup"_s,
+              u"/var/lib/docker/overlay2/abc/merged"_s}) {
             laptop.capacities.insert(mountPoint, {1000, 400});
         }
         laptop.capacities.insert(u"/boot/efi"_s, {0, 0}); // reports no size: left out
@@ -146,8 +152,9 @@ private Q_SLOTS:
         for (const HLVPDiskVolumeInfo& volume : volumes) {
             listed.append(volume.name + u'=' + volume.path);
         }
-        QCOMPARE(listed, (QStringList{u"Debian=/"_s, u"archive=/mnt/archive"_s, u"backup=/media/alice/backup"_s,
-                                      u"boot=/boot"_s, u"USB STICK=/media/alice/USB STICK"_s}));
+        QCOMPARE(listed,
+                 (QStringList{u"Debian=/"_s, u"archive=/mnt/archive"_s, u"backup=/media/alice/backup"_s,
+                              u"boot=/boot"_s, u"USB STICK=/media/alice/USB STICK"_s}));
         QCOMPARE(volumes.first().totalBytes, 1000u);
         QCOMPARE(volumes.first().freeBytes, 400u);
     }
@@ -160,9 +167,11 @@ private Q_SLOTS:
                              up(u"docker0"_s, u"172.17.0.1"_s),
                              up(u"wlp0s20f3"_s, u"192.168.0.23"_s),
                              up(u"enp0s31f6"_s, u"192.168.1.40"_s)};
-        QCOMPARE(laptop.probes->primaryInterface(), std::optional(InterfaceAddress{u"enp0s31f6"_s, u"192.168.1.40"_s}));
+        QCOMPARE(laptop.probes->primaryInterface(),
+                 std::optional(InterfaceAddress{u"enp0s31f6"_s, u"192.168.1.40"_s}));
         laptop.interfaces.removeLast(); // cable out: the first usable one in list order
-        QCOMPARE(laptop.probes->primaryInterface(), std::optional(InterfaceAddress{u"docker0"_s, u"172.17.0.1"_s}));
+        QCOMPARE(laptop.probes->primaryInterface(),
+                 std::optional(InterfaceAddress{u"docker0"_s, u"172.17.0.1"_s}));
     }
 
     void networkNameFromWifiThenConnectionThenInterface() {
@@ -213,8 +222,8 @@ private Q_SLOTS:
         HostProbes& p = *laptop.probes;
         QCOMPARE(p.activeApplicationName(), std::nullopt);
         // Processes that are gone are named by their window class, or by their desktop entry.
-        laptop.windows.owners = {{4242, u"Tellwyn"_s, true},             // the agent's own window
-                                 {999999901, u"TellwynAgent"_s, false},  // another copy, by name
+        laptop.windows.owners = {{4242, u"Tellwyn"_s, true},            // the agent's own window
+                                 {999999901, u"TellwynAgent"_s, false}, // another copy, by name
                                  {999999902, u"HalvoServer"_s, false},
                                  {999999903, u"firefox-esr"_s, false},
                                  {999999904, u"XTerm"_s, false}};
@@ -226,15 +235,17 @@ private Q_SLOTS:
     void powerLogLineSearchesThisBootsJournal() {
         SampleMachine laptop(fixture(u"laptop"_s));
         laptop.tools.insert(u"journalctl"_s, toolOutput(u"journalctl-sleep.txt"_s));
-        QCOMPARE(laptop.probes->powerLogLine(u"Sleep"_s),
-                 u"2026-11-23T09:14:41+0100 laptop systemd-sleep[40211]: System returned from sleep state."_s);
+        QCOMPARE(
+            laptop.probes->powerLogLine(u"Sleep"_s),
+            u"2026-11-23T09:14:41+0100 laptop systemd-sleep[40211]: System returned from sleep state."_s);
         QCOMPARE(laptop.toolCalls.last().path, u"/usr/bin/journalctl"_s);
         QVERIFY(laptop.toolCalls.last().arguments.contains(u"-b"_s));
         QCOMPARE(laptop.toolCalls.last().limitMs, 3000);
         // The last match, 139 characters: cut to 117 and "...".
         const QString wake = laptop.probes->powerLogLine(u"Wake"_s);
-        QCOMPARE(wake, u"2026-11-23T09:14:42+0100 laptop NetworkManager[901]: <info>  [1763885682.1234] manager: "
-                       u"wake requested (networking en..."_s);
+        QCOMPARE(wake,
+                 u"2026-11-23T09:14:42+0100 laptop NetworkManager[901]: <info>  [1763885682.1234] manager: "
+                 u"wake requested (networking en..."_s);
         QCOMPARE(wake.size(), 120);
     }
 
@@ -276,11 +287,14 @@ private Q_SLOTS:
         QTest::addColumn<bool>("expected");
         QTest::newRow("encryption on") << 0 << u"FileVault is On.\n"_s << true;
         QTest::newRow("encryption off") << 0 << u"FileVault is Off.\n"_s << false;
-        QTest::newRow("integrity enabled") << 1 << u"System Integrity Protection status: enabled.\n"_s << true;
-        QTest::newRow("integrity disabled") << 1 << u"System Integrity Protection status: disabled.\n"_s << false;
+        QTest::newRow("integrity enabled")
+            << 1 << u"System Integrity Protection status: enabled.\n"_s << true;
+        QTest::newRow("integrity disabled")
+            << 1 << u"System Integrity Protection status: disabled.\n"_s << false;
         QTest::newRow("assessments on") << 2 << u"assessments enabled\n"_s << true;
         QTest::newRow("assessments off") << 2 << u"assessments disabled\n"_s << false;
-        QTest::newRow("enrolled") << 3 << u"Enrolled via DEP: No\nMDM enrollment: Yes (User Approved)\n"_s << true;
+        QTest::newRow("enrolled") << 3 << u"Enrolled via DEP: No\nMDM enrollment: Yes (User Approved)\n"_s
+                                  << true;
         QTest::newRow("enrolled, indented") << 3 << u"   mdm ENROLLMENT:yes\n"_s << true;
         QTest::newRow("not enrolled") << 3 << u"Enrolled via DEP: No\nMDM enrollment: No\n"_s << false;
         QTest::newRow("yes running on") << 3 << u"MDM enrollment: yesterday\n"_s << false;
@@ -297,14 +311,14 @@ private Q_SLOTS:
     }
 
     void registryValues() {
-        const QString listing =
-            u"+-o J314sAP  <class IOPlatformExpertDevice, id 0x100000220>\n"
-            u"    {\n"
-            u"      \"IOPlatformSerialNumber\" = \"C02XK1ABJGH5\"\n"
-            u"      \"IOPlatformUUID\"=\"8A1B2C3D-0000-1111-2222-333344445555\"\n"
-            u"      \"manufacturer\" = <\"Apple Inc.\">\n"
-            u"    }\n"_s;
-        QCOMPARE(registryValue(listing, u"IOPlatformSerialNumber"_s), std::optional<QString>(u"C02XK1ABJGH5"_s));
+        const QString listing = u"+-o J314sAP  <class IOPlatformExpertDevice, id 0x100000220>\n"
+                                u"    {\n"
+                                u"      \"IOPlatformSerialNumber\" = \"C02XK1ABJGH5\"\n"
+                                u"      \"IOPlatformUUID\"=\"8A1B2C3D-0000-1111-2222-333344445555\"\n"
+                                u"      \"manufacturer\" = <\"Apple Inc.\">\n"
+                                u"    }\n"_s;
+        QCOMPARE(registryValue(listing, u"IOPlatformSerialNumber"_s),
+                 std::optional<QString>(u"C02XK1ABJGH5"_s));
         QCOMPARE(registryValue(listing, u"IOPlatformUUID"_s),
                  std::optional<QString>(u"8A1B2C3D-0000-1111-2222-333344445555"_s));
         QCOMPARE(registryValue(listing, u"manufacturer"_s), std::nullopt);
@@ -319,7 +333,8 @@ private Q_SLOTS:
                                              up(u"en1"_s, u"192.168.0.23"_s),
                                              up(u"en0"_s, u"192.168.1.40"_s)};
         const QStringList preferred{u"en0"_s, u"en1"_s};
-        QCOMPARE(choosePrimaryInterface(list, preferred), std::optional(InterfaceAddress{u"en1"_s, u"192.168.0.23"_s}));
+        QCOMPARE(choosePrimaryInterface(list, preferred),
+                 std::optional(InterfaceAddress{u"en1"_s, u"192.168.0.23"_s}));
         QCOMPARE(choosePrimaryInterface(list.mid(0, 4), preferred),
                  std::optional(InterfaceAddress{u"utun2"_s, u"10.8.0.2"_s}));
         QCOMPARE(choosePrimaryInterface(list.mid(0, 3), preferred), std::nullopt);
@@ -348,7 +363,8 @@ private Q_SLOTS:
         QCOMPARE(runTool(u"/bin/sh"_s, {u"-c"_s, u"printf '\\377\\376'"_s}, 5s), QString()); // not UTF-8
         QCOMPARE(runTool(u"/nonexistent/tool"_s, {}, 5s), QString());
         // Output larger than a default pipe still arrives whole.
-        QCOMPARE(runTool(u"/bin/sh"_s, {u"-c"_s, u"head -c 200000 /dev/zero | tr '\\0' a"_s}, 5s).size(), 200000);
+        QCOMPARE(runTool(u"/bin/sh"_s, {u"-c"_s, u"head -c 200000 /dev/zero | tr '\\0' a"_s}, 5s).size(),
+                 200000);
         QCOMPARE(toolRunsStarted(), startedBefore + 3); // the missing one never started
     }
 
@@ -359,8 +375,9 @@ private Q_SLOTS:
         QVERIFY2(elapsed.elapsed() < 5000, "the tool was not stopped at its limit");
         // One that ignores SIGTERM is waited for one more second at most.
         elapsed.restart();
-        QCOMPARE(runTool(u"/bin/sh"_s, {u"-c"_s, u"trap '' TERM; echo early; while :; do sleep 1; done"_s}, 200ms),
-                 QString());
+        QCOMPARE(
+            runTool(u"/bin/sh"_s, {u"-c"_s, u"trap '' TERM; echo early; while :; do sleep 1; done"_s}, 200ms),
+            QString());
         QVERIFY2(elapsed.elapsed() < 5000, "the tool was waited for beyond the extra second");
     }
 };

@@ -11,7 +11,6 @@
 #include <QSignalSpy>
 #include <QTest>
 #include <QThread>
-
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -60,7 +59,9 @@ public:
     bool screenCaptureAuthorized() override { return note(u"screenCaptureAuthorized"_s), true; }
     bool accessibilityAuthorized() override { return note(u"accessibilityAuthorized"_s), false; }
     std::optional<bool> screenLocked() override { return note(u"screenLocked"_s), locked; }
-    std::optional<InterfaceAddress> primaryInterface() override { return note(u"primaryInterface"_s), primary; }
+    std::optional<InterfaceAddress> primaryInterface() override {
+        return note(u"primaryInterface"_s), primary;
+    }
     QString loggedInUser() override { return note(u"loggedInUser"_s), u"alice"_s; }
     QString networkName(const std::optional<InterfaceAddress>& chosen) override {
         note(u"networkName"_s);
@@ -136,10 +137,11 @@ class TestStatsProvider : public QObject {
         std::optional<SystemStatsMessage> result;
         QObject context;
         provider->makeSnapshot(&context, [&](SystemStatsMessage s) { result = std::move(s); });
-        [&] { QTRY_VERIFY(result.has_value()); }();
+        [&] {
+            QTRY_VERIFY(result.has_value());
+        }();
         return result.value_or(SystemStatsMessage{});
     }
-
 
 private Q_SLOTS:
     void init() {
@@ -164,8 +166,8 @@ private Q_SLOTS:
         QCOMPARE(s.macModel, u"ThinkPad X1 Carbon Gen 9"_s);
         QCOMPARE(s.activeProcess, u"Firefox"_s);
         QCOMPARE(s.uptimeSeconds, std::optional<quint64>(3725)); // truncated, not rounded
-        QCOMPARE(s.agentVersion, std::optional<QString>(u"%1 (%2)"_s.arg(QStringLiteral(TELLWYN_VERSION),
-                                                                        QStringLiteral(TELLWYN_BUILD_NUMBER))));
+        QCOMPARE(s.agentVersion, std::optional<QString>(u"%1 (%2)"_s.arg(
+                                     QStringLiteral(TELLWYN_VERSION), QStringLiteral(TELLWYN_BUILD_NUMBER))));
         QCOMPARE(s.screenCaptureAuthorized, std::optional<bool>(true));
         QCOMPARE(s.accessibilityAuthorized, std::optional<bool>(false));
         QCOMPARE(s.screenLocked, std::nullopt);
@@ -188,14 +190,30 @@ private Q_SLOTS:
 
         QStringList snapshotCalls = probes->calls();
         snapshotCalls.removeIf([](const QString& call) { return call.startsWith(u"powerLogLine"_s); });
-        QCOMPARE(snapshotCalls,
-                 (QStringList{u"observeSleepAndWake"_s, u"activeApplicationName"_s, u"physicalMemory"_s,
-                              u"freeMemory"_s, u"rootDiskCapacity"_s, u"cpuTicks"_s, u"osVersion"_s, u"model"_s,
-                              u"uptimeSeconds"_s, u"screenCaptureAuthorized"_s, u"accessibilityAuthorized"_s,
-                              u"screenLocked"_s, u"primaryInterface"_s, u"loggedInUser"_s, u"networkName"_s,
-                              u"displays"_s, u"serialNumber"_s, u"hardwareUUID"_s, u"diskEncryptionEnabled"_s,
-                              u"platformIntegrityEnabled"_s, u"applicationAssessmentEnabled"_s,
-                              u"managementEnrolled"_s, u"uptimeSeconds"_s, u"volumes"_s}));
+        QCOMPARE(snapshotCalls, (QStringList{u"observeSleepAndWake"_s,
+                                             u"activeApplicationName"_s,
+                                             u"physicalMemory"_s,
+                                             u"freeMemory"_s,
+                                             u"rootDiskCapacity"_s,
+                                             u"cpuTicks"_s,
+                                             u"osVersion"_s,
+                                             u"model"_s,
+                                             u"uptimeSeconds"_s,
+                                             u"screenCaptureAuthorized"_s,
+                                             u"accessibilityAuthorized"_s,
+                                             u"screenLocked"_s,
+                                             u"primaryInterface"_s,
+                                             u"loggedInUser"_s,
+                                             u"networkName"_s,
+                                             u"displays"_s,
+                                             u"serialNumber"_s,
+                                             u"hardwareUUID"_s,
+                                             u"diskEncryptionEnabled"_s,
+                                             u"platformIntegrityEnabled"_s,
+                                             u"applicationAssessmentEnabled"_s,
+                                             u"managementEnrolled"_s,
+                                             u"uptimeSeconds"_s,
+                                             u"volumes"_s}));
         // The application in front is read on the main thread, the rest on the statistics queue.
         QCOMPARE(probes->threadOf(u"activeApplicationName"_s), QThread::currentThread());
         QThread* queue = probes->threadOf(u"physicalMemory"_s);
