@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the agent needs. Usage: setup.sh [build] [test]
+# Installs the Debian packages the agent needs. Usage: setup.sh [build] [test] [bench]
 # Quick when everything is there already; asks apt only for what is missing.
 set -euo pipefail
 
@@ -7,13 +7,15 @@ build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools
                 libxcb1-dev libxcb-randr0-dev qtkeychain-qt6-dev)
 test_packages=(openssl python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
                xdotool xclip gnome-keyring desktop-file-utils)
+bench_packages=(prometheus-node-exporter)
 
 wanted=()
 for group in "$@"; do
     case "$group" in
         build) wanted+=("${build_packages[@]}") ;;
         test) wanted+=("${test_packages[@]}") ;;
-        *) echo "setup.sh: unknown group '$group' (use build, test)" >&2; exit 2 ;;
+        bench) wanted+=("${bench_packages[@]}") ;;
+        *) echo "setup.sh: unknown group '$group' (use build, test, bench)" >&2; exit 2 ;;
     esac
 done
 

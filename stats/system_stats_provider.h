@@ -1,31 +1,80 @@
 #pragma once
 
 #include "hlvp_messages.h"
+#include "host_parsing.h"
+#include "timed_cache.h"
 
+#include <QDateTime>
+#include <QString>
 #include <functional>
+#include <memory>
+#include <optional>
 
 class QObject;
+class QThreadPool;
 
 namespace tellwyn {
 
-// Assembles the statistics record of this machine. One instance serves the whole process.
+class Clock;
+class HostProbes;
+class SerialQueue;
+
+// Assembles the statistics record of this machine. One instance serves the whole process; every
+// snapshot runs on its own serial queue, so the caches below need no lock.
 class SystemStatsProvider {
 public:
     using SnapshotHandler = std::function<void(SystemStatsMessage snapshot)>;
 
-    static SystemStatsProvider& shared();
-    virtual ~SystemStatsProvider() = default;
+    static constexpr double securityCacheTTL = 300.0;
+    static inline const QString snapshotQueueLabel = QStringLiteral("org.tellwyn.agent.system-stats");
 
-    // Takes a snapshot and hands it to `done` later on `context`'s thread; nothing runs once
+    static SystemStatsProvider& shared();
+    // A provider reading `probes` and `clock`, which must outlive it.
+    SystemStatsProvider(HostProbes& probes, Clock& clock);
+    virtual ~SystemStatsProvider();
+    SystemStatsProvider(const SystemStatsProvider&) = delete;
+    SystemStatsProvider& operator=(const SystemStatsProvider&) = delete;
+
+    // Called on the main thread. Reads the application in front there, measures the rest on the
+    // statistics queue and hands the record to `done` on the main thread; nothing is called once
     // `context` is gone.
     virtual void makeSnapshot(QObject* context, SnapshotHandler done);
 
 protected:
-    SystemStatsProvider() = default;
-};
+    // For stand-ins that override makeSnapshot.
+    SystemStatsProvider();
 
-// Memory, disk and uptime figures read from the kernel; the parts of the record that need no
-// probing of the desktop.
-SystemStatsMessage readBasicSystemStats();
+private:
+    void installPowerLogObserver();
+    QString currentActiveProcess();
+    void readPowerLogInBackground(bool atStartUp);
+    SystemStatsMessage takeSnapshot(const QString& activeProcess);
+    double cpuUsage();
+    template <typename T, typename Compute> T once(std::optional<T>& cache, Compute&& compute);
+
+    HostProbes* m_probes = nullptr;
+    Clock* m_clock = nullptr;
+    std::unique_ptr<SerialQueue> m_snapshotQueue;
+    // Reads the system log off the statistics queue, which it must not hold up.
+    std::unique_ptr<QThreadPool> m_utilityPool;
+
+    // Statistics queue only.
+    std::optional<QString> m_cachedOSVersion;
+    std::optional<QString> m_cachedMacModel;
+    std::optional<QString> m_cachedSerialNumber;
+    std::optional<QString> m_cachedHardwareUUID;
+    std::optional<TimedCache<bool>> m_cachedFileVault;
+    std::optional<TimedCache<bool>> m_cachedSIP;
+    std::optional<TimedCache<bool>> m_cachedGatekeeper;
+    std::optional<TimedCache<bool>> m_cachedMDM;
+    QString m_lastSleepCauseCache;
+    QString m_lastWakeCauseCache;
+    std::optional<CpuTicks> m_lastCPULoadInfo;
+
+    // Main thread only.
+    bool m_powerLogObserverInstalled = false;
+    QString m_lastReportedActiveProcess = QStringLiteral("System");
+    std::unique_ptr<QObject> m_observerContext;
+};
 
 } // namespace tellwyn

@@ -27,6 +27,7 @@ const QList<CommandEntry>& commands() {
          connectCommand},
         {u"stats"_s, u"stats HOST[:PORT] -u USER\n                        sign in and print the agent's first statistics record"_s,
          statsCommand},
+        {u"watch"_s, u"watch HOST[:PORT] -u USER\n                        sign in and show the statistics live as they arrive"_s, watchCommand},
         {u"clip"_s, u"clip get|put|watch HOST[:PORT] -u USER [TEXT]\n                        read, set or follow the agent's clipboard"_s,
          clipCommand},
         {u"send"_s, u"send HOST[:PORT] -u USER FILE...\n                        upload files into the agent's Downloads/Tellwyn folder"_s,

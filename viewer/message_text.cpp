@@ -2,6 +2,10 @@
 
 #include "hlvp_codec.h"
 
+#include <QCborMap>
+#include <QCborValue>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLocale>
 
 using namespace Qt::StringLiterals;
@@ -32,46 +36,81 @@ QString optionalText(const std::optional<T>& value) {
 
 } // namespace
 
+namespace {
+
+QString gibText(quint64 bytes) {
+    return u"%1 GiB"_s.arg(double(bytes) / double(1ull << 30), 0, 'f', 1);
+}
+
+QString yesNo(const std::optional<bool>& value) {
+    return !value ? u"unknown"_s : *value ? u"yes"_s : u"no"_s;
+}
+
+QString textOrNone(const std::optional<QString>& value) {
+    return !value ? u"unknown"_s : value->isEmpty() ? u"(none)"_s : *value;
+}
+
+QString plural(quint64 count, const QString& unit) {
+    return u"%1 %2%3"_s.arg(count).arg(unit, count == 1 ? QString() : u"s"_s);
+}
+
+} // namespace
+
+QString uptimeText(quint64 seconds) {
+    return plural(seconds / 86400, u"day"_s) + u", "_s + plural(seconds % 86400 / 3600, u"hour"_s);
+}
+
 QString statisticsText(const SystemStatsMessage& s) {
-    QStringList lines{
-        u"totalMemory: %1 (%2)"_s.arg(s.totalMemory).arg(bytesText(s.totalMemory)),
-        u"freeMemory: %1 (%2)"_s.arg(s.freeMemory).arg(bytesText(s.freeMemory)),
-        u"totalDiskSpace: %1 (%2)"_s.arg(s.totalDiskSpace).arg(bytesText(s.totalDiskSpace)),
-        u"freeDiskSpace: %1 (%2)"_s.arg(s.freeDiskSpace).arg(bytesText(s.freeDiskSpace)),
-        u"cpuUsage: %1"_s.arg(s.cpuUsage, 0, 'f', 3),
-        u"osVersion: "_s + s.osVersion,
-        u"macModel: "_s + s.macModel,
-        u"activeProcess: "_s + s.activeProcess,
-        u"uptimeSeconds: "_s + optionalText(s.uptimeSeconds),
-        u"agentVersion: "_s + optionalText(s.agentVersion),
-        u"screenCaptureAuthorized: "_s + optionalText(s.screenCaptureAuthorized),
-        u"accessibilityAuthorized: "_s + optionalText(s.accessibilityAuthorized),
-        u"screenLocked: "_s + optionalText(s.screenLocked),
-        u"primaryIPAddress: "_s + optionalText(s.primaryIPAddress),
-        u"loggedInUser: "_s + optionalText(s.loggedInUser),
-        u"networkName: "_s + optionalText(s.networkName),
-        u"displayCount: "_s + optionalText(s.displayCount),
-        u"mainDisplayResolution: "_s + optionalText(s.mainDisplayResolution),
-        u"serialNumber: "_s + optionalText(s.serialNumber),
-        u"hardwareUUID: "_s + optionalText(s.hardwareUUID),
-        u"fileVaultEnabled: "_s + optionalText(s.fileVaultEnabled),
-        u"sipEnabled: "_s + optionalText(s.sipEnabled),
-        u"gatekeeperEnabled: "_s + optionalText(s.gatekeeperEnabled),
-        u"mdmEnrolled: "_s + optionalText(s.mdmEnrolled),
-        u"lastBootTime: "_s + optionalText(s.lastBootTime),
-        u"lastSleepCause: "_s + optionalText(s.lastSleepCause),
-        u"lastWakeCause: "_s + optionalText(s.lastWakeCause),
+    const QList<std::pair<QString, QString>> rows{
+        {u"Total memory"_s, gibText(s.totalMemory)},
+        {u"Free memory"_s, gibText(s.freeMemory)},
+        {u"Total disk space"_s, gibText(s.totalDiskSpace)},
+        {u"Free disk space"_s, gibText(s.freeDiskSpace)},
+        {u"CPU usage"_s, u"%1 %"_s.arg(s.cpuUsage * 100.0, 0, 'f', 1)},
+        {u"OS version"_s, s.osVersion},
+        {u"Model"_s, s.macModel},
+        {u"Active application"_s, s.activeProcess},
+        {u"Uptime"_s, s.uptimeSeconds ? uptimeText(*s.uptimeSeconds) : u"unknown"_s},
+        {u"Agent version"_s, textOrNone(s.agentVersion)},
+        {u"Screen capture allowed"_s, yesNo(s.screenCaptureAuthorized)},
+        {u"Input control allowed"_s, yesNo(s.accessibilityAuthorized)},
+        {u"Screen locked"_s, yesNo(s.screenLocked)},
+        {u"Primary IP address"_s, textOrNone(s.primaryIPAddress)},
+        {u"Logged-in user"_s, textOrNone(s.loggedInUser)},
+        {u"Network name"_s, textOrNone(s.networkName)},
+        {u"Displays"_s, s.displayCount ? QString::number(*s.displayCount) : u"unknown"_s},
+        {u"Main display resolution"_s, textOrNone(s.mainDisplayResolution)},
+        {u"Serial number"_s, textOrNone(s.serialNumber)},
+        {u"Hardware UUID"_s, textOrNone(s.hardwareUUID)},
+        {u"Disk encryption"_s, yesNo(s.fileVaultEnabled)},
+        {u"Platform integrity"_s, yesNo(s.sipEnabled)},
+        {u"Application control"_s, yesNo(s.gatekeeperEnabled)},
+        {u"Device management"_s, yesNo(s.mdmEnrolled)},
+        {u"Last boot"_s, s.lastBootTime ? s.lastBootTime->toLocalTime().toString(u"yyyy-MM-dd HH:mm:ss"_s)
+                                        : u"unknown"_s},
+        {u"Last sleep cause"_s, textOrNone(s.lastSleepCause)},
+        {u"Last wake cause"_s, textOrNone(s.lastWakeCause)},
     };
-    if (s.diskVolumes) {
-        lines.append(u"diskVolumes: %1"_s.arg(s.diskVolumes->size()));
-        for (const HLVPDiskVolumeInfo& volume : *s.diskVolumes) {
-            lines.append(u"  %1 at %2: %3 free of %4"_s.arg(volume.name, volume.path, bytesText(volume.freeBytes),
-                                                            bytesText(volume.totalBytes)));
-        }
+    QStringList lines;
+    for (const auto& [label, value] : rows) {
+        lines.append((label + u':').leftJustified(25) + value);
+    }
+    if (!s.diskVolumes) {
+        lines.append(u"Volumes:                 unknown"_s);
     } else {
-        lines.append(u"diskVolumes: (absent)"_s);
+        lines.append(u"Volumes:"_s);
+        for (const HLVPDiskVolumeInfo& volume : *s.diskVolumes) {
+            lines.append(u"  %1  %2: %3 free of %4"_s.arg(volume.path, volume.name, gibText(volume.freeBytes),
+                                                           gibText(volume.totalBytes)));
+        }
     }
     return lines.join(u'\n');
+}
+
+QByteArray statisticsJson(const SystemStatsMessage& stats) {
+    QJsonObject record = QCborValue::fromCbor(wire::encodeMessage(stats)).toMap().toJsonObject();
+    record.remove(u"type"_s);
+    return QJsonDocument(record).toJson(QJsonDocument::Compact);
 }
 
 QString messageSummary(const HLVPMessage& message) {

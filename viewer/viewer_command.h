@@ -79,5 +79,10 @@ int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& 
 int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int watchCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+
+// Signs in and prints statistics records: the first one only, or (`live`) each as it arrives.
+int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStream& err, const QString& command,
+                      bool live);
 
 } // namespace tellwyn

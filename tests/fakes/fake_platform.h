@@ -2,13 +2,16 @@
 
 // Fakes of the platform services, for unit tests.
 
+#include "desktop_session.h"
 #include "display_probe.h"
 #include "pasteboard.h"
 #include "permission_service.h"
 #include "preferences.h"
 #include "system_events.h"
 #include "system_identity.h"
+#include "window_system.h"
 
+#include <QHash>
 #include <QVariantMap>
 
 namespace tellwyn::testing {
@@ -55,6 +58,37 @@ class FakeDisplayProbe final : public DisplayProbe {
 public:
     int displayCount() const override { return count; }
     int count = 0;
+};
+
+// Answers set by the test; read from any thread once set.
+class FakeDesktopSession final : public DesktopSession {
+    Q_OBJECT
+public:
+    using DesktopSession::DesktopSession;
+    std::optional<bool> screenLocked() override { return locked; }
+    std::optional<SeatUser> activeSeatUser() override { return seatUser; }
+    QString wirelessNetworkName(const QString& interfaceName) override {
+        return wireless.value(interfaceName);
+    }
+    QString connectionName(const QString& interfaceName) override { return connections.value(interfaceName); }
+
+    std::optional<bool> locked;
+    std::optional<SeatUser> seatUser;
+    QHash<QString, QString> wireless;
+    QHash<QString, QString> connections;
+};
+
+class FakeWindowSystem final : public WindowSystem {
+public:
+    QList<WindowOwner> frontWindowOwners() override { return owners; }
+    Screens screens() override { return screenInfo; }
+    bool canCaptureScreen() override { return capture; }
+    bool canInjectInput() override { return input; }
+
+    QList<WindowOwner> owners;
+    Screens screenInfo;
+    bool capture = false;
+    bool input = false;
 };
 
 class FakeSystemEvents final : public SystemEvents {

@@ -30,8 +30,8 @@ class SignInTest(unittest.TestCase):
     def test_the_accounts_password_signs_in_and_the_first_record_is_printed(self):
         code, out, err = self.stats(TEST_USER, TEST_PASSWORD)
         self.assertEqual(code, 0, err)
-        self.assertRegex(out, r"(?m)^totalMemory: [1-9]\d* ")
-        self.assertRegex(out, r"(?m)^uptimeSeconds: \d+$")
+        self.assertRegex(out, r"(?m)^Total memory: +[1-9][\d.]* GiB$")
+        self.assertRegex(out, r"(?m)^Uptime: +\d+ days?, \d+ hours?$")
         self.agent.wait_for_log("AUTH", f"System authentication successful for user: {TEST_USER}")
         self.agent.wait_for_log("AUTH", "Authentication successful for Sign-in Viewer")
         self.assertNotIn(TEST_PASSWORD, "\n".join(self.agent.stdout_lines + self.agent.stderr_lines))

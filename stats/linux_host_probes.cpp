@@ -1,0 +1,430 @@
+#include "linux_host_probes.h"
+
+#include "desktop_session.h"
+#include "linux_system_identity.h"
+#include "logind_desktop_session.h"
+#include "run_tool.h"
+#include "system_clock.h"
+#include "system_stats_provider.h"
+#include "window_system.h"
+#include "x11_window_system.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QObject>
+#include <QSet>
+#include <QStandardPaths>
+#include <arpa/inet.h>
+#include <ctime>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <sys/statvfs.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace tellwyn {
+
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto toolTimeLimit = 5000ms;
+constexpr auto systemLogTimeLimit = 3000ms;
+constexpr int deepestDeviceStack = 8;
+
+std::optional<HostProbes::DiskCapacity> statvfsCapacity(const QString& path) {
+    struct statvfs info {};
+    if (::statvfs(QFile::encodeName(path).constData(), &info) != 0) {
+        return std::nullopt;
+    }
+    return HostProbes::DiskCapacity{quint64(info.f_blocks) * info.f_frsize,
+                                    quint64(info.f_bavail) * info.f_frsize};
+}
+
+QList<InterfaceCandidate> systemInterfaces() {
+    QList<InterfaceCandidate> candidates;
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0) {
+        return candidates;
+    }
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr) {
+            continue;
+        }
+        InterfaceCandidate candidate;
+        candidate.name = QString::fromLocal8Bit(entry->ifa_name);
+        candidate.isIPv4 = entry->ifa_addr->sa_family == AF_INET;
+        candidate.isUp = (entry->ifa_flags & IFF_UP) != 0;
+        candidate.isLoopback = (entry->ifa_flags & IFF_LOOPBACK) != 0;
+        if (candidate.isIPv4) {
+            char host[NI_MAXHOST] = {};
+            if (::getnameinfo(entry->ifa_addr, sizeof(sockaddr_in), host, sizeof host, nullptr, 0,
+                              NI_NUMERICHOST) == 0) {
+                candidate.address = QString::fromLatin1(host);
+            }
+        }
+        candidates.append(candidate);
+    }
+    ::freeifaddrs(list);
+    return candidates;
+}
+
+double bootTimeSeconds() {
+    timespec now{};
+    if (::clock_gettime(CLOCK_BOOTTIME, &now) != 0) {
+        return 0.0;
+    }
+    return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
+}
+
+QString trimmedText(const QByteArray& bytes) {
+    QByteArray text = bytes;
+    const qsizetype nul = text.indexOf('\0');
+    if (nul >= 0) {
+        text.truncate(nul);
+    }
+    return QString::fromUtf8(text).trimmed();
+}
+
+} // namespace
+
+LinuxHostProbes::Sources LinuxHostProbes::systemSources() {
+    Sources sources;
+    sources.runTool = &tellwyn::runTool;
+    sources.capacity = &statvfsCapacity;
+    sources.interfaces = &systemInterfaces;
+    sources.uptime = &bootTimeSeconds;
+    sources.ownLoginName = LinuxSystemIdentity().loginName();
+    sources.ownPid = ::getpid();
+    for (const QString& folder : QStandardPaths::standardLocations(QStandardPaths::GenericDataLocation)) {
+        sources.applicationFolders.append(folder + u"/applications"_s);
+    }
+    return sources;
+}
+
+LinuxHostProbes::LinuxHostProbes(DesktopSession& session, WindowSystem& windows, Sources sources)
+    : m_session(session), m_windows(windows), m_sources(std::move(sources)) {
+}
+
+QString LinuxHostProbes::path(const QString& absolute) const {
+    return m_sources.root == u"/"_s ? absolute : QDir(m_sources.root).filePath(absolute.mid(1));
+}
+
+QByteArray LinuxHostProbes::read(const QString& absolute) const {
+    QFile file(path(absolute));
+    // Files of /proc and /sys report no size: read to the end.
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+std::optional<QString> LinuxHostProbes::activeApplicationName() {
+    for (const WindowSystem::WindowOwner& owner : m_windows.frontWindowOwners()) {
+        if (owner.pid != 0 && owner.pid == m_sources.ownPid) {
+            continue;
+        }
+        const QString name = applicationName(owner.pid, owner.windowClass).trimmed();
+        if (isReportableApplicationName(name)) {
+            return name;
+        }
+    }
+    return std::nullopt;
+}
+
+QString LinuxHostProbes::applicationName(qint64 pid, const QString& windowClass) {
+    const QString process = pid > 0 ? trimmedText(read(u"/proc/%1/comm"_s.arg(pid))) : QString();
+    // The process may be gone already; the window's class then names it.
+    const QString key = process.isEmpty() ? windowClass : process;
+    if (key.isEmpty()) {
+        return {};
+    }
+    const auto known = m_desktopNames.constFind(key);
+    if (known != m_desktopNames.cend()) {
+        return *known;
+    }
+    const auto entryName = [&]() -> QString {
+        for (const QString& candidate : {process, windowClass, windowClass.toLower()}) {
+            for (const QString& folder : std::as_const(m_sources.applicationFolders)) {
+                QFile entry(folder + u'/' + candidate + u".desktop"_s);
+                if (!candidate.isEmpty() && entry.open(QIODevice::ReadOnly)) {
+                    if (QString found = desktopEntryName(entry.readAll()); !found.isEmpty()) {
+                        return found;
+                    }
+                }
+            }
+        }
+        return {};
+    };
+    QString name = entryName();
+    if (name.isEmpty()) {
+        name = key;
+    }
+    m_desktopNames.insert(key, name);
+    return name;
+}
+
+void LinuxHostProbes::observeSleepAndWake(QObject* context, std::function<void(bool)> handler) {
+    QObject::connect(&m_session, &DesktopSession::prepareForSleep, context, std::move(handler));
+}
+
+QString LinuxHostProbes::powerLogLine(const QString& word) {
+    // Only the matching lines of this boot are written, so the output stays small.
+    const QString output = m_sources.runTool(u"/usr/bin/journalctl"_s,
+                                             {u"-b"_s, u"--no-pager"_s, u"-q"_s, u"-o"_s, u"short-iso"_s,
+                                              u"-n"_s, u"1000"_s, u"--grep"_s, word.toLower()},
+                                             systemLogTimeLimit);
+    return latestLogLine(output, word);
+}
+
+quint64 LinuxHostProbes::physicalMemory() {
+    return parseMemInfo(read(u"/proc/meminfo"_s)).value("MemTotal");
+}
+
+quint64 LinuxHostProbes::freeMemory() {
+    const auto memory = parseMemInfo(read(u"/proc/meminfo"_s));
+    if (!memory.contains("MemFree") || !memory.contains("Inactive")) {
+        return 0;
+    }
+    return memory.value("MemFree") + memory.value("Inactive");
+}
+
+HostProbes::DiskCapacity LinuxHostProbes::rootDiskCapacity() {
+    return m_sources.capacity(u"/"_s).value_or(DiskCapacity{});
+}
+
+std::optional<CpuTicks> LinuxHostProbes::cpuTicks() {
+    return parseCpuTicks(read(u"/proc/stat"_s));
+}
+
+QString LinuxHostProbes::osVersion() {
+    for (const QString& file : {u"/etc/os-release"_s, u"/usr/lib/os-release"_s}) {
+        const QString pretty = osReleasePrettyName(read(file));
+        if (!pretty.isEmpty()) {
+            return pretty;
+        }
+    }
+    const QString release = trimmedText(read(u"/proc/sys/kernel/osrelease"_s));
+    return release.isEmpty() ? u"Linux"_s : u"Linux "_s + release;
+}
+
+QString LinuxHostProbes::model() {
+    for (const QString& file : {u"/sys/class/dmi/id/product_name"_s, u"/proc/device-tree/model"_s}) {
+        const QString text = trimmedText(read(file));
+        if (!text.isEmpty()) {
+            return text;
+        }
+    }
+    utsname names{};
+    return ::uname(&names) == 0 ? QString::fromLatin1(names.machine) : QString();
+}
+
+double LinuxHostProbes::uptimeSeconds() {
+    return m_sources.uptime();
+}
+
+bool LinuxHostProbes::screenCaptureAuthorized() {
+    return m_windows.canCaptureScreen();
+}
+
+bool LinuxHostProbes::accessibilityAuthorized() {
+    return m_windows.canInjectInput();
+}
+
+std::optional<bool> LinuxHostProbes::screenLocked() {
+    return m_session.screenLocked();
+}
+
+std::optional<InterfaceAddress> LinuxHostProbes::primaryInterface() {
+    const QString routed = defaultRouteInterface(read(u"/proc/net/route"_s));
+    return choosePrimaryInterface(m_sources.interfaces(),
+                                  routed.isEmpty() ? QStringList() : QStringList{routed});
+}
+
+QString LinuxHostProbes::loggedInUser() {
+    // A greeter session is the display manager's login screen, as "loginwindow" is elsewhere: nobody.
+    const auto user = m_session.activeSeatUser();
+    if (user && !user->isGreeter && !user->name.isEmpty()) {
+        return user->name;
+    }
+    return m_sources.ownLoginName;
+}
+
+QString LinuxHostProbes::networkName(const std::optional<InterfaceAddress>& primary) {
+    if (!primary) {
+        return {};
+    }
+    QString name = m_session.wirelessNetworkName(primary->name);
+    // iw only for a wireless link, so that wired machines start no process for this.
+    if (name.isEmpty() && QFileInfo::exists(path(u"/sys/class/net/%1/wireless"_s.arg(primary->name)))) {
+        name = iwLinkNetworkName(
+            m_sources.runTool(u"/usr/sbin/iw"_s, {u"dev"_s, primary->name, u"link"_s}, toolTimeLimit));
+    }
+    if (name.isEmpty()) {
+        name = m_session.connectionName(primary->name);
+    }
+    return name.isEmpty() ? primary->name : name;
+}
+
+HostProbes::Displays LinuxHostProbes::displays() {
+    const WindowSystem::Screens screens = m_windows.screens();
+    Displays result{screens.count, {}};
+    if (screens.primaryWidth >= 1 && screens.primaryHeight >= 1) {
+        result.mainResolution = u"%1 x %2"_s.arg(screens.primaryWidth).arg(screens.primaryHeight);
+    }
+    return result;
+}
+
+QString LinuxHostProbes::serialNumber() {
+    return trimmedText(read(u"/sys/class/dmi/id/product_serial"_s));
+}
+
+QString LinuxHostProbes::hardwareUUID() {
+    return trimmedText(read(u"/sys/class/dmi/id/product_uuid"_s));
+}
+
+QString LinuxHostProbes::blockDeviceName(const QString& source) const {
+    const QFileInfo info(path(source));
+    return info.isSymLink() ? QFileInfo(info.symLinkTarget()).fileName() : info.fileName();
+}
+
+bool LinuxHostProbes::sitsOnDmCrypt(const QString& blockDevice, int depth) const {
+    if (depth > deepestDeviceStack) {
+        return false;
+    }
+    if (read(blockDevice + u"/dm/uuid"_s).startsWith("CRYPT-")) {
+        return true;
+    }
+    // A device mapped on top of others (LVM on LUKS, RAID): look at what it is made of.
+    const QStringList slaves =
+        QDir(path(blockDevice + u"/slaves"_s)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    for (const QString& slave : slaves) {
+        if (sitsOnDmCrypt(u"/sys/class/block/"_s + slave, depth + 1)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool LinuxHostProbes::diskEncryptionEnabled() {
+    std::optional<MountEntry> root;
+    for (const MountEntry& mount : parseMountInfo(read(u"/proc/self/mountinfo"_s))) {
+        if (mount.mountPoint == u"/"_s) {
+            root = mount; // the last mount on "/" is the one in use
+        }
+    }
+    if (!root) {
+        return false;
+    }
+    // Btrfs and the like report a device number of their own: then the device they were mounted from.
+    return sitsOnDmCrypt(u"/sys/dev/block/"_s + root->majorMinor, 0) ||
+           (root->source.startsWith(u"/dev/"_s) &&
+            sitsOnDmCrypt(u"/sys/class/block/"_s + blockDeviceName(root->source), 0));
+}
+
+bool LinuxHostProbes::platformIntegrityEnabled() {
+    return secureBootIsOn(
+               read(u"/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c"_s)) ||
+           lockdownIsActive(read(u"/sys/kernel/security/lockdown"_s));
+}
+
+bool LinuxHostProbes::applicationAssessmentEnabled() {
+    if (read(u"/sys/fs/selinux/enforce"_s).trimmed() == "1") {
+        return true;
+    }
+    if (read(u"/sys/module/apparmor/parameters/enabled"_s).trimmed() != "Y") {
+        return false;
+    }
+    // The profile list is readable by root only; the policy folder shows the loaded profiles to all.
+    if (!read(u"/sys/kernel/security/apparmor/profiles"_s).trimmed().isEmpty()) {
+        return true;
+    }
+    return !QDir(path(u"/sys/kernel/security/apparmor/policy/profiles"_s))
+                .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
+                .isEmpty();
+}
+
+bool LinuxHostProbes::managementEnrolled() {
+    const auto exists = [this](const QString& file) {
+        return QFileInfo::exists(path(file));
+    };
+    if (exists(u"/etc/sssd/sssd.conf"_s) ||
+        !QDir(path(u"/etc/sssd/conf.d"_s)).entryList({u"*.conf"_s}, QDir::Files).isEmpty()) {
+        return true;
+    }
+    if (read(u"/etc/landscape/client.conf"_s).contains("account_name")) {
+        return true;
+    }
+    if (exists(u"/etc/salt/minion_id"_s)) {
+        return true;
+    }
+    if (!exists(u"/usr/sbin/realm"_s)) {
+        return false;
+    }
+    return !m_sources.runTool(u"/usr/sbin/realm"_s, {u"list"_s, u"--name-only"_s}, toolTimeLimit)
+                .trimmed()
+                .isEmpty();
+}
+
+QList<HLVPDiskVolumeInfo> LinuxHostProbes::volumes() {
+    // Labels by the device they name.
+    QHash<QString, QString> labels;
+    const QDir byLabel(path(u"/dev/disk/by-label"_s));
+    for (const QFileInfo& entry :
+         byLabel.entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
+        labels.insert(QFileInfo(entry.symLinkTarget()).fileName(), decodeUdevLabel(entry.fileName()));
+    }
+
+    QHash<QString, MountEntry> byMountPoint; // a later mount hides an earlier one at the same place
+    QStringList order;
+    for (const MountEntry& mount : parseMountInfo(read(u"/proc/self/mountinfo"_s))) {
+        if (!order.contains(mount.mountPoint)) {
+            order.append(mount.mountPoint);
+        }
+        byMountPoint.insert(mount.mountPoint, mount);
+    }
+    // Each file system once: bind mounts of a folder and further subvolumes show the same space
+    // again. The one on "/" comes first, then the first mount of each other.
+    QSet<QString> seen;
+    if (byMountPoint.contains(u"/"_s)) {
+        seen.insert(byMountPoint[u"/"_s].majorMinor);
+    }
+    QList<HLVPDiskVolumeInfo> volumes;
+    for (const QString& mountPoint : std::as_const(order)) {
+        const MountEntry& mount = byMountPoint[mountPoint];
+        if (!isListedVolume(mount)) {
+            continue;
+        }
+        if (mountPoint != u"/"_s) {
+            if (seen.contains(mount.majorMinor)) {
+                continue;
+            }
+            seen.insert(mount.majorMinor);
+        }
+        const auto capacity = m_sources.capacity(mount.mountPoint);
+        if (!capacity || capacity->totalBytes < 1) {
+            continue;
+        }
+        const QString label =
+            mount.source.startsWith(u"/dev/"_s) ? labels.value(blockDeviceName(mount.source)) : QString();
+        volumes.append({volumeName(label, mount.mountPoint), mount.mountPoint, capacity->totalBytes,
+                        capacity->freeBytes});
+    }
+    sortVolumes(volumes);
+    return volumes;
+}
+
+// The process's provider reads this machine. Created on first use and never destroyed, like
+// the services it reads through.
+SystemStatsProvider& SystemStatsProvider::shared() {
+    static SystemStatsProvider* const instance = [] {
+        auto* session = new LogindDesktopSession;
+        auto* windows = new X11WindowSystem;
+        auto* probes = new LinuxHostProbes(*session, *windows);
+        auto* clock = new SystemClock;
+        return new SystemStatsProvider(*probes, *clock);
+    }();
+    return *instance;
+}
+
+} // namespace tellwyn

@@ -1,0 +1,234 @@
+"""Statistics records from the real agent, running as the test account, to a signed-in viewer:
+one at once and the next about 10 s later, with this machine's own figures."""
+import datetime
+import json
+import os
+import random
+import signal
+import subprocess
+import threading
+import time
+import unittest
+
+from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
+from agent_process import Agent
+from hlvp_client import HLVPClient
+
+VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
+
+ALWAYS_PRESENT = ["totalMemory", "freeMemory", "totalDiskSpace", "freeDiskSpace", "cpuUsage", "osVersion",
+                  "macModel", "activeProcess", "uptimeSeconds", "agentVersion", "screenCaptureAuthorized",
+                  "accessibilityAuthorized", "primaryIPAddress", "loggedInUser", "networkName", "displayCount",
+                  "mainDisplayResolution", "serialNumber", "hardwareUUID", "fileVaultEnabled", "sipEnabled",
+                  "gatekeeperEnabled", "mdmEnrolled", "lastBootTime", "lastSleepCause", "lastWakeCause",
+                  "diskVolumes"]
+
+
+def mem_total_bytes():
+    with open("/proc/meminfo") as meminfo:
+        for line in meminfo:
+            if line.startswith("MemTotal:"):
+                return int(line.split()[1]) * 1024
+    raise AssertionError("no MemTotal")
+
+
+def uptime_seconds():
+    with open("/proc/uptime") as uptime:
+        return float(uptime.read().split()[0])
+
+
+def pretty_name():
+    for path in ("/etc/os-release", "/usr/lib/os-release"):
+        try:
+            with open(path) as release:
+                for line in release:
+                    if line.startswith("PRETTY_NAME="):
+                        return line.split("=", 1)[1].strip().strip('"')
+        except OSError:
+            pass
+    return None
+
+
+@unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
+class StatsTest(unittest.TestCase):
+    def setUp(self):
+        self.agent = Agent(user=TEST_USER)
+        self.agent.wait_until_running()
+        self.known = os.path.join(self.agent.config_dir, "..", "known_agents")
+
+    def tearDown(self):
+        self.agent.close()
+
+    def test_a_signed_in_viewer_gets_a_record_at_once_and_another_ten_seconds_later(self):
+        client = HLVPClient(self.agent.port)
+        client.handshake("Stats Viewer")
+        client.send({"type": "authentication", "method": "password",
+                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
+        self.assertTrue(client.receive_until("authenticationResponse", timeout=15)["success"])
+        signed_in = time.monotonic()
+        first = client.receive_until("systemStats", timeout=10)
+        first_at = time.monotonic()
+        second = client.receive_until("systemStats", timeout=20)
+        second_at = time.monotonic()
+        client.close()
+
+        self.assertLess(first_at - signed_in, 5.0)  # at once, not after one interval
+        self.assertGreater(second_at - first_at, 8.0)
+        self.assertLess(second_at - first_at, 13.0)
+
+        for record in (first, second):
+            missing = [field for field in ALWAYS_PRESENT if field not in record]
+            self.assertEqual(missing, [])
+            self.assertNotIn("sequenceNumber", record)
+            self.assertEqual(record["totalMemory"], mem_total_bytes())
+            self.assertGreater(record["freeMemory"], 0)
+            self.assertLessEqual(record["freeMemory"], record["totalMemory"])
+            self.assertGreaterEqual(record["cpuUsage"], 0.0)
+            self.assertLessEqual(record["cpuUsage"], 1.0)
+            root = os.statvfs("/")
+            self.assertEqual(record["totalDiskSpace"], root.f_blocks * root.f_frsize)
+            self.assertAlmostEqual(record["freeDiskSpace"], root.f_bavail * root.f_frsize, delta=1 << 30)
+            self.assertEqual(record["diskVolumes"][0]["path"], "/")
+            self.assertEqual(record["diskVolumes"][0]["totalBytes"], record["totalDiskSpace"])
+            self.assertTrue(all(volume["totalBytes"] > 0 for volume in record["diskVolumes"]))
+            self.assertLessEqual(abs(record["uptimeSeconds"] - uptime_seconds()), 15)
+            boot = record["lastBootTime"]
+            if isinstance(boot, str):
+                boot = datetime.datetime.fromisoformat(boot.replace("Z", "+00:00"))
+            expected_boot = time.time() - uptime_seconds()
+            self.assertLess(abs(boot.timestamp() - expected_boot), 15)
+            if pretty_name():
+                self.assertEqual(record["osVersion"], pretty_name())
+            self.assertTrue(record["macModel"])
+            self.assertEqual(record["agentVersion"], self.agent_version())
+            # Without a display: nothing in front, no screens, nobody on a seat but the agent's account.
+            self.assertEqual(record["activeProcess"], "System")
+            self.assertEqual(record["displayCount"], 0)
+            self.assertEqual(record["mainDisplayResolution"], "")
+            self.assertFalse(record["screenCaptureAuthorized"])
+            if not os.path.exists("/run/systemd/seats/seat0"):
+                self.assertEqual(record["loggedInUser"], TEST_USER)
+        # Figures computed once are the same in both records.
+        for field in ("osVersion", "macModel", "serialNumber", "hardwareUUID"):
+            self.assertEqual(first[field], second[field])
+        self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
+
+    def test_the_viewer_prints_the_record_readably_and_as_json(self):
+        def stats(*extra):
+            viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
+                                     "--password-stdin", "--known-agents", self.known, *extra],
+                                    input=TEST_PASSWORD + "\n", capture_output=True, text=True, timeout=30,
+                                    env=dict(os.environ, LC_ALL="C.UTF-8"))
+            self.assertEqual(viewer.returncode, 0, viewer.stderr)
+            return viewer.stdout
+
+        record = json.loads(stats("--json"))
+        self.assertEqual(record["totalMemory"], mem_total_bytes())
+        self.assertEqual(record["diskVolumes"][0]["path"], "/")
+        self.assertNotIn("sequenceNumber", record)
+
+        text = stats()
+        gib = mem_total_bytes() / (1 << 30)
+        self.assertRegex(text, rf"(?m)^Total memory: +{gib:.1f} GiB$")
+        self.assertRegex(text, r"(?m)^Uptime: +\d+ days?, \d+ hours?$")
+        self.assertRegex(text, r"(?m)^Active application: +System$")
+        self.assertRegex(text, r"(?m)^Screen locked: +(yes|no|unknown)$")
+        self.assertRegex(text, r"(?m)^Volumes:\n  / ")
+
+    def test_watch_prints_each_record_as_it_arrives_until_interrupted(self):
+        viewer = subprocess.Popen([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
+                                   "--password-stdin", "--known-agents", self.known, "--json"],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                  env=dict(os.environ, LC_ALL="C.UTF-8"))
+        watchdog = threading.Timer(40, viewer.kill)
+        watchdog.start()
+        self.addCleanup(watchdog.cancel)
+        viewer.stdin.write(TEST_PASSWORD + "\n")
+        viewer.stdin.flush()
+        first = json.loads(viewer.stdout.readline())
+        second = json.loads(viewer.stdout.readline())
+        viewer.send_signal(signal.SIGINT)
+        _, err = viewer.communicate(timeout=10)
+        self.assertEqual(viewer.returncode, 0, err)
+        self.assertEqual(first["totalMemory"], mem_total_bytes())
+        self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
+
+    @staticmethod
+    def agent_version():
+        # "tellwyn-agent 1.0.0 (build 1)" becomes "1.0.0 (1)".
+        words = subprocess.run([os.environ.get("TELLWYN_AGENT", "tellwyn-agent"), "--version"],
+                               capture_output=True, text=True).stdout.split()
+        return f"{words[1]} ({words[3].rstrip(')')})"
+
+
+def sign_in_and_receive(agent):
+    client = HLVPClient(agent.port)
+    try:
+        client.handshake("Stats Viewer")
+        client.send({"type": "authentication", "method": "password",
+                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
+        assert client.receive_until("authenticationResponse", timeout=15)["success"]
+        return client.receive_until("systemStats", timeout=10)
+    finally:
+        client.close()
+
+
+@unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
+class StatsWithDisplayTest(unittest.TestCase):
+    """With an X server the record counts its screens and says whether capture and input work."""
+
+    def setUp(self):
+        self.display = f":{random.randrange(400, 600)}"
+        self.xvfb = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "1280x800x24", "-nolisten", "tcp"],
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.xvfb.wait, 10)
+        self.addCleanup(self.xvfb.kill)
+        socket_path = f"/tmp/.X11-unix/X{self.display[1:]}"
+        deadline = time.monotonic() + 10
+        while not os.path.exists(socket_path):
+            self.assertIsNone(self.xvfb.poll(), "Xvfb did not start")
+            self.assertLess(time.monotonic(), deadline, "Xvfb did not start")
+            time.sleep(0.05)
+        self.agent = Agent(user=TEST_USER, display=self.display)
+        self.addCleanup(self.agent.close)
+        self.agent.wait_until_running()
+
+    def x(self, *command):
+        return subprocess.run(command, capture_output=True, text=True, check=True, timeout=20,
+                              env=dict(os.environ, DISPLAY=self.display)).stdout
+
+    def test_the_application_in_front_is_the_active_windows_else_the_top_ones(self):
+        # No window manager runs here: the test writes the properties one would.
+        message = subprocess.Popen(["xmessage", "in front"], env=dict(os.environ, DISPLAY=self.display),
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(message.wait, 10)
+        self.addCleanup(message.kill)
+        window = self.x("xdotool", "search", "--sync", "--class", "Xmessage").split()[0]
+        self.x("xprop", "-id", window, "-f", "_NET_WM_PID", "32c", "-set", "_NET_WM_PID", str(message.pid))
+        self.x("xprop", "-root", "-f", "_NET_ACTIVE_WINDOW", "32c", "-set", "_NET_ACTIVE_WINDOW", window)
+        self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "xmessage")
+
+        # Nothing active: the top of the stacking list, here a window claimed for the X server's process.
+        self.x("xprop", "-root", "-remove", "_NET_ACTIVE_WINDOW")
+        self.x("xprop", "-id", window, "-f", "_NET_WM_PID", "32c", "-set", "_NET_WM_PID", str(self.xvfb.pid))
+        self.x("xprop", "-root", "-f", "_NET_CLIENT_LIST_STACKING", "32c", "-set", "_NET_CLIENT_LIST_STACKING",
+               window)
+        self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "Xvfb")
+
+        # The agent's own window never counts: the last name found stays.
+        self.x("xprop", "-id", window, "-f", "_NET_WM_PID", "32c", "-set", "_NET_WM_PID",
+               str(self.agent.process.pid))
+        self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "Xvfb")
+
+    def test_screens_capture_and_input_come_from_the_x_server(self):
+        record = sign_in_and_receive(self.agent)
+        self.assertEqual(record["displayCount"], 1)
+        self.assertEqual(record["mainDisplayResolution"], "1280 x 800")
+        self.assertTrue(record["screenCaptureAuthorized"])
+        self.assertTrue(record["accessibilityAuthorized"])  # Xvfb has XTEST
+        # No window manager names an active window: nothing has been in front yet.
+        self.assertEqual(record["activeProcess"], "System")
+
+
+if __name__ == "__main__":
+    unittest.main()
