@@ -17,6 +17,7 @@
 namespace tellwyn {
 
 class AccountVerifier;
+class BonjourServiceManager;
 class Clock;
 class DisplayProbe;
 class Preferences;
@@ -40,6 +41,7 @@ struct AgentEnvironment {
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
     SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
+    BonjourServiceManager* advertiser = nullptr;    // the process's single advertiser when null
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
