@@ -27,6 +27,7 @@ const QList<CommandEntry>& commands() {
          connectCommand},
         {u"stats"_s, u"stats HOST[:PORT] -u USER\n                        sign in and print the agent's first statistics record"_s,
          statsCommand},
+        {u"discover"_s, u"discover [--watch]     list the agents advertised on the local network"_s, discoverCommand},
     };
     return list;
 }

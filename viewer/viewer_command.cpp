@@ -45,7 +45,10 @@ std::optional<Target> parseTarget(const QCommandLineParser& parser, const Common
         *error = u"give exactly one HOST[:PORT]"_s;
         return std::nullopt;
     }
-    const auto address = parseAgentAddress(parser.positionalArguments().constFirst(), HLVP::defaultPort, error);
+    const QString text = parser.positionalArguments().constFirst();
+    // Advertised names ("TellwynAgent - Office") are not host names; look them up on the network.
+    auto address = text.contains(u' ') ? findAdvertisedAgent(text, std::chrono::seconds(5), error)
+                                       : parseAgentAddress(text, HLVP::defaultPort, error);
     if (!address) {
         return std::nullopt;
     }

@@ -11,6 +11,7 @@
 #include <QStringList>
 #include <QTextStream>
 
+#include <chrono>
 #include <optional>
 
 namespace tellwyn {
@@ -40,8 +41,14 @@ struct Target {
     QString knownAgents;
 };
 
-// HOST[:PORT] from the one positional argument, and the common options.
+// HOST[:PORT], or an agent's advertised instance name, from the one positional argument, and the
+// common options.
 std::optional<Target> parseTarget(const QCommandLineParser& parser, const CommonOptions& common, QString* error);
+
+// The address of the agent advertised on the local network under `instanceName`, if it is found
+// within `timeout`.
+std::optional<AgentAddress> findAdvertisedAgent(const QString& instanceName, std::chrono::milliseconds timeout,
+                                                QString* error);
 
 // Runs the event loop until the session ends; Ctrl-C and SIGTERM end it politely.
 int runSession(ViewerSession& session);
@@ -49,5 +56,6 @@ int runSession(ViewerSession& session);
 // The commands. Each takes the arguments with the command word removed.
 int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 
 } // namespace tellwyn
