@@ -1,14 +1,13 @@
 #include "bonjour_service_manager.h"
 
-#include "clock.h"
-#include "network_path_monitor.h"
-#include "service_publisher.h"
-#include "system_identity.h"
-
 #include "avahi_service_publisher.h"
+#include "clock.h"
 #include "linux_system_identity.h"
 #include "netlink_path_monitor.h"
+#include "network_path_monitor.h"
+#include "service_publisher.h"
 #include "system_clock.h"
+#include "system_identity.h"
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -31,8 +30,8 @@ BonjourServiceManager& BonjourServiceManager::shared() {
 }
 
 BonjourServiceManager::BonjourServiceManager(std::unique_ptr<ServicePublisher> publisher,
-                                             std::unique_ptr<NetworkPathMonitor> pathMonitor, Scheduler& scheduler,
-                                             SystemIdentity& identity, QObject* parent)
+                                             std::unique_ptr<NetworkPathMonitor> pathMonitor,
+                                             Scheduler& scheduler, SystemIdentity& identity, QObject* parent)
     : QObject(parent), m_publisher(std::move(publisher)), m_scheduler(scheduler), m_identity(identity),
       m_pathMonitor(std::move(pathMonitor)) {
     // The monitor is owned here and joins its thread when destroyed, so `this` outlives the handler.
@@ -78,7 +77,8 @@ void BonjourServiceManager::publish(quint16 port, const std::optional<QString>& 
 
 void BonjourServiceManager::netServiceDidPublish(const QString& name, quint16 port) {
     m_isPublished = true;
-    QMetaObject::invokeMethod(this, [this, name, port] { setPublished(name, port); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, name, port] { setPublished(name, port); }, Qt::QueuedConnection);
 }
 
 void BonjourServiceManager::netServiceDidNotPublish() {
@@ -102,7 +102,8 @@ void BonjourServiceManager::stop() {
 }
 
 void BonjourServiceManager::postClearing() {
-    QMetaObject::invokeMethod(this, [this] { setPublished(QString(), 0); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { setPublished(QString(), 0); }, Qt::QueuedConnection);
 }
 
 void BonjourServiceManager::setPublished(const QString& name, quint16 port) {
@@ -120,7 +121,8 @@ void BonjourServiceManager::handlePathUpdate() {
     if (!m_isPublished) {
         return;
     }
-    QMetaObject::invokeMethod(this, [this] { republish(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { republish(); }, Qt::QueuedConnection);
 }
 
 void BonjourServiceManager::republish() {

@@ -2,7 +2,6 @@
 
 #include <QObject>
 #include <QString>
-
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -30,8 +29,9 @@ public:
     static BonjourServiceManager& shared();
 
     // Path monitoring starts here and runs for the life of the manager.
-    BonjourServiceManager(std::unique_ptr<ServicePublisher> publisher, std::unique_ptr<NetworkPathMonitor> pathMonitor,
-                          Scheduler& scheduler, SystemIdentity& identity, QObject* parent = nullptr);
+    BonjourServiceManager(std::unique_ptr<ServicePublisher> publisher,
+                          std::unique_ptr<NetworkPathMonitor> pathMonitor, Scheduler& scheduler,
+                          SystemIdentity& identity, QObject* parent = nullptr);
     ~BonjourServiceManager() override;
 
     // Starts publishing unless a service is published already.

@@ -4,7 +4,6 @@
 #include <QMap>
 #include <QObject>
 #include <QString>
-
 #include <memory>
 
 namespace tellwyn {

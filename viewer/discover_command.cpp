@@ -1,14 +1,12 @@
 // tellwyn discover: list the agents advertised on the local network, and find one by its name.
 
-#include "viewer_command.h"
-
 #include "avahi_service_browser.h"
 #include "unix_signal_watcher.h"
+#include "viewer_command.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QTimer>
-
 #include <map>
 #include <tuple>
 
@@ -45,17 +43,18 @@ AgentKey agentKey(const ResolvedService& service) {
 
 } // namespace
 
-std::optional<AgentAddress> findAdvertisedAgent(const QString& instanceName, std::chrono::milliseconds timeout,
-                                                QString* error) {
+std::optional<AgentAddress> findAdvertisedAgent(const QString& instanceName,
+                                                std::chrono::milliseconds timeout, QString* error) {
     AvahiServiceBrowserBackend browser;
     QEventLoop loop;
     std::optional<AgentAddress> found;
-    QObject::connect(&browser, &ServiceBrowserBackend::serviceResolved, &loop, [&](const ResolvedService& service) {
-        if (!found && service.key.name.compare(instanceName, Qt::CaseInsensitive) == 0) {
-            found = AgentAddress{hostText(service), service.port};
-            loop.quit();
-        }
-    });
+    QObject::connect(&browser, &ServiceBrowserBackend::serviceResolved, &loop,
+                     [&](const ResolvedService& service) {
+                         if (!found && service.key.name.compare(instanceName, Qt::CaseInsensitive) == 0) {
+                             found = AgentAddress{hostText(service), service.port};
+                             loop.quit();
+                         }
+                     });
     QObject::connect(&browser, &ServiceBrowserBackend::failed, &loop, [&](const QString& reason) {
         *error = u"looking for '%1' failed: %2"_s.arg(instanceName, reason);
         loop.quit();
@@ -95,7 +94,8 @@ int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream&
     bool validTime = false;
     const double listenSeconds = parser.value(seconds).toDouble(&validTime);
     if (!validTime || listenSeconds <= 0 || listenSeconds > 3600) {
-        return usageError(err, u"discover"_s, u"give the listening time in seconds, more than 0 and at most 3600"_s);
+        return usageError(err, u"discover"_s,
+                          u"give the listening time in seconds, more than 0 and at most 3600"_s);
     }
     if (!parser.positionalArguments().isEmpty()) {
         return usageError(err, u"discover"_s, u"discover takes no arguments"_s);
@@ -105,12 +105,13 @@ int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream&
     AvahiServiceBrowserBackend browser;
     std::map<AgentKey, ResolvedService> agents;
     int exitCode = exitOk;
-    QObject::connect(&browser, &ServiceBrowserBackend::serviceResolved, &browser, [&](const ResolvedService& service) {
-        const auto [it, added] = agents.try_emplace(agentKey(service), service);
-        if (added && watching) {
-            out << u"+\t"_s << agentLine(service) << Qt::endl;
-        }
-    });
+    QObject::connect(&browser, &ServiceBrowserBackend::serviceResolved, &browser,
+                     [&](const ResolvedService& service) {
+                         const auto [it, added] = agents.try_emplace(agentKey(service), service);
+                         if (added && watching) {
+                             out << u"+\t"_s << agentLine(service) << Qt::endl;
+                         }
+                     });
     QObject::connect(&browser, &ServiceBrowserBackend::serviceRemoved, &browser,
                      [&](const ServiceInstanceKey& key) {
                          for (auto it = agents.begin(); it != agents.end();) {

@@ -3,16 +3,14 @@
 #include <QObject>
 #include <QSocketNotifier>
 #include <QTimer>
-
-#include <sys/time.h>
-
 #include <chrono>
+#include <sys/time.h>
 
 // The callback structs are declared opaque by Avahi; each poll implementation defines them.
 struct AvahiWatch : QObject {
     AvahiWatch(int fd, AvahiWatchEvent wanted, AvahiWatchCallback callback, void* userdata)
-        : m_read(fd, QSocketNotifier::Read), m_write(fd, QSocketNotifier::Write), m_fd(fd), m_callback(callback),
-          m_userdata(userdata) {
+        : m_read(fd, QSocketNotifier::Read), m_write(fd, QSocketNotifier::Write), m_fd(fd),
+          m_callback(callback), m_userdata(userdata) {
         QObject::connect(&m_read, &QSocketNotifier::activated, this, [this] { dispatch(AVAHI_WATCH_IN); });
         QObject::connect(&m_write, &QSocketNotifier::activated, this, [this] { dispatch(AVAHI_WATCH_OUT); });
         update(wanted);
@@ -94,7 +92,8 @@ namespace tellwyn {
 
 namespace {
 
-AvahiWatch* watchNew(const AvahiPoll*, int fd, AvahiWatchEvent event, AvahiWatchCallback callback, void* userdata) {
+AvahiWatch* watchNew(const AvahiPoll*, int fd, AvahiWatchEvent event, AvahiWatchCallback callback,
+                     void* userdata) {
     return new AvahiWatch(fd, event, callback, userdata);
 }
 
@@ -110,7 +109,8 @@ void watchFree(AvahiWatch* watch) {
     watch->release();
 }
 
-AvahiTimeout* timeoutNew(const AvahiPoll*, const struct timeval* tv, AvahiTimeoutCallback callback, void* userdata) {
+AvahiTimeout* timeoutNew(const AvahiPoll*, const struct timeval* tv, AvahiTimeoutCallback callback,
+                         void* userdata) {
     return new AvahiTimeout(tv, callback, userdata);
 }
 
@@ -125,6 +125,8 @@ void timeoutFree(AvahiTimeout* timeout) {
 } // namespace
 
 AvahiQtPoll::AvahiQtPoll()
-    : m_poll{nullptr, watchNew, watchUpdate, watchGetEvents, watchFree, timeoutNew, timeoutUpdate, timeoutFree} {}
+    : m_poll{nullptr,   watchNew,   watchUpdate,   watchGetEvents,
+             watchFree, timeoutNew, timeoutUpdate, timeoutFree} {
+}
 
 } // namespace tellwyn

@@ -9,8 +9,8 @@ namespace tellwyn {
 
 namespace {
 
-ServiceInstanceKey instanceKey(AvahiIfIndex interface, AvahiProtocol protocol, const char* name, const char* type,
-                               const char* domain) {
+ServiceInstanceKey instanceKey(AvahiIfIndex interface, AvahiProtocol protocol, const char* name,
+                               const char* type, const char* domain) {
     return {interface, protocol, QString::fromUtf8(name), QString::fromUtf8(type), QString::fromUtf8(domain)};
 }
 
@@ -31,9 +31,9 @@ QMap<QString, QByteArray> txtValues(AvahiStringList* txt) {
 }
 
 void resolved(AvahiServiceResolver* resolver, AvahiIfIndex interface, AvahiProtocol protocol,
-              AvahiResolverEvent event, const char* name, const char* type, const char* domain, const char* hostName,
-              const AvahiAddress* address, uint16_t port, AvahiStringList* txt, AvahiLookupResultFlags,
-              void* userdata) {
+              AvahiResolverEvent event, const char* name, const char* type, const char* domain,
+              const char* hostName, const AvahiAddress* address, uint16_t port, AvahiStringList* txt,
+              AvahiLookupResultFlags, void* userdata) {
     auto* backend = static_cast<AvahiServiceBrowserBackend*>(userdata);
     if (event == AVAHI_RESOLVER_FOUND) {
         ResolvedService service;
@@ -50,8 +50,9 @@ void resolved(AvahiServiceResolver* resolver, AvahiIfIndex interface, AvahiProto
     avahi_service_resolver_free(resolver);
 }
 
-void browsed(AvahiServiceBrowser* browser, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
-             const char* name, const char* type, const char* domain, AvahiLookupResultFlags, void* userdata) {
+void browsed(AvahiServiceBrowser* browser, AvahiIfIndex interface, AvahiProtocol protocol,
+             AvahiBrowserEvent event, const char* name, const char* type, const char* domain,
+             AvahiLookupResultFlags, void* userdata) {
     auto* backend = static_cast<AvahiServiceBrowserBackend*>(userdata);
     AvahiClient* client = avahi_service_browser_get_client(browser);
     switch (event) {
@@ -93,8 +94,9 @@ bool AvahiServiceBrowserBackend::start(const QString& type, const QString& domai
     if (m_client == nullptr) {
         return false;
     }
-    m_browser = avahi_service_browser_new(m_client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.toUtf8().constData(),
-                                          domain.toUtf8().constData(), AvahiLookupFlags(0), browsed, this);
+    m_browser =
+        avahi_service_browser_new(m_client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.toUtf8().constData(),
+                                  domain.toUtf8().constData(), AvahiLookupFlags(0), browsed, this);
     if (m_browser == nullptr) {
         stop();
         return false;

@@ -20,8 +20,8 @@ public:
 
     void publish() override {
         int error = 0;
-        m_client = avahi_client_new(m_poll.poll(), AvahiClientFlags(0), &AvahiPublishedService::clientCallback,
-                                    this, &error);
+        m_client = avahi_client_new(m_poll.poll(), AvahiClientFlags(0),
+                                    &AvahiPublishedService::clientCallback, this, &error);
         if (m_client == nullptr) {
             fail(); // no daemon to talk to: the advertisement fails like any other
         }
@@ -100,9 +100,9 @@ private:
         }
         AvahiStringList* txt = nullptr;
         for (auto it = m_description.txtRecord.cbegin(); it != m_description.txtRecord.cend(); ++it) {
-            txt = avahi_string_list_add_pair_arbitrary(txt, it.key().toUtf8().constData(),
-                                                       reinterpret_cast<const uint8_t*>(it.value().constData()),
-                                                       static_cast<size_t>(it.value().size()));
+            txt = avahi_string_list_add_pair_arbitrary(
+                txt, it.key().toUtf8().constData(), reinterpret_cast<const uint8_t*>(it.value().constData()),
+                static_cast<size_t>(it.value().size()));
         }
         const QByteArray type = m_description.type.toUtf8();
         const QByteArray domain = m_description.domain.toUtf8();
@@ -135,7 +135,8 @@ private:
             }
         });
         // Avahi objects must not be freed inside their own callbacks.
-        QMetaObject::invokeMethod(this, [this] { release(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { release(); }, Qt::QueuedConnection);
     }
 
     // Results are delivered from the event loop, never from inside publish() or a callback.
@@ -170,7 +171,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<PublishedService> AvahiServicePublisher::createService(const ServiceDescription& description) {
+std::unique_ptr<PublishedService>
+AvahiServicePublisher::createService(const ServiceDescription& description) {
     return std::make_unique<AvahiPublishedService>(description);
 }
 

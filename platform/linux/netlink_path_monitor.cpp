@@ -1,20 +1,18 @@
 #include "netlink_path_monitor.h"
 
 #include <QThread>
-
+#include <algorithm>
+#include <cstring>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <map>
 #include <net/if.h>
 #include <poll.h>
+#include <set>
+#include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <map>
-#include <set>
-#include <string>
 
 namespace tellwyn {
 
@@ -55,8 +53,7 @@ void requestAddressDump(int fd) {
 }
 
 // The netlink macros cast in C style; these do the same arithmetic with checked sizes.
-template <typename T>
-const T* payload(const nlmsghdr* header) {
+template <typename T> const T* payload(const nlmsghdr* header) {
     return reinterpret_cast<const T*>(reinterpret_cast<const char*>(header) + NLMSG_ALIGN(sizeof(nlmsghdr)));
 }
 
@@ -162,7 +159,8 @@ void watch(int wakeFd, const std::function<void()>& onPathUpdate) {
 } // namespace
 
 NetlinkPathMonitor::NetlinkPathMonitor(QString threadName)
-    : m_threadName(std::move(threadName)), m_wakeFd(::eventfd(0, EFD_CLOEXEC)) {}
+    : m_threadName(std::move(threadName)), m_wakeFd(::eventfd(0, EFD_CLOEXEC)) {
+}
 
 NetlinkPathMonitor::~NetlinkPathMonitor() {
     if (m_thread) {
@@ -176,9 +174,8 @@ NetlinkPathMonitor::~NetlinkPathMonitor() {
 }
 
 void NetlinkPathMonitor::start(std::function<void()> onPathUpdate) {
-    m_thread.reset(QThread::create([wakeFd = m_wakeFd, onPathUpdate = std::move(onPathUpdate)] {
-        watch(wakeFd, onPathUpdate);
-    }));
+    m_thread.reset(QThread::create(
+        [wakeFd = m_wakeFd, onPathUpdate = std::move(onPathUpdate)] { watch(wakeFd, onPathUpdate); }));
     m_thread->setObjectName(m_threadName);
     m_thread->start();
 }

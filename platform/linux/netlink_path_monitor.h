@@ -3,7 +3,6 @@
 #include "network_path_monitor.h"
 
 #include <QString>
-
 #include <memory>
 
 class QThread;

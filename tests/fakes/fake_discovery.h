@@ -7,7 +7,6 @@
 #include "service_publisher.h"
 
 #include <QPointer>
-
 #include <functional>
 #include <memory>
 
@@ -35,7 +34,9 @@ public:
     // Every advertisement created so far; an entry turns null once the manager lets it go.
     QList<QPointer<FakePublishedService>> services;
 
-    FakePublishedService* latest() const { return services.isEmpty() ? nullptr : services.constLast().data(); }
+    FakePublishedService* latest() const {
+        return services.isEmpty() ? nullptr : services.constLast().data();
+    }
 };
 
 // Reports path changes when the test calls change(), from the test's thread.

@@ -39,8 +39,8 @@ private Q_SLOTS:
         auto ownedMonitor = std::make_unique<FakeNetworkPathMonitor>();
         publisher = ownedPublisher.get();
         monitor = ownedMonitor.get();
-        manager = std::make_unique<BonjourServiceManager>(std::move(ownedPublisher), std::move(ownedMonitor), *time,
-                                                          *identity);
+        manager = std::make_unique<BonjourServiceManager>(std::move(ownedPublisher), std::move(ownedMonitor),
+                                                          *time, *identity);
     }
 
     void cleanup() {
@@ -54,9 +54,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("instanceName");
         QTest::addColumn<TxtRecord>("txt");
 
-        QTest::newRow("name given") << std::optional<QString>(u"lab-host"_s) << std::optional<QString>(u"Office PC"_s)
-                                    << u"TellwynAgent - Office PC"_s
-                                    << TxtRecord{{u"name"_s, "Office PC"}, {u"hostname"_s, "lab-host"},
+        QTest::newRow("name given") << std::optional<QString>(u"lab-host"_s)
+                                    << std::optional<QString>(u"Office PC"_s) << u"TellwynAgent - Office PC"_s
+                                    << TxtRecord{{u"name"_s, "Office PC"},
+                                                 {u"hostname"_s, "lab-host"},
                                                  {u"type"_s, "HLVP"}};
         QTest::newRow("padded name is trimmed only in the instance name")
             << std::optional<QString>(u"lab-host"_s) << std::optional<QString>(u"  Lab \n"_s)
@@ -72,14 +73,13 @@ private Q_SLOTS:
         QTest::newRow("empty name") << std::optional<QString>(u"lab-host"_s) << std::optional<QString>(u""_s)
                                     << u"TellwynAgent - lab-host"_s
                                     << TxtRecord{{u"hostname"_s, "lab-host"}, {u"type"_s, "HLVP"}};
-        QTest::newRow("no host name either") << std::optional<QString>() << std::optional<QString>()
-                                             << u"TellwynAgent - Linux"_s
-                                             << TxtRecord{{u"hostname"_s, "Linux"}, {u"type"_s, "HLVP"}};
-        QTest::newRow("non-ASCII name") << std::optional<QString>(u"lab-host"_s)
-                                        << std::optional<QString>(u"Büro Ω"_s) << u"TellwynAgent - Büro Ω"_s
-                                        << TxtRecord{{u"name"_s, u"Büro Ω"_s.toUtf8()},
-                                                     {u"hostname"_s, "lab-host"},
-                                                     {u"type"_s, "HLVP"}};
+        QTest::newRow("no host name either")
+            << std::optional<QString>() << std::optional<QString>() << u"TellwynAgent - Linux"_s
+            << TxtRecord{{u"hostname"_s, "Linux"}, {u"type"_s, "HLVP"}};
+        QTest::newRow("non-ASCII name")
+            << std::optional<QString>(u"lab-host"_s) << std::optional<QString>(u"Büro Ω"_s)
+            << u"TellwynAgent - Büro Ω"_s
+            << TxtRecord{{u"name"_s, u"Büro Ω"_s.toUtf8()}, {u"hostname"_s, "lab-host"}, {u"type"_s, "HLVP"}};
     }
 
     void advertisementCarriesNameTypeAndTxtRecord() {
