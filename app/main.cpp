@@ -5,6 +5,8 @@
 #include "linux_system_events.h"
 #include "linux_system_identity.h"
 #include "pam_account_verifier.h"
+#include "secret_service_credential_store.h"
+#include "xdg_autostart_login_item.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "settings_preferences.h"
@@ -21,6 +23,7 @@
 #include <QStandardPaths>
 
 #include <cstdio>
+#include <malloc.h>
 #include <cstring>
 #include <memory>
 
@@ -83,6 +86,11 @@ QString folderOr(const QString& chosen, QStandardPaths::StandardLocation locatio
 } // namespace
 
 int main(int argc, char** argv) {
+    // Uploads pass through in buffers of a few hundred KiB: keep such blocks in the heap and the
+    // heap from shrinking after each, instead of mapping, zeroing and unmapping fresh pages for
+    // every piece of every file.
+    mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
     // Started by the crash reporter of a crashed agent: report that crash and nothing else.
     if (const std::optional<int> descriptor = crashHelperDescriptor(argc, argv)) {
         return CrashReporter::runHelper(*descriptor, argc, argv);
@@ -134,6 +142,11 @@ int main(int argc, char** argv) {
     AgentEnvironment environment{clock, scheduler, preferences, identity, displays, events, dataDirectory,
                                  options.listenAddress};
     environment.accountVerifier = &accountVerifier;
+    environment.pasteboard = &pasteboard;
+    SecretServiceCredentialStore credentialStore;
+    environment.credentialStore = &credentialStore;
+    XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
+    environment.loginItem = &loginItem;
     ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.
     QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,

@@ -251,15 +251,7 @@ void ServerManager::removeClientAfterAuthenticationFailure(const std::shared_ptr
         state.connectedClients.remove(key);
         state.authenticatedClients.remove(key);
     });
-    m_clientComputerNames.remove(key);
-    m_lastClientActivity.remove(key);
-    for (const auto& connection : m_clientCancellables.take(key)) {
-        QObject::disconnect(connection);
-    }
-    m_clientRemoteHosts.remove(key);
-    if (const TaskPtr task = m_statsPushTasks.take(key)) {
-        task->cancel();
-    }
+    forgetClientEntries(key);
 }
 
 } // namespace tellwyn

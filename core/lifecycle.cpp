@@ -35,7 +35,9 @@ BonjourServiceManager& advertiserOf(const AgentEnvironment& environment) {
 
 ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
     : QObject(parent), m_environment(std::move(environment)),
-      m_authenticationQueue(std::make_unique<SerialQueue>(u"org.tellwyn.agent.authentication"_s)),
+      // Quality of service "user initiated": a viewer is waiting for the answer.
+      m_authenticationQueue(
+          std::make_unique<SerialQueue>(u"org.tellwyn.agent.authentication"_s, QThread::HighPriority)),
       m_uiLockBlockedUntil(QDateTime(QDate(1, 1, 1), QTime(0, 0), Qt::UTC)) {
     m_serverState.statusMessage = tr("Agent not started");
     m_permissionState.accountStatus = tr("Initializing...");
@@ -153,6 +155,7 @@ void ServerManager::setupServer() {
     options.identityDirectory = m_environment.dataDirectory;
     options.listenAddress = m_environment.listenAddress;
     options.client = m_environment.clientSettings;
+    options.client.pasteboard = m_environment.pasteboard;
     options.client.agentName = m_environment.identity.localizedComputerName().value_or(QString());
     options.client.agentVersion = QString::fromLatin1(TELLWYN_VERSION);
     m_server = std::make_unique<HLVPServer>(m_settingsState.serverPort, maxConnections, options);

@@ -2,10 +2,125 @@
 
 #include "server_manager.h"
 
+#include "clock.h"
+#include "hlvp_credential_store.h"
+#include "login_item.h"
+#include "preferences.h"
+
+#include <cmath>
+
+using namespace Qt::StringLiterals;
+
 namespace tellwyn {
 
-// The lock password lives in the keyring, which comes with the credential store; until then the
-// lock stays off.
-void ServerManager::loadPasswordProtectionSettings() {}
+namespace {
+
+constexpr double maximumLockWaitSeconds = 30.0;
+
+QDateTime distantPast() {
+    return QDateTime(QDate(1, 1, 1), QTime(0, 0), Qt::UTC);
+}
+
+// Equal texts give 0; the time taken does not depend on where two texts of equal length differ.
+int constantTimeDifference(const QByteArray& a, const QByteArray& b) {
+    int result = int((a.size() ^ b.size()) & 0xff);
+    const qsizetype longer = std::max(a.size(), b.size());
+    for (qsizetype i = 0; i < longer; ++i) {
+        const auto x = i < a.size() ? quint8(a.at(i)) : quint8(0);
+        const auto y = i < b.size() ? quint8(b.at(i)) : quint8(0);
+        result |= x ^ y;
+    }
+    return result;
+}
+
+} // namespace
+
+void ServerManager::loadPasswordProtectionSettings() {
+    Preferences& preferences = m_environment.preferences;
+    const bool enabled = preferences.boolValue(PreferenceKey::passwordProtectionEnabled);
+    const QString legacy = preferences.object(PreferenceKey::serverPassword).value_or(QVariant()).toString();
+    HLVPCredentialStore* store = m_environment.credentialStore;
+    QString password;
+    if (!legacy.isEmpty()) {
+        const std::optional<QString> error =
+            store != nullptr ? store->saveAgentLockPassword(legacy) : std::optional<QString>(u"No keyring."_s);
+        password = legacy;
+        if (!error) {
+            preferences.remove(PreferenceKey::serverPassword);
+            log(u"Migrated agent UI-lock password to Keychain"_s, u"AUTH"_s);
+        } else {
+            log(u"Agent password migration deferred: %1"_s.arg(*error), u"ERROR"_s);
+        }
+    } else {
+        const HLVPCredentialStore::Lookup lookup =
+            store != nullptr ? store->agentLockPassword()
+                             : HLVPCredentialStore::Lookup{std::nullopt, u"No keyring."_s};
+        if (lookup.error) {
+            log(u"Agent password migration deferred: %1"_s.arg(*lookup.error), u"ERROR"_s);
+        } else {
+            password = lookup.password.value_or(QString());
+        }
+    }
+    updateSettingsState([&](SettingsState& settings) {
+        settings.passwordProtectionEnabled = enabled;
+        settings.serverPassword = password;
+    });
+}
+
+void ServerManager::setPasswordProtection(bool enabled) {
+    updateSettingsState([&](SettingsState& settings) { settings.passwordProtectionEnabled = enabled; });
+    m_environment.preferences.set(PreferenceKey::passwordProtectionEnabled, enabled);
+    log(enabled ? u"Password protection enabled"_s : u"Password protection disabled"_s, u"AUTH"_s);
+}
+
+bool ServerManager::updateLockPassword(const QString& password) {
+    HLVPCredentialStore* store = m_environment.credentialStore;
+    const std::optional<QString> error =
+        store != nullptr ? store->saveAgentLockPassword(password) : std::optional<QString>(u"No keyring."_s);
+    if (error) {
+        log(u"Failed to update agent UI-lock password: %1"_s.arg(*error), u"ERROR"_s);
+        return false;
+    }
+    updateSettingsState([&](SettingsState& settings) { settings.serverPassword = password; });
+    m_environment.preferences.remove(PreferenceKey::serverPassword);
+    log(u"Agent UI-lock password updated in Keychain"_s, u"AUTH"_s);
+    return true;
+}
+
+bool ServerManager::verifyLockPassword(const QString& text) {
+    const QDateTime now = m_environment.clock.now();
+    if (now < m_uiLockBlockedUntil) {
+        return false;
+    }
+    if (constantTimeDifference(text.toUtf8(), m_settingsState.serverPassword.toUtf8()) == 0) {
+        m_uiLockFailures = 0;
+        m_uiLockBlockedUntil = distantPast();
+        return true;
+    }
+    m_uiLockFailures += 1;
+    const double wait = std::min(std::pow(2.0, double(m_uiLockFailures - 1)), maximumLockWaitSeconds);
+    m_uiLockBlockedUntil = now.addMSecs(qint64(wait * 1000.0));
+    return false;
+}
+
+void ServerManager::registerLoginItem() {
+    LoginItem* item = m_environment.loginItem;
+    const std::optional<QString> error = item != nullptr ? item->registerItem() : u"No login items here."_s;
+    if (error) {
+        log(u"Failed to register with SMAppService: %1"_s.arg(*error), u"ERROR"_s);
+    } else {
+        log(u"Registered app with SMAppService for launch at login"_s, u"SERVER"_s);
+    }
+}
+
+void ServerManager::unregisterLoginItem() {
+    LoginItem* item = m_environment.loginItem;
+    const std::optional<QString> error = item != nullptr ? item->unregisterItem() : u"No login items here."_s;
+    if (error) {
+        log(u"Failed to unregister from SMAppService: %1"_s.arg(*error), u"ERROR"_s);
+    } else {
+        log(u"Unregistered app from SMAppService"_s, u"SERVER"_s);
+    }
+}
 
 } // namespace tellwyn

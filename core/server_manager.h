@@ -20,6 +20,9 @@ class AccountVerifier;
 class BonjourServiceManager;
 class Clock;
 class DisplayProbe;
+class HLVPCredentialStore;
+class LoginItem;
+class Pasteboard;
 class Preferences;
 class Scheduler;
 class ScheduledTimer;
@@ -42,6 +45,9 @@ struct AgentEnvironment {
     SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
     BonjourServiceManager* advertiser = nullptr;    // the process's single advertiser when null
+    Pasteboard* pasteboard = nullptr;               // the machine's clipboard; none: nothing is shared
+    HLVPCredentialStore* credentialStore = nullptr; // the keyring; none: the lock password stays in memory
+    LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
@@ -129,14 +135,26 @@ public:
     // Clipboard sharing and file transfers.
     QString fileTransferDirectory() const;
     void updateClipboardMonitor();
+    void pollPasteboard();
     void handleClipboardSnapshot(const QString& text, const QString& key);
+    void applyFeatureSettings();
+    // What the settings screen does: change the switches in the settings, then apply them.
+    void setFeatureSwitches(bool enableFileTransfers, bool enableClipboardSharing, bool enableLoginItems);
+    bool isClipboardMonitorRunning() const { return m_clipboardMonitorTimer != nullptr; }
 
     // Permissions.
     void screenCaptureStartupPreflight();
     void checkScreenCapturePermission();
 
-    // Menu lock.
+    // Launch at login and the menu lock.
     void loadPasswordProtectionSettings();
+    void setPasswordProtection(bool enabled);
+    bool updateLockPassword(const QString& password);
+    bool verifyLockPassword(const QString& text);
+    void registerLoginItem();
+    void unregisterLoginItem();
+    qint64 uiLockFailures() const { return m_uiLockFailures; }
+    QDateTime uiLockBlockedUntil() const { return m_uiLockBlockedUntil; }
 
 Q_SIGNALS:
     void serverStateChanged();
@@ -151,6 +169,9 @@ Q_SIGNALS:
 private:
     void log(const QString& message, const QString& category) const;
     void installTransferCallbacks(HLVPServerClient& client, const QString& key);
+    // Removes a client's name, activity time, state subscription and remote host, and cancels
+    // its statistics push: what every way of removing a client does after the published tables.
+    void forgetClientEntries(const QString& key);
     void handleClientConnectionState(const QString& key, HLVP::ConnectionState state);
     void runStatsPushStep(const std::weak_ptr<Task>& weakTask, const QString& key);
     SystemStatsProvider& statsProvider() const;
@@ -194,7 +215,7 @@ private:
     qint64 m_lastObservedPasteboardChangeCount = -1;
     std::optional<QString> m_lastRemoteAppliedClipboardContent;
     std::optional<QString> m_lastSentClipboardContent;
-    int m_uiLockFailures = 0;
+    qint64 m_uiLockFailures = 0;
     QDateTime m_uiLockBlockedUntil;
 };
 

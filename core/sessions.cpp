@@ -205,6 +205,14 @@ void ServerManager::cleanupDisconnectedClient(const QString& key) {
     next.authenticatedClients.remove(key);
     m_serverState = std::move(next);
 
+    forgetClientEntries(key);
+    updateClipboardMonitor();
+    Q_EMIT serverStateChanged();
+    Q_EMIT changed();
+    log(u"%1 fully cleaned up and removed from all lists"_s.arg(displayLabel(key)), u"CONNECTION"_s);
+}
+
+void ServerManager::forgetClientEntries(const QString& key) {
     m_clientComputerNames.remove(key);
     m_lastClientActivity.remove(key);
     for (const auto& connection : m_clientCancellables.take(key)) {
@@ -214,10 +222,6 @@ void ServerManager::cleanupDisconnectedClient(const QString& key) {
     if (const TaskPtr task = m_statsPushTasks.take(key)) {
         task->cancel();
     }
-    updateClipboardMonitor();
-    Q_EMIT serverStateChanged();
-    Q_EMIT changed();
-    log(u"%1 fully cleaned up and removed from all lists"_s.arg(displayLabel(key)), u"CONNECTION"_s);
 }
 
 void ServerManager::cleanupStaleClients() {
@@ -261,15 +265,7 @@ void ServerManager::disconnectClient(const QString& key) {
         state.connectedClients.remove(key);
         state.authenticatedClients.remove(key);
     });
-    m_clientComputerNames.remove(key);
-    m_lastClientActivity.remove(key);
-    for (const auto& connection : m_clientCancellables.take(key)) {
-        QObject::disconnect(connection);
-    }
-    m_clientRemoteHosts.remove(key);
-    if (const TaskPtr task = m_statsPushTasks.take(key)) {
-        task->cancel();
-    }
+    forgetClientEntries(key);
     log(u"%1 disconnected"_s.arg(displayLabel(key)), u"CONNECT"_s);
 }
 

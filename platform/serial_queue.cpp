@@ -2,11 +2,11 @@
 
 namespace tellwyn {
 
-SerialQueue::SerialQueue(const QString& label) : m_worker(new QObject) {
+SerialQueue::SerialQueue(const QString& label, QThread::Priority priority) : m_worker(new QObject) {
     m_thread.setObjectName(label);
     m_worker->moveToThread(&m_thread);
     QObject::connect(&m_thread, &QThread::finished, m_worker, &QObject::deleteLater);
-    m_thread.start();
+    m_thread.start(priority);
 }
 
 SerialQueue::~SerialQueue() {

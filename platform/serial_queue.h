@@ -10,7 +10,9 @@ namespace tellwyn {
 // One worker thread that runs its jobs one at a time, in the order they were submitted.
 class SerialQueue final {
 public:
-    explicit SerialQueue(const QString& label);
+    // `priority` stands for a dispatch queue's quality of service: user initiated work runs
+    // above normal priority, utility work below.
+    explicit SerialQueue(const QString& label, QThread::Priority priority = QThread::InheritPriority);
     ~SerialQueue();
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;

@@ -34,6 +34,7 @@ TELLWYN_MESSAGE_NAMES(ScreenCaptureRequest, "screenCaptureRequest")
 TELLWYN_MESSAGE_NAMES(InputEventMessage, "inputEvent")
 TELLWYN_MESSAGE_NAMES(SystemStatsMessage, "systemStats")
 TELLWYN_MESSAGE_NAMES(ClipboardMessage, "clipboard")
+TELLWYN_MESSAGE_NAMES(ClipboardRequestMessage, "clipboardRequest")
 TELLWYN_MESSAGE_NAMES(ErrorMessage, "error")
 TELLWYN_MESSAGE_NAMES(FileOfferMessage, "fileOffer")
 TELLWYN_MESSAGE_NAMES(FileAcceptMessage, "fileAccept")
@@ -207,6 +208,11 @@ QCborMap encodeFields(const ClipboardMessage& m) {
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
     return w.map();
 }
+QCborMap encodeFields(const ClipboardRequestMessage& m) {
+    MapWriter w(u"clipboardRequest"_s);
+    w.put(u"sequenceNumber"_s, m.sequenceNumber);
+    return w.map();
+}
 QCborMap encodeFields(const ErrorMessage& m) {
     MapWriter w(u"error"_s);
     w.put(u"code"_s, m.code);
@@ -221,7 +227,6 @@ QCborMap encodeFields(const FileOfferMessage& m) {
     w.put(u"transferID"_s, m.transferID);
     w.put(u"name"_s, m.name);
     w.put(u"size"_s, m.size);
-    w.put(u"sha256"_s, m.sha256);
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
     return w.map();
 }
@@ -251,6 +256,7 @@ QCborMap encodeFields(const FileChunkAckMessage& m) {
 QCborMap encodeFields(const FileCompleteMessage& m) {
     MapWriter w(u"fileComplete"_s);
     w.put(u"transferID"_s, m.transferID);
+    w.put(u"sha256"_s, m.sha256);
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
     return w.map();
 }
@@ -518,19 +524,19 @@ std::optional<HLVPMessage> decodeFields(const QString& type, MapReader& r) {
         return m;
     }
     if (type == u"clipboard"_s) {
-        return ClipboardMessage{r.text(u"text"_s, HLVP::maxClipboardBytes), sequence()};
+        // Bounded by the frame here; the receiver refuses texts over the clipboard limit itself.
+        return ClipboardMessage{r.text(u"text"_s, maxFrameBytes), sequence()};
+    }
+    if (type == u"clipboardRequest"_s) {
+        return ClipboardRequestMessage{sequence()};
     }
     if (type == u"error"_s) {
         return ErrorMessage{r.text(u"code"_s, maxNameBytes), r.text(u"message"_s), r.optionalText(u"refersTo"_s, maxNameBytes),
                             sequence()};
     }
     if (type == u"fileOffer"_s) {
-        FileOfferMessage m{r.text(u"transferID"_s, maxTransferIDBytes), r.textOrBytes(u"name"_s, maxFileNameBytes),
-                           r.unsigned64(u"size"_s), r.bytes(u"sha256"_s, sha256Bytes), sequence()};
-        if (r.ok() && m.sha256.size() != sha256Bytes) {
-            r.fail(u"field \"sha256\" is not %1 bytes"_s.arg(sha256Bytes));
-        }
-        return m;
+        return FileOfferMessage{r.text(u"transferID"_s, maxTransferIDBytes),
+                                r.textOrBytes(u"name"_s, maxFileNameBytes), r.unsigned64(u"size"_s), sequence()};
     }
     if (type == u"fileAccept"_s) {
         return FileAcceptMessage{r.text(u"transferID"_s, maxTransferIDBytes), r.text(u"savedName"_s, maxFileNameBytes),
@@ -545,7 +551,12 @@ std::optional<HLVPMessage> decodeFields(const QString& type, MapReader& r) {
                                    sequence()};
     }
     if (type == u"fileComplete"_s) {
-        return FileCompleteMessage{r.text(u"transferID"_s, maxTransferIDBytes), sequence()};
+        FileCompleteMessage m{r.text(u"transferID"_s, maxTransferIDBytes), r.bytes(u"sha256"_s, sha256Bytes),
+                              sequence()};
+        if (r.ok() && m.sha256.size() != sha256Bytes) {
+            r.fail(u"field \"sha256\" is not %1 bytes"_s.arg(sha256Bytes));
+        }
+        return m;
     }
     if (type == u"fileResult"_s) {
         return FileResultMessage{r.text(u"transferID"_s, maxTransferIDBytes), r.boolean(u"success"_s),

@@ -130,6 +130,12 @@ struct ClipboardMessage {
     friend bool operator==(const ClipboardMessage&, const ClipboardMessage&) = default;
 };
 
+// A viewer asks for the machine's current clipboard text; answered with a ClipboardMessage.
+struct ClipboardRequestMessage {
+    std::optional<quint32> sequenceNumber;
+    friend bool operator==(const ClipboardRequestMessage&, const ClipboardRequestMessage&) = default;
+};
+
 // A refusal or protocol error from the agent. `code` is one of the codes in docs/protocol.md.
 struct ErrorMessage {
     QString code;
@@ -145,7 +151,6 @@ struct FileOfferMessage {
     QString transferID;
     QString name;        // as the viewer gives it; made safe by the agent before use
     quint64 size = 0;
-    QByteArray sha256;   // 32 bytes
     std::optional<quint32> sequenceNumber;
     friend bool operator==(const FileOfferMessage&, const FileOfferMessage&) = default;
 };
@@ -175,6 +180,7 @@ struct FileChunkAckMessage {
 
 struct FileCompleteMessage {
     QString transferID;
+    QByteArray sha256; // of the whole file, 32 bytes
     std::optional<quint32> sequenceNumber;
     friend bool operator==(const FileCompleteMessage&, const FileCompleteMessage&) = default;
 };
@@ -198,7 +204,8 @@ struct FileCancelMessage {
 using HLVPMessage =
     std::variant<HandshakeMessage, HandshakeResponseMessage, AuthenticationMessage, AuthenticationResponseMessage,
                  DisconnectMessage, HeartbeatMessage, HeartbeatResponseMessage, ScreenCaptureRequest,
-                 InputEventMessage, SystemStatsMessage, ClipboardMessage, ErrorMessage, FileOfferMessage,
+                 InputEventMessage, SystemStatsMessage, ClipboardMessage, ClipboardRequestMessage, ErrorMessage,
+                 FileOfferMessage,
                  FileAcceptMessage, FileChunkMessage, FileChunkAckMessage, FileCompleteMessage, FileResultMessage,
                  FileCancelMessage>;
 

@@ -1,6 +1,9 @@
 #include "hlvp_server_client.h"
 
+#include "file_transfer_receiver.h"
 #include "hlvp_codec.h"
+
+#include "pasteboard.h"
 
 #include <QSslSocket>
 #include <QTimer>
@@ -57,6 +60,14 @@ HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settin
     // Bytes beyond one whole frame stay in the kernel, so a fast sender is slowed by TCP itself.
     socket->setReadBufferSize(wire::maxFrameBytes + wire::frameHeaderBytes);
     m_tokenClock.start();
+    m_transfers = std::make_unique<FileTransferReceiver>(
+        [this](const HLVPMessage& message) { sendEncryptedMessage(message); },
+        [this] {
+            if (m_onFileTransferActivity) {
+                m_onFileTransferActivity();
+            }
+        },
+        [this](const QString& message, const QString& category) { log(message, category); });
     m_frameDeadline = new QTimer(this);
     m_frameDeadline->setSingleShot(true);
     connect(m_frameDeadline, &QTimer::timeout, this, [this] {
@@ -69,6 +80,11 @@ HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settin
 }
 
 HLVPServerClient::~HLVPServerClient() {
+    // Nothing of this object may run from the socket's last signals.
+    if (m_socket) {
+        QObject::disconnect(m_socket, nullptr, this, nullptr);
+    }
+    m_transfers.reset();
     if (m_socket) {
         m_socket->abort();
     }
@@ -87,6 +103,7 @@ void HLVPServerClient::log(const QString& message, const QString& category) cons
 void HLVPServerClient::configureFileTransfers(bool enabled, const QString& destinationDirectory) {
     m_fileTransfersEnabled = enabled;
     m_fileTransferDirectory = destinationDirectory;
+    m_transfers->configure(enabled, destinationDirectory);
 }
 
 void HLVPServerClient::configureClipboardSharing(bool enabled) {
@@ -147,6 +164,40 @@ void HLVPServerClient::sendEncryptedMessage(const HLVPMessage& message, SendComp
     completeLater(std::move(completion), std::nullopt);
 }
 
+void HLVPServerClient::receiveClipboard(const ClipboardMessage& message) {
+    if (!m_clipboardSharingEnabled || m_settings.pasteboard == nullptr) {
+        refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s, u"clipboard"_s);
+        return;
+    }
+    const qsizetype bytes = message.text.toUtf8().size();
+    if (bytes > HLVP::maxClipboardBytes) {
+        refuse(u"clipboardTooLarge"_s,
+               u"Clipboard text of %1 bytes is over the limit of %2 bytes."_s.arg(bytes).arg(HLVP::maxClipboardBytes),
+               u"clipboard"_s);
+        return;
+    }
+    m_settings.pasteboard->setString(message.text);
+    if (m_onClipboardReceived) {
+        m_onClipboardReceived(message.text);
+    }
+}
+
+void HLVPServerClient::sendClipboardSync(const QString& text, SendCompletion completion) {
+    std::optional<QString> problem;
+    if (m_state != HLVP::ConnectionState::authenticated) {
+        problem = u"The viewer has not signed in."_s;
+    } else if (!m_clipboardSharingEnabled) {
+        problem = u"Clipboard sharing is switched off for this connection."_s;
+    } else if (text.toUtf8().size() > HLVP::maxClipboardBytes) {
+        problem = u"The text is larger than %1 bytes."_s.arg(HLVP::maxClipboardBytes);
+    }
+    if (problem && isOpen()) {
+        completeLater(std::move(completion), HLVPError(HLVPError::Code::sendFailed, *problem));
+        return;
+    }
+    sendEncryptedMessage(ClipboardMessage{text, std::nullopt}, std::move(completion));
+}
+
 void HLVPServerClient::stopStreaming() {
     // Screen streams are not served on this platform yet; there is nothing to stop.
 }
@@ -157,6 +208,7 @@ void HLVPServerClient::disconnect() {
     }
     m_closing = true;
     m_frameDeadline->stop();
+    m_transfers->abortAll(std::nullopt);
     if (m_socket->state() == QAbstractSocket::UnconnectedState) {
         onSocketDisconnected();
         return;
@@ -181,6 +233,7 @@ void HLVPServerClient::onSocketDisconnected() {
         m_closeDeadline->stop();
     }
     m_frameDeadline->stop();
+    m_transfers->abortAll(std::nullopt);
     log(u"connection closed"_s, u"CONNECTION"_s);
     setConnectionState(HLVP::ConnectionState::disconnected);
 }
@@ -285,19 +338,23 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
         m_goodbyeReceived = true;
         m_frameDeadline->stop();
     } else if (const auto* clipboard = std::get_if<ClipboardMessage>(&message)) {
-        if (!m_clipboardSharingEnabled) {
+        receiveClipboard(*clipboard);
+        return;
+    } else if (std::holds_alternative<ClipboardRequestMessage>(message)) {
+        const std::optional<QString> text =
+            m_settings.pasteboard != nullptr ? m_settings.pasteboard->string() : std::nullopt;
+        if (!m_clipboardSharingEnabled || m_settings.pasteboard == nullptr) {
             refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s,
                    wireType);
-        } else if (m_onClipboardReceived) {
-            m_onClipboardReceived(clipboard->text);
+        } else if (text && text->toUtf8().size() > HLVP::maxClipboardBytes) {
+            refuse(u"clipboardTooLarge"_s, u"The clipboard text is larger than %1 bytes."_s.arg(HLVP::maxClipboardBytes),
+                   wireType);
+        } else {
+            sendEncryptedMessage(ClipboardMessage{text.value_or(QString()), std::get<ClipboardRequestMessage>(message).sequenceNumber});
         }
         return;
     } else if (isFileTransferMessage(message)) {
-        if (!m_fileTransfersEnabled) {
-            refuse(u"fileTransfersDisabled"_s, u"File transfers are switched off on this computer."_s, wireType);
-        } else {
-            refuse(u"unsupported"_s, u"This agent cannot receive files yet."_s, wireType);
-        }
+        m_transfers->handle(message);
         return;
     }
     if (m_onMessageReceived) {

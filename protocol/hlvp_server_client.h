@@ -11,9 +11,15 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 
 class QSslSocket;
+
+namespace tellwyn {
+class FileTransferReceiver;
+class Pasteboard;
+}
 class QTimer;
 
 namespace tellwyn {
@@ -32,6 +38,7 @@ public:
     struct Settings {
         QString agentName;    // sent in the handshake reply
         QString agentVersion;
+        Pasteboard* pasteboard = nullptr; // where received clipboard texts go; none: they are refused
         // Frames a viewer may send in a burst, and per second on average; more closes the
         // connection. File chunks are paced by the transfer window instead.
         int unauthenticatedFrameBurst = 64;
@@ -79,6 +86,9 @@ public:
     // Queues the message; `completion` runs later on the event loop, with an error when the
     // connection is gone or the viewer has stopped reading.
     void sendEncryptedMessage(const HLVPMessage& message, SendCompletion completion = {});
+    // Sends clipboard text; fails when the viewer has not signed in, sharing is off on this
+    // connection, or the text is over HLVP::maxClipboardBytes in UTF-8.
+    void sendClipboardSync(const QString& text, SendCompletion completion = {});
 
     void stopStreaming();
     // Closes the connection: pending output is flushed for a short while, then the socket is cut.
@@ -95,6 +105,7 @@ private:
     void readFrames();
     bool takeFrameToken(bool isFileChunk);
     void handleMessage(HLVPMessage message);
+    void receiveClipboard(const ClipboardMessage& message);
     void refuse(const QString& code, const QString& text, const std::optional<QString>& refersTo = std::nullopt);
     void closeForProtocolError(const QString& code, const QString& reason, const QString& category);
     bool isOpen() const;
@@ -116,6 +127,7 @@ private:
     bool m_fileTransfersEnabled = false;
     QString m_fileTransferDirectory;
     bool m_clipboardSharingEnabled = false;
+    std::unique_ptr<FileTransferReceiver> m_transfers;
     QTimer* m_closeDeadline = nullptr;
     QTimer* m_frameDeadline = nullptr;
     double m_frameTokens = 0;

@@ -27,6 +27,10 @@ const QList<CommandEntry>& commands() {
          connectCommand},
         {u"stats"_s, u"stats HOST[:PORT] -u USER\n                        sign in and print the agent's first statistics record"_s,
          statsCommand},
+        {u"clip"_s, u"clip get|put|watch HOST[:PORT] -u USER [TEXT]\n                        read, set or follow the agent's clipboard"_s,
+         clipCommand},
+        {u"send"_s, u"send HOST[:PORT] -u USER FILE...\n                        upload files into the agent's Downloads/Tellwyn folder"_s,
+         sendCommand},
         {u"discover"_s, u"discover [--watch]     list the agents advertised on the local network"_s, discoverCommand},
     };
     return list;

@@ -3,6 +3,7 @@
 #include "hlvp.h"
 #include "known_agents.h"
 #include "linux_system_identity.h"
+#include "password_prompt.h"
 #include "unix_signal_watcher.h"
 
 #include <QCoreApplication>
@@ -45,10 +46,14 @@ std::optional<Target> parseTarget(const QCommandLineParser& parser, const Common
         *error = u"give exactly one HOST[:PORT]"_s;
         return std::nullopt;
     }
-    const QString text = parser.positionalArguments().constFirst();
+    return parseTarget(parser.positionalArguments().constFirst(), parser, common, error);
+}
+
+std::optional<Target> parseTarget(const QString& hostAndPort, const QCommandLineParser& parser,
+                                  const CommonOptions& common, QString* error) {
     // Advertised names ("TellwynAgent - Office") are not host names; look them up on the network.
-    auto address = text.contains(u' ') ? findAdvertisedAgent(text, std::chrono::seconds(5), error)
-                                       : parseAgentAddress(text, HLVP::defaultPort, error);
+    const auto address = hostAndPort.contains(u' ') ? findAdvertisedAgent(hostAndPort, std::chrono::seconds(5), error)
+                                                    : parseAgentAddress(hostAndPort, HLVP::defaultPort, error);
     if (!address) {
         return std::nullopt;
     }
@@ -56,6 +61,57 @@ std::optional<Target> parseTarget(const QCommandLineParser& parser, const Common
                   parser.isSet(common.name) ? parser.value(common.name)
                                             : LinuxSystemIdentity().localizedComputerName().value_or(u"tellwyn"_s),
                   parser.isSet(common.knownAgents) ? parser.value(common.knownAgents) : KnownAgents::defaultPath()};
+}
+
+std::optional<Credentials> readCredentials(const QCommandLineParser& parser, const SignInOptions& options,
+                                           const Target& target, const QString& command, QTextStream& err,
+                                           int* exitCode) {
+    if (!parser.isSet(options.user) || parser.value(options.user).isEmpty()) {
+        *exitCode = usageError(err, command, u"give the account's user name with -u USER"_s);
+        return std::nullopt;
+    }
+    const QString user = parser.value(options.user);
+    std::optional<QString> password =
+        parser.isSet(options.passwordStdin)
+            ? readPasswordLine()
+            : promptForPassword(u"Password for %1 on %2: "_s.arg(user, target.address.display()));
+    if (!password) {
+        err << (parser.isSet(options.passwordStdin)
+                    ? u"tellwyn: no password on standard input"_s
+                    : u"tellwyn: no terminal to ask for the password; use --password-stdin"_s)
+            << Qt::endl;
+        *exitCode = exitFailure;
+        return std::nullopt;
+    }
+    return Credentials{user, *password};
+}
+
+void signInWhenReady(ViewerSession& session, Credentials credentials, std::function<void()> onSignedIn,
+                     QTextStream& err) {
+    auto pending = std::make_shared<Credentials>(std::move(credentials));
+    QObject::connect(&session, &ViewerSession::ready, &session, [&session, pending](const HandshakeResponseMessage&) {
+        AuthenticationMessage signIn;
+        signIn.method = HLVP::AuthenticationMethod::password;
+        signIn.credentials = {{u"username"_s, pending->user}, {u"password"_s, pending->password}};
+        session.send(signIn);
+        pending->password.fill(u'\0');
+        pending->password.clear();
+    });
+    QObject::connect(&session, &ViewerSession::messageReceived, &session,
+                     [&session, &err, onSignedIn = std::move(onSignedIn)](const HLVPMessage& message) {
+                         const auto* response = std::get_if<AuthenticationResponseMessage>(&message);
+                         if (response == nullptr) {
+                             return;
+                         }
+                         if (response->success) {
+                             onSignedIn();
+                             return;
+                         }
+                         err << u"tellwyn: sign-in refused: %1"_s.arg(
+                                    response->errorMessage.value_or(u"(no reason given)"_s))
+                             << Qt::endl;
+                         session.finish(exitSignInRefused);
+                     });
 }
 
 } // namespace tellwyn

@@ -12,6 +12,7 @@
 #include <QTextStream>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 
 namespace tellwyn {
@@ -44,6 +45,33 @@ struct Target {
 // HOST[:PORT], or an agent's advertised instance name, from the one positional argument, and the
 // common options.
 std::optional<Target> parseTarget(const QCommandLineParser& parser, const CommonOptions& common, QString* error);
+// The same for a command whose HOST[:PORT] is not its only positional argument.
+std::optional<Target> parseTarget(const QString& hostAndPort, const QCommandLineParser& parser,
+                                  const CommonOptions& common, QString* error);
+
+// The account a command signs in with. The password never comes from the command line.
+struct Credentials {
+    QString user;
+    QString password;
+};
+
+struct SignInOptions {
+    QCommandLineOption user{{QStringLiteral("u"), QStringLiteral("user")},
+                            QStringLiteral("The user name of the account the agent runs as."), QStringLiteral("USER")};
+    QCommandLineOption passwordStdin{QStringLiteral("password-stdin"),
+                                     QStringLiteral("Read the password from the first line of standard input.")};
+};
+
+// The user name from -u and the password from a no-echo prompt or standard input; none (with the
+// exit code in `exitCode`) when either is missing.
+std::optional<Credentials> readCredentials(const QCommandLineParser& parser, const SignInOptions& options,
+                                           const Target& target, const QString& command, QTextStream& err,
+                                           int* exitCode);
+
+// Once the agent has answered the handshake, signs in; `onSignedIn` runs when the agent accepts.
+// A refusal is printed and ends the session with exitSignInRefused.
+void signInWhenReady(ViewerSession& session, Credentials credentials, std::function<void()> onSignedIn,
+                     QTextStream& err);
 
 // The address of the agent advertised on the local network under `instanceName`, if it is found
 // within `timeout`.
@@ -56,6 +84,8 @@ int runSession(ViewerSession& session);
 // The commands. Each takes the arguments with the command word removed.
 int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 
 } // namespace tellwyn

@@ -27,7 +27,10 @@ public:
 class FakePasteboard final : public Pasteboard {
 public:
     qint64 changeCount() const override { return count; }
-    std::optional<QString> string() const override { return text; }
+    std::optional<QString> string() const override {
+        ++reads;
+        return text;
+    }
     void setString(const QString& value) override {
         text = value;
         ++count;
@@ -35,6 +38,7 @@ public:
 
     qint64 count = 0;
     std::optional<QString> text;
+    mutable int reads = 0; // how often the contents were read
 };
 
 class FakeSystemIdentity final : public SystemIdentity {

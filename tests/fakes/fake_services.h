@@ -3,6 +3,8 @@
 // Fakes of the agent's other seams: the account check and the statistics provider.
 
 #include "account_verifier.h"
+#include "hlvp_credential_store.h"
+#include "login_item.h"
 #include "system_stats_provider.h"
 
 #include <QMetaObject>
@@ -61,6 +63,44 @@ public:
         QMetaObject::invokeMethod(context, [done = std::move(done), stats] { done(stats); }, Qt::QueuedConnection);
     }
     quint64 snapshots = 0;
+};
+
+// A keyring in memory; `failure` makes every call fail with that text.
+class FakeCredentialStore final : public HLVPCredentialStore {
+public:
+    Lookup agentLockPassword() override {
+        if (failure) {
+            return {std::nullopt, failure};
+        }
+        return {stored, std::nullopt};
+    }
+    std::optional<QString> saveAgentLockPassword(const QString& password) override {
+        if (failure) {
+            return failure;
+        }
+        stored = password;
+        return std::nullopt;
+    }
+    std::optional<QString> stored;
+    std::optional<QString> failure;
+};
+
+class FakeLoginItem final : public LoginItem {
+public:
+    std::optional<QString> registerItem() override {
+        if (!failure) {
+            registered = true;
+        }
+        return failure;
+    }
+    std::optional<QString> unregisterItem() override {
+        if (!failure) {
+            registered = false;
+        }
+        return failure;
+    }
+    bool registered = false;
+    std::optional<QString> failure;
 };
 
 } // namespace tellwyn::testing

@@ -68,6 +68,7 @@ public:
     FakeStatsProvider stats;
     BonjourServiceManager advertiser{std::make_unique<FakeServicePublisher>(),
                                      std::make_unique<FakeNetworkPathMonitor>(), time, identity};
+    FakePasteboard pasteboard;
     QTemporaryDir dataDirectory;
     std::unique_ptr<ServerManager> manager;
     quint16 port = 0;

@@ -30,24 +30,35 @@ def run_as(user):
 class Agent:
     """One agent process with its own configuration and data folders, listening on loopback."""
 
-    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None, prefix=()):
+    def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None,
+                 display=None, preferences=None, prefix=()):
         self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
         self.port = port or free_port()
         self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
         self.data_dir = data_dir or os.path.join(self._scratch.name, "data")
-        args = [AGENT, "--headless", "--listen", "127.0.0.1", "--port", str(self.port),
+        args = [AGENT, *([] if display else ["--headless"]), "--listen", "127.0.0.1", "--port", str(self.port),
                 "--config-dir", self.config_dir, "--data-dir", self.data_dir, *extra_args]
         if start:
             args.append("--start")
+        if preferences:
+            os.makedirs(self.config_dir, exist_ok=True)
+            with open(os.path.join(self.config_dir, "tellwyn-agent.conf"), "w", encoding="utf-8") as conf:
+                conf.write("[General]\n" + "".join(f"{key}={value}\n" for key, value in preferences.items()))
         env = dict(os.environ, LC_ALL="C.UTF-8")
         if user:
             # The agent runs as `user`, in a scratch folder of its own.
-            shutil.chown(self._scratch.name, user=user)
+            for folder, _, files in os.walk(self._scratch.name):
+                shutil.chown(folder, user=user)
+                for name in files:
+                    shutil.chown(os.path.join(folder, name), user=user)
             env["HOME"] = self._scratch.name
             args = run_as(user) + args
         args = [*prefix, *args]  # for example nsenter, to run the agent in another namespace
         env.pop("DISPLAY", None)
         env.pop("WAYLAND_DISPLAY", None)
+        if display:
+            env["DISPLAY"] = display
+            env["QT_QPA_PLATFORM"] = "xcb"
         self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
                                         text=True, encoding="utf-8", errors="replace")
         self.stdout_lines = []

@@ -345,16 +345,17 @@ class DesktopCheckTest(UpdateTestCase):
 
     def setUp(self):
         super().setUp()
-        self.display = f":{random.randrange(200, 400)}"
-        self.xvfb = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "800x600x24", "-nolisten", "tcp"],
+        # Xvfb picks a free display number itself: other tests may run displays at the same time.
+        read_end, write_end = os.pipe()
+        self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "800x600x24",
+                                      "-nolisten", "tcp"], pass_fds=(write_end,),
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
         self.addCleanup(self.xvfb.kill)
-        socket_path = f"/tmp/.X11-unix/X{self.display[1:]}"
-        deadline = time.monotonic() + 10
-        while not os.path.exists(socket_path):
-            self.assertIsNone(self.xvfb.poll(), "Xvfb did not start")
-            self.assertLess(time.monotonic(), deadline, "Xvfb did not start")
-            time.sleep(0.05)
+        with os.fdopen(read_end) as chosen:
+            number = chosen.readline().strip()
+        self.assertTrue(number, "Xvfb did not start")
+        self.display = ":" + number
 
     def window_titles(self):
         tree = subprocess.run(["xwininfo", "-root", "-tree"], capture_output=True, text=True,

@@ -93,7 +93,8 @@ private Q_SLOTS:
         QTest::newRow("error") << HLVPMessage(ErrorMessage{u"notAuthenticated"_s, u"Sign in first."_s,
                                                            u"clipboard"_s, {}});
         QTest::newRow("file offer") << HLVPMessage(
-            FileOfferMessage{u"t1"_s, u"report.pdf"_s, 1048576, QByteArray(32, '\x11'), {}});
+            FileOfferMessage{u"t1"_s, u"report.pdf"_s, 1048576, {}});
+        QTest::newRow("file complete") << HLVPMessage(FileCompleteMessage{u"t1"_s, QByteArray(32, '\x11'), {}});
         QTest::newRow("file chunk") << HLVPMessage(FileChunkMessage{u"t1"_s, 262144, QByteArray(1000, 'x'), {}});
         QTest::newRow("file result") << HLVPMessage(FileResultMessage{u"t1"_s, true, u"report (1).pdf"_s, {}, {}});
     }
@@ -172,10 +173,8 @@ private Q_SLOTS:
                                                           {u"kind"_s, u"move"_s},
                                                           {u"x"_s, qInf()}})
                                          << u"finite"_s;
-        QTest::newRow("short digest") << cbor(QCborMap{{u"type"_s, u"fileOffer"_s},
+        QTest::newRow("short digest") << cbor(QCborMap{{u"type"_s, u"fileComplete"_s},
                                                        {u"transferID"_s, u"t"_s},
-                                                       {u"name"_s, u"a"_s},
-                                                       {u"size"_s, 1},
                                                        {u"sha256"_s, QByteArray(31, 'x')}})
                                       << u"32 bytes"_s;
         QCborMap wide = handshakeMap();
@@ -211,8 +210,7 @@ private Q_SLOTS:
         const QCborMap map{{u"type"_s, u"fileOffer"_s},
                            {u"transferID"_s, u"t"_s},
                            {u"name"_s, QByteArray("bad\xff\xfename.txt")},
-                           {u"size"_s, 3},
-                           {u"sha256"_s, QByteArray(32, 'x')}};
+                           {u"size"_s, 3}};
         const wire::DecodeResult decoded = wire::decodeMessage(cbor(map));
         QVERIFY(std::holds_alternative<HLVPMessage>(decoded));
         const QString name = std::get<FileOfferMessage>(std::get<HLVPMessage>(decoded)).name;

@@ -33,15 +33,16 @@ class TestServerManagerAuthentication : public QObject {
         if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; }, 5000)) {
             return u"(no answer)"_s;
         }
-        const auto* response = viewer->last<AuthenticationResponseMessage>();
-        if (!response->success) {
+        // A copy: the list of received messages grows while events are processed below.
+        const AuthenticationResponseMessage response = *viewer->last<AuthenticationResponseMessage>();
+        if (!response.success) {
             // Every refusal ends the connection.
             if (!QTest::qWaitFor([&] { return viewer->closed; }, 5000)) {
                 return u"(left open)"_s;
             }
         }
         LoopbackAgent::settle();
-        return response->success ? QString() : response->errorMessage.value_or(u"(no text)"_s);
+        return response.success ? QString() : response.errorMessage.value_or(u"(no text)"_s);
     }
 
     qint64 endpointCount(const QString& user = u"alice"_s) {

@@ -1,0 +1,130 @@
+"""Clipboard sharing end to end: the real agent on an Xvfb display, the real X clipboard through
+xclip, and the real viewer signed in through PAM."""
+import os
+import shutil
+import subprocess
+import threading
+import time
+import unittest
+
+from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
+from agent_process import Agent
+
+VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
+
+
+class XDisplay:
+    """An Xvfb of the test's own; any local user may connect (the agent runs as the test account)."""
+
+    def __init__(self):
+        read_end, write_end = os.pipe()
+        self.process = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "800x600x24",
+                                         "-nolisten", "tcp", "-ac"], pass_fds=(write_end,),
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
+        with os.fdopen(read_end) as chosen:
+            self.name = ":" + chosen.readline().strip()
+        self.env = dict(os.environ, DISPLAY=self.name)
+        self.owners = []
+
+    def copy(self, text):
+        """Puts `text` on the CLIPBOARD selection, as an application's copy does."""
+        owner = subprocess.Popen(["xclip", "-selection", "clipboard", "-quiet"], stdin=subprocess.PIPE,
+                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=self.env)
+        owner.stdin.write(text.encode())
+        owner.stdin.close()
+        self.owners.append(owner)
+
+    def paste(self):
+        result = subprocess.run(["xclip", "-selection", "clipboard", "-o"], capture_output=True, env=self.env,
+                                timeout=10)
+        return result.stdout.decode() if result.returncode == 0 else None
+
+    def close(self):
+        for owner in self.owners:
+            owner.kill()
+            owner.wait()
+        self.process.terminate()
+        self.process.wait(10)
+
+
+class Watcher:
+    """`tellwyn clip watch`, collecting what it prints."""
+
+    def __init__(self, port, known):
+        self.process = subprocess.Popen([VIEWER, "clip", "watch", f"127.0.0.1:{port}", "-u", TEST_USER,
+                                         "--password-stdin", "--name", "Watcher", "--known-agents", known],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        text=True)
+        self.process.stdin.write(TEST_PASSWORD + "\n")
+        self.process.stdin.close()
+        self.lines = []
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.lines.append(line.rstrip("\n"))
+
+    def wait_for(self, text, timeout=10.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if text in self.lines:
+                return True
+            time.sleep(0.05)
+        return False
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(10)
+        self._reader.join(5)
+
+
+@unittest.skipUnless(test_account_exists() and shutil.which("Xvfb") and shutil.which("xclip"),
+                     "needs the test account, Xvfb and xclip: run scripts/setup.sh test")
+class ClipboardTest(unittest.TestCase):
+    def setUp(self):
+        self.display = XDisplay()
+        self.agent = Agent(user=TEST_USER, display=self.display.name)
+        self.agent.wait_until_running()
+        self.known = os.path.join(self.agent.config_dir, "..", "known_agents")
+
+    def tearDown(self):
+        self.agent.close()
+        self.display.close()
+
+    def viewer(self, *args, stdin=""):
+        return subprocess.run([VIEWER, "clip", *args, "-u", TEST_USER, "--password-stdin", "--name", "Putter",
+                               "--known-agents", self.known], input=TEST_PASSWORD + "\n" + stdin,
+                              capture_output=True, text=True, timeout=30)
+
+    def test_copies_on_the_machine_reach_a_watching_viewer(self):
+        self.display.copy("copied before the viewer came")
+        watcher = Watcher(self.agent.port, self.known)
+        try:
+            # The monitor starts with the sign-in; its first look sends what is on the clipboard.
+            self.assertTrue(watcher.wait_for("copied before the viewer came"), watcher.lines)
+            self.display.copy("copied later ✓")
+            self.assertTrue(watcher.wait_for("copied later ✓"), watcher.lines)
+            code = self.viewer("get", f"127.0.0.1:{self.agent.port}")
+            self.assertEqual((code.returncode, code.stdout), (0, "copied later ✓"), code.stderr)
+        finally:
+            watcher.stop()
+
+    def test_text_from_a_viewer_lands_on_the_clipboard_and_is_not_sent_back(self):
+        watcher = Watcher(self.agent.port, self.known)
+        try:
+            self.agent.wait_for_log("CLIPBOARD", "Clipboard sync monitor started")
+            put = self.viewer("put", f"127.0.0.1:{self.agent.port}", stdin="from the viewer\nsecond line")
+            self.assertEqual(put.returncode, 0, put.stderr)
+            self.assertEqual(self.display.paste(), "from the viewer\nsecond line")
+            self.agent.wait_for_log("CLIPBOARD", "Clipboard snapshot received from Putter (27 bytes)")
+            # Several monitor ticks later, the watching viewer has not been sent it.
+            time.sleep(4)
+            self.assertNotIn("from the viewer", watcher.lines)
+        finally:
+            watcher.stop()
+
+
+if __name__ == "__main__":
+    unittest.main()
