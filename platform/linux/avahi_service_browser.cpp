@@ -42,6 +42,9 @@ void resolved(AvahiServiceResolver* resolver, AvahiIfIndex interface, AvahiProto
         char text[AVAHI_ADDRESS_STR_MAX] = {};
         avahi_address_snprint(text, sizeof text, address);
         service.address = QHostAddress(QString::fromLatin1(text));
+        if (service.address.isLinkLocal() && service.address.protocol() == QAbstractSocket::IPv6Protocol) {
+            service.address.setScopeId(QString::number(interface)); // reachable only through that interface
+        }
         service.port = port;
         service.txtRecord = txtValues(txt);
         Q_EMIT backend->serviceResolved(service);
