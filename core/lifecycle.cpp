@@ -27,6 +27,10 @@ constexpr auto cleanupInterval = 6000ms;
 QString enabledText(bool enabled) {
     return enabled ? u"enabled"_s : u"disabled"_s;
 }
+
+BonjourServiceManager& advertiserOf(const AgentEnvironment& environment) {
+    return environment.advertiser != nullptr ? *environment.advertiser : BonjourServiceManager::shared();
+}
 } // namespace
 
 ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
@@ -234,7 +238,7 @@ void ServerManager::finishStart(const std::optional<HLVPError>& error, bool head
     updateClipboardMonitor();
     if (m_isBonjourEnabled) {
         const QString name = m_environment.identity.localizedComputerName().value_or(u"Unknown Computer"_s);
-        BonjourServiceManager::shared().publish(m_settingsState.serverPort, name);
+        advertiserOf(m_environment).publish(m_settingsState.serverPort, name);
         log(u"Started Bonjour service publishing"_s, u"BONJOUR"_s);
     }
     log(u"Remote service startup completed successfully"_s, u"SERVER"_s);
@@ -267,7 +271,7 @@ void ServerManager::startCleanupTimer() {
 
 void ServerManager::stopServer() {
     log(u"Stopping HLVP server"_s, u"SERVER"_s);
-    BonjourServiceManager::shared().stop();
+    advertiserOf(m_environment).stop();
     log(u"Stopped Bonjour service publishing"_s, u"BONJOUR"_s);
     m_cleanupTimer.reset();
     cancelAllTasks();

@@ -18,6 +18,7 @@
 namespace tellwyn {
 
 class AccountVerifier;
+class BonjourServiceManager;
 class Clock;
 class DisplayProbe;
 class HLVPCredentialStore;
@@ -46,6 +47,7 @@ struct AgentEnvironment {
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
     SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
+    BonjourServiceManager* advertiser = nullptr;    // the process's single advertiser when null
     Pasteboard* pasteboard = nullptr;               // the machine's clipboard; none: nothing is shared
     HLVPCredentialStore* credentialStore = nullptr; // the keyring; none: the lock password stays in memory
     LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails

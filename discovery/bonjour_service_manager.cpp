@@ -1,15 +1,138 @@
 #include "bonjour_service_manager.h"
 
+#include "avahi_service_publisher.h"
+#include "clock.h"
+#include "linux_system_identity.h"
+#include "netlink_path_monitor.h"
+#include "network_path_monitor.h"
+#include "service_publisher.h"
+#include "system_clock.h"
+#include "system_identity.h"
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
 namespace tellwyn {
 
+namespace {
+constexpr auto republishDelay = 1000ms;
+// Host name when the computer has none to give.
+constexpr auto fallbackHostName = "Linux";
+} // namespace
+
 BonjourServiceManager& BonjourServiceManager::shared() {
-    static BonjourServiceManager* const instance = new BonjourServiceManager;
+    static QtScheduler scheduler;
+    static LinuxSystemIdentity identity;
+    static BonjourServiceManager* const instance = new BonjourServiceManager(
+        std::make_unique<AvahiServicePublisher>(),
+        std::make_unique<NetlinkPathMonitor>(QString::fromLatin1(monitorQueueLabel)), scheduler, identity);
     return *instance;
 }
 
-// Advertising on Avahi is not wired yet: publishing and stopping do nothing.
-void BonjourServiceManager::publish(quint16, const QString&) {}
+BonjourServiceManager::BonjourServiceManager(std::unique_ptr<ServicePublisher> publisher,
+                                             std::unique_ptr<NetworkPathMonitor> pathMonitor,
+                                             Scheduler& scheduler, SystemIdentity& identity, QObject* parent)
+    : QObject(parent), m_publisher(std::move(publisher)), m_scheduler(scheduler), m_identity(identity),
+      m_pathMonitor(std::move(pathMonitor)) {
+    // The monitor is owned here and joins its thread when destroyed, so `this` outlives the handler.
+    m_pathMonitor->start([this] { handlePathUpdate(); });
+}
 
-void BonjourServiceManager::stop() {}
+BonjourServiceManager::~BonjourServiceManager() {
+    m_pathMonitor.reset();
+}
+
+QString BonjourServiceManager::hostName() const {
+    return m_identity.localizedComputerName().value_or(QString::fromLatin1(fallbackHostName));
+}
+
+void BonjourServiceManager::publish(quint16 port, const std::optional<QString>& computerName) {
+    if (m_isPublished) {
+        return;
+    }
+    m_lastComputerName = computerName;
+
+    const QString host = hostName();
+    const QString trimmed = computerName ? computerName->trimmed() : QString();
+    const QString displayName = trimmed.isEmpty() ? host : trimmed;
+
+    ServiceDescription description;
+    description.domain = QString::fromLatin1(serviceDomain);
+    description.type = QString::fromLatin1(serviceType);
+    description.name = QString::fromLatin1(serviceName) + u" - "_s + displayName;
+    description.port = port;
+    if (computerName && !computerName->isEmpty()) {
+        description.txtRecord.insert(u"name"_s, computerName->toUtf8());
+    }
+    description.txtRecord.insert(u"hostname"_s, host.toUtf8());
+    description.txtRecord.insert(u"type"_s, QByteArrayLiteral("HLVP"));
+
+    m_netService = m_publisher->createService(description);
+    PublishedService* service = m_netService.get();
+    connect(service, &PublishedService::didPublish, this, &BonjourServiceManager::netServiceDidPublish);
+    connect(service, &PublishedService::didNotPublish, this, &BonjourServiceManager::netServiceDidNotPublish);
+    connect(service, &PublishedService::didStop, this, &BonjourServiceManager::netServiceDidStop);
+    service->publish();
+}
+
+void BonjourServiceManager::netServiceDidPublish(const QString& name, quint16 port) {
+    m_isPublished = true;
+    QMetaObject::invokeMethod(
+        this, [this, name, port] { setPublished(name, port); }, Qt::QueuedConnection);
+}
+
+void BonjourServiceManager::netServiceDidNotPublish() {
+    m_isPublished = false;
+    postClearing();
+}
+
+void BonjourServiceManager::netServiceDidStop() {
+    m_isPublished = false;
+    postClearing();
+}
+
+void BonjourServiceManager::stop() {
+    if (!m_netService || !m_isPublished) {
+        return;
+    }
+    m_netService->stop();
+    m_netService.reset();
+    m_isPublished = false;
+    postClearing();
+}
+
+void BonjourServiceManager::postClearing() {
+    QMetaObject::invokeMethod(
+        this, [this] { setPublished(QString(), 0); }, Qt::QueuedConnection);
+}
+
+void BonjourServiceManager::setPublished(const QString& name, quint16 port) {
+    if (m_publishedServiceName != name) {
+        m_publishedServiceName = name;
+        Q_EMIT publishedServiceNameChanged(name);
+    }
+    if (m_publishedPort != port) {
+        m_publishedPort = port;
+        Q_EMIT publishedPortChanged(port);
+    }
+}
+
+void BonjourServiceManager::handlePathUpdate() {
+    if (!m_isPublished) {
+        return;
+    }
+    QMetaObject::invokeMethod(
+        this, [this] { republish(); }, Qt::QueuedConnection);
+}
+
+void BonjourServiceManager::republish() {
+    const quint16 port = m_publishedPort;
+    if (port == 0) {
+        return;
+    }
+    const std::optional<QString> computerName = m_lastComputerName;
+    stop();
+    m_scheduler.runAfter(republishDelay, this, [this, port, computerName] { publish(port, computerName); });
+}
 
 } // namespace tellwyn

@@ -32,6 +32,7 @@ const QList<CommandEntry>& commands() {
          clipCommand},
         {u"send"_s, u"send HOST[:PORT] -u USER FILE...\n                        upload files into the agent's Downloads/Tellwyn folder"_s,
          sendCommand},
+        {u"discover"_s, u"discover [--watch]     list the agents advertised on the local network"_s, discoverCommand},
     };
     return list;
 }

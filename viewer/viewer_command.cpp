@@ -51,7 +51,9 @@ std::optional<Target> parseTarget(const QCommandLineParser& parser, const Common
 
 std::optional<Target> parseTarget(const QString& hostAndPort, const QCommandLineParser& parser,
                                   const CommonOptions& common, QString* error) {
-    const auto address = parseAgentAddress(hostAndPort, HLVP::defaultPort, error);
+    // Advertised names ("TellwynAgent - Office") are not host names; look them up on the network.
+    const auto address = hostAndPort.contains(u' ') ? findAdvertisedAgent(hostAndPort, std::chrono::seconds(5), error)
+                                                    : parseAgentAddress(hostAndPort, HLVP::defaultPort, error);
     if (!address) {
         return std::nullopt;
     }

@@ -11,6 +11,7 @@
 #include <QStringList>
 #include <QTextStream>
 
+#include <chrono>
 #include <functional>
 #include <optional>
 
@@ -41,7 +42,8 @@ struct Target {
     QString knownAgents;
 };
 
-// HOST[:PORT] from the one positional argument, and the common options.
+// HOST[:PORT], or an agent's advertised instance name, from the one positional argument, and the
+// common options.
 std::optional<Target> parseTarget(const QCommandLineParser& parser, const CommonOptions& common, QString* error);
 // The same for a command whose HOST[:PORT] is not its only positional argument.
 std::optional<Target> parseTarget(const QString& hostAndPort, const QCommandLineParser& parser,
@@ -71,6 +73,11 @@ std::optional<Credentials> readCredentials(const QCommandLineParser& parser, con
 void signInWhenReady(ViewerSession& session, Credentials credentials, std::function<void()> onSignedIn,
                      QTextStream& err);
 
+// The address of the agent advertised on the local network under `instanceName`, if it is found
+// within `timeout`.
+std::optional<AgentAddress> findAdvertisedAgent(const QString& instanceName, std::chrono::milliseconds timeout,
+                                                QString* error);
+
 // Runs the event loop until the session ends; Ctrl-C and SIGTERM end it politely.
 int runSession(ViewerSession& session);
 
@@ -84,5 +91,6 @@ int watchCommand(const QStringList& arguments, QTextStream& out, QTextStream& er
 // Signs in and prints statistics records: the first one only, or (`live`) each as it arrives.
 int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStream& err, const QString& command,
                       bool live);
+int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 
 } // namespace tellwyn

@@ -32,6 +32,7 @@ bool LoopbackAgent::start() {
                                  QHostAddress(QHostAddress::LocalHost)};
     environment.accountVerifier = &verifier;
     environment.statsProvider = &stats;
+    environment.advertiser = &advertiser;
     environment.pasteboard = &pasteboard;
     manager = std::make_unique<ServerManager>(environment);
     VirtualTime::drainEvents();

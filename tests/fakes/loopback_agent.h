@@ -3,6 +3,8 @@
 // An agent core on loopback TLS with fakes for every platform seam and virtual time, and viewers
 // that connect to it in the same process.
 
+#include "bonjour_service_manager.h"
+#include "fake_discovery.h"
 #include "fake_platform.h"
 #include "fake_services.h"
 #include "hlvp_connection.h"
@@ -64,6 +66,8 @@ public:
     FakeSystemEvents events;
     FakeAccountVerifier verifier;
     FakeStatsProvider stats;
+    BonjourServiceManager advertiser{std::make_unique<FakeServicePublisher>(),
+                                     std::make_unique<FakeNetworkPathMonitor>(), time, identity};
     FakePasteboard pasteboard;
     QTemporaryDir dataDirectory;
     std::unique_ptr<ServerManager> manager;

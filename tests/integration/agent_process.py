@@ -31,7 +31,7 @@ class Agent:
     """One agent process with its own configuration and data folders, listening on loopback."""
 
     def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None,
-                 display=None, preferences=None):
+                 display=None, preferences=None, prefix=()):
         self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
         self.port = port or free_port()
         self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
@@ -53,6 +53,7 @@ class Agent:
                     shutil.chown(os.path.join(folder, name), user=user)
             env["HOME"] = self._scratch.name
             args = run_as(user) + args
+        args = [*prefix, *args]  # for example nsenter, to run the agent in another namespace
         env.pop("DISPLAY", None)
         env.pop("WAYLAND_DISPLAY", None)
         if display:

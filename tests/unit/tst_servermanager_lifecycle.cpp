@@ -1,3 +1,5 @@
+#include "bonjour_service_manager.h"
+#include "fake_discovery.h"
 #include "fake_platform.h"
 #include "log_lines.h"
 #include "server_log_manager.h"
@@ -16,6 +18,8 @@ using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 using namespace tellwyn;
 using namespace tellwyn::testing;
+
+Q_DECLARE_METATYPE(std::optional<QString>)
 
 namespace {
 
@@ -36,13 +40,16 @@ class TestServerManagerLifecycle : public QObject {
     std::unique_ptr<FakeDisplayProbe> displays;
     std::unique_ptr<FakeSystemEvents> events;
     std::unique_ptr<QTemporaryDir> dataDirectory;
+    FakeServicePublisher* publisher = nullptr;
+    std::unique_ptr<BonjourServiceManager> advertiser;
     quint16 port = 0;
     QStringList statusHistory;
 
     std::unique_ptr<ServerManager> makeManager() {
-        auto manager = std::make_unique<ServerManager>(AgentEnvironment{
-            *time, *time, *preferences, *identity, *displays, *events, dataDirectory->path(),
-            QHostAddress(QHostAddress::LocalHost)});
+        AgentEnvironment environment{*time,   *time, *preferences, *identity, *displays, *events, dataDirectory->path(),
+                                     QHostAddress(QHostAddress::LocalHost)};
+        environment.advertiser = advertiser.get();
+        auto manager = std::make_unique<ServerManager>(environment);
         connect(manager.get(), &ServerManager::serverStateChanged, this, [this, m = manager.get()] {
             if (statusHistory.isEmpty() || statusHistory.constLast() != m->serverState().statusMessage) {
                 statusHistory.append(m->serverState().statusMessage);
@@ -76,6 +83,10 @@ private Q_SLOTS:
         displays = std::make_unique<FakeDisplayProbe>();
         events = std::make_unique<FakeSystemEvents>();
         dataDirectory = std::make_unique<QTemporaryDir>();
+        auto ownedPublisher = std::make_unique<FakeServicePublisher>();
+        publisher = ownedPublisher.get();
+        advertiser = std::make_unique<BonjourServiceManager>(
+            std::move(ownedPublisher), std::make_unique<FakeNetworkPathMonitor>(), *time, *identity);
         port = freeLoopbackPort();
         statusHistory.clear();
         ServerLogManager::shared().clearLogs();
@@ -204,6 +215,35 @@ private Q_SLOTS:
         QCOMPARE(time->pendingTimerCount(), 1); // the clean-up timer
     }
 
+    void startAdvertisesPortAndComputerNameAndStopWithdraws_data() {
+        QTest::addColumn<std::optional<QString>>("computerName");
+        QTest::addColumn<QString>("instanceName");
+        QTest::newRow("named computer") << std::optional<QString>(u"Alice's Workstation"_s)
+                                        << u"TellwynAgent - Alice's Workstation"_s;
+        QTest::newRow("no name") << std::optional<QString>() << u"TellwynAgent - Unknown Computer"_s;
+    }
+
+    void startAdvertisesPortAndComputerNameAndStopWithdraws() {
+        QFETCH(std::optional<QString>, computerName);
+        QFETCH(QString, instanceName);
+        identity->computerName = computerName;
+        auto manager = loadedManager();
+        startAndSettle(*manager);
+
+        QCOMPARE(publisher->services.size(), 1);
+        QPointer<FakePublishedService> service = publisher->latest();
+        QCOMPARE(service->description.name, instanceName);
+        QCOMPARE(service->description.port, port);
+        Q_EMIT service->didPublish(service->description.name, port);
+        VirtualTime::drainEvents();
+        QCOMPARE(advertiser->publishedPort(), port);
+
+        manager->stopServer();
+        QVERIFY(service.isNull() || service->stopped);
+        VirtualTime::drainEvents();
+        QCOMPARE(advertiser->publishedPort(), quint16(0));
+    }
+
     void startWithDisplaysButNoCapturePermissionWarnsAndStarts() {
         displays->count = 2;
         auto manager = loadedManager();
@@ -249,9 +289,11 @@ private Q_SLOTS:
         blocker.close();
         dataDirectory = std::make_unique<QTemporaryDir>(); // kept valid for the fixture
         preferences->set(u"serverPort"_s, port);
-        auto manager = std::make_unique<ServerManager>(AgentEnvironment{
-            *time, *time, *preferences, *identity, *displays, *events, blocker.fileName() + u"/data"_s,
-            QHostAddress(QHostAddress::LocalHost)});
+        AgentEnvironment environment{*time,    *time,  *preferences, *identity, *displays,
+                                     *events,  blocker.fileName() + u"/data"_s,
+                                     QHostAddress(QHostAddress::LocalHost)};
+        environment.advertiser = advertiser.get();
+        auto manager = std::make_unique<ServerManager>(environment);
         VirtualTime::drainEvents();
         startAndSettle(*manager);
         QVERIFY(!manager->serverState().isRunning);
