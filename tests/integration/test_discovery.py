@@ -193,7 +193,7 @@ class AdvertisementTest(unittest.TestCase):
 
     def test_running_agent_is_advertised_and_withdrawn_when_it_stops(self):
         agent = self.start_agent()
-        self.assertIn(("BONJOUR", "Started Bonjour service publishing"), agent.log())
+        agent.wait_for_log("BONJOUR", "Started Bonjour service publishing")
         seen = self.avahi.wait_for(lambda s: self.name in s, self.name)
 
         host, address, port, txt = seen[self.name]
@@ -294,7 +294,7 @@ class NoResponderTest(unittest.TestCase):
             try:
                 with Agent() as agent:
                     agent.wait_until_running()
-                    self.assertIn(("BONJOUR", "Started Bonjour service publishing"), agent.log())
+                    agent.wait_for_log("BONJOUR", "Started Bonjour service publishing")
                     with socket.create_connection(("127.0.0.1", agent.port), timeout=5):
                         pass
                     self.assertIsNone(agent.process.poll())
