@@ -5,6 +5,7 @@
 #include "linux_system_events.h"
 #include "linux_system_identity.h"
 #include "pam_account_verifier.h"
+#include "portal_permission_service.h"
 #include "secret_service_credential_store.h"
 #include "x11_permission_service.h"
 #include "x11_screen_capture.h"
@@ -81,6 +82,16 @@ int runUpdateCheck(const AgentOptions& options) {
     return QCoreApplication::exec();
 }
 
+// A Wayland session lets only the desktop portal grant screen capture and input; X11 lets anyone on
+// the display do both.
+std::unique_ptr<PermissionService> makePermissionService(const QString& dataDirectory) {
+    if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+        return std::make_unique<PortalPermissionService>(QDBusConnection::sessionBus(),
+                                                         dataDirectory + u"/portal-grants"_s);
+    }
+    return std::make_unique<X11PermissionService>();
+}
+
 QString folderOr(const QString& chosen, QStandardPaths::StandardLocation location) {
     return QDir(chosen.isEmpty() ? QStandardPaths::writableLocation(location) : chosen).absolutePath();
 }
@@ -149,8 +160,8 @@ int main(int argc, char** argv) {
     environment.credentialStore = &credentialStore;
     XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
     environment.loginItem = &loginItem;
-    X11PermissionService permissions;
-    environment.permissions = &permissions;
+    const std::unique_ptr<PermissionService> permissions = makePermissionService(dataDirectory);
+    environment.permissions = permissions.get();
     environment.makeScreenCapture = [] { return std::make_unique<X11ScreenCapture>(); };
     ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.

@@ -410,6 +410,12 @@ QList<HLVPDiskVolumeInfo> LinuxHostProbes::volumes() {
         volumes.append({volumeName(label, mount.mountPoint), mount.mountPoint, capacity->totalBytes,
                         capacity->freeBytes});
     }
+    // Inside a chroot the table shows only what was mounted there, but "/" is still a disk.
+    if (!byMountPoint.contains(u"/"_s)) {
+        if (const auto capacity = m_sources.capacity(u"/"_s); capacity && capacity->totalBytes > 0) {
+            volumes.append({volumeName(QString(), u"/"_s), u"/"_s, capacity->totalBytes, capacity->freeBytes});
+        }
+    }
     sortVolumes(volumes);
     return volumes;
 }

@@ -1,16 +1,12 @@
 #include "x11_permission_service.h"
 
-#include <QProcess>
-#include <QStandardPaths>
-#include <QStringList>
+#include "desktop_settings.h"
 
 #include <xcb/xcb.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-
-using namespace Qt::StringLiterals;
 
 namespace tellwyn {
 
@@ -65,27 +61,6 @@ bool X11PermissionService::inputInjectionAllowed() {
     return present;
 }
 
-bool X11PermissionService::openSettings(SettingsPage page) {
-    // GNOME names its panels, KDE its modules; the first program that exists is used.
-    QList<QPair<QString, QStringList>> candidates;
-    switch (page) {
-    case SettingsPage::screenSharing:
-        candidates = {{u"gnome-control-center"_s, {u"sharing"_s}}, {u"systemsettings"_s, {u"kcm_krfb"_s}}};
-        break;
-    case SettingsPage::screenRecording:
-        candidates = {{u"gnome-control-center"_s, {u"privacy"_s}}};
-        break;
-    case SettingsPage::privacy:
-        candidates = {{u"gnome-control-center"_s, {u"privacy"_s}}, {u"systemsettings"_s, {}}};
-        break;
-    }
-    for (const auto& [program, arguments] : std::as_const(candidates)) {
-        const QString path = QStandardPaths::findExecutable(program);
-        if (!path.isEmpty() && QProcess::startDetached(path, arguments)) {
-            return true;
-        }
-    }
-    return false;
-}
+bool X11PermissionService::openSettings(SettingsPage page) { return openDesktopSettings(page); }
 
 } // namespace tellwyn

@@ -5,9 +5,8 @@
 namespace tellwyn {
 
 // On X11 nothing asks the user: screen capture is possible when the display is reachable and a
-// 1×1 capture of the root window works, input injection when the XTEST extension is there. On a
-// Wayland-only session or with no display both are false (the desktop portals are not used yet).
-// Settings: GNOME's or KDE's sharing and privacy pages where their settings programs exist.
+// 1×1 capture of the root window works, input injection when the XTEST extension is there. With no
+// display both are false. (A Wayland session asks the desktop portal instead.)
 class X11PermissionService final : public PermissionService {
 public:
     bool screenCaptureAllowed() override;

@@ -31,6 +31,7 @@ class X11DesktopTest(unittest.TestCase):
             with os.fdopen(read_end) as chosen:
                 display = ":" + chosen.readline().strip()
             self.run_test("onADisplayBothAreAllowedAndACaptureShowsTheScreen", display)
+            self.run_test("theAgentIsReadyForConnectionsAfterARealTestCapture", display)
         finally:
             xvfb.terminate()
             xvfb.wait(10)

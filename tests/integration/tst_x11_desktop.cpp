@@ -1,14 +1,22 @@
 // The X11 permission checks and a real capture, run by test_x11_desktop.py on an Xvfb display
-// and with no display at all.
+// and with no display at all; and the agent core on that display with them.
 
+#include "fake_platform.h"
+#include "linux_display_probe.h"
+#include "log_lines.h"
+#include "server_log_manager.h"
+#include "server_manager.h"
+#include "virtual_time.h"
 #include "x11_permission_service.h"
 #include "x11_screen_capture.h"
 
 #include <QImage>
+#include <QTemporaryDir>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
+using namespace tellwyn::testing;
 
 class TestX11Desktop : public QObject {
     Q_OBJECT
@@ -16,8 +24,11 @@ class TestX11Desktop : public QObject {
     HLVPScreenCapture::Result captureOnce(quint32 display, double quality) {
         X11ScreenCapture capture;
         std::optional<HLVPScreenCapture::Result> result;
-        capture.captureScreen(display, quality, this, [&](HLVPScreenCapture::Result r) { result = std::move(r); });
-        [&] { QTRY_VERIFY(result.has_value()); }();
+        capture.captureScreen(display, quality, this,
+                              [&](HLVPScreenCapture::Result r) { result = std::move(r); });
+        [&] {
+            QTRY_VERIFY(result.has_value());
+        }();
         capture.cleanup();
         return *result;
     }
@@ -39,6 +50,41 @@ private Q_SLOTS:
         QVERIFY(std::holds_alternative<ScreenCaptureMessage>(better));
         QVERIFY(std::get<ScreenCaptureMessage>(better).imageData.size() >= picture->imageData.size());
         QVERIFY(std::holds_alternative<HLVPError>(captureOnce(7, 0.5))); // no such display
+    }
+
+    // The real permission service, display count and capture behind the agent core; the clock
+    // and the other services are the tests' own.
+    void theAgentIsReadyForConnectionsAfterARealTestCapture() {
+        ServerLogManager::shared().setEchoToStandardOutput(false);
+        VirtualTime time;
+        FakePreferences preferences;
+        FakeSystemIdentity identity;
+        LinuxDisplayProbe displays;
+        FakeSystemEvents events;
+        X11PermissionService permissions;
+        QTemporaryDir data;
+        AgentEnvironment environment{time, time, preferences, identity, displays, events, data.path()};
+        environment.permissions = &permissions;
+        environment.makeScreenCapture = [] {
+            return std::make_unique<X11ScreenCapture>();
+        };
+        ServerManager manager(environment);
+        VirtualTime::drainEvents();
+
+        // Not known yet, so the request asks the display, finds capture allowed and tries one.
+        QVERIFY(!manager.permissionState().screenCaptureAuthorized);
+        manager.requestScreenCapturePermission();
+        QTRY_VERIFY2(loggedLines().contains(u"[PERMISSIONS] ScreenCaptureKit runtime validation succeeded"_s),
+                     qPrintable(loggedLines().join(u'\n')));
+        QVERIFY(loggedLines().contains(
+            u"[PERMISSIONS] Validating ScreenCaptureKit runtime with a tiny capture"_s));
+        QVERIFY(!loggedLines().filter(u"runtime validation failed"_s).size());
+        QCOMPARE(manager.serverState().statusMessage, u"Ready for connections"_s);
+
+        manager.refreshAllPermissions();
+        VirtualTime::drainEvents();
+        QVERIFY(manager.permissionState().screenCaptureAuthorized);
+        QVERIFY(manager.permissionState().accessibilityAuthorized);
     }
 
     void withoutADisplayNothingIsAllowed() {

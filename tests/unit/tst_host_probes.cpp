@@ -138,6 +138,16 @@ private Q_SLOTS:
         QCOMPARE(p.networkName(std::nullopt), QString());
     }
 
+    void theRootIsAVolumeEvenWhereTheMountTableLacksIt() {
+        QTemporaryDir chroot; // no mount of "/" in its table
+        SampleMachine inside(chroot.path());
+        inside.capacities.insert(u"/"_s, {1000, 400});
+        const QList<HLVPDiskVolumeInfo> volumes = inside.probes->volumes();
+        QCOMPARE(volumes.size(), 1);
+        QCOMPARE(volumes.first().path, u"/"_s);
+        QCOMPARE(volumes.first().freeBytes, 400u);
+    }
+
     void volumesAreBlockDevicesAndSharesRootFirst() {
         SampleMachine laptop(fixture(u"laptop"_s));
         for (const QString& mountPoint :
