@@ -69,7 +69,8 @@ bool PortalPermissionService::requestInputInjection() {
     return request(Kind::remoteDesktop);
 }
 bool PortalPermissionService::openSettings(SettingsPage page) {
-    return openDesktopSettings(page);
+    // While the portal's dialog is open, that dialog is where the user answers.
+    return !isRequestPending() && openDesktopSettings(page);
 }
 
 bool PortalPermissionService::allowed(Kind kind) {

@@ -5,8 +5,10 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 #include <memory>
@@ -163,6 +165,34 @@ private Q_SLOTS:
         stopPortal();
         QVERIFY(!service.screenCaptureAllowed());
         QVERIFY(!service.inputInjectionAllowed());
+    }
+
+    void noSettingsOpenOverAnOpenDialog() {
+        // A settings program of our own, to see when it is started.
+        const QString bin = m_home->filePath(u"bin"_s);
+        QVERIFY(QDir().mkpath(bin));
+        const QString marker = m_home->filePath(u"settings-opened"_s);
+        QFile program(bin + u"/gnome-control-center"_s);
+        QVERIFY(program.open(QIODevice::WriteOnly));
+        program.write("#!/bin/sh\necho \"$@\" >> '" + QFile::encodeName(marker) + "'\n");
+        program.close();
+        QVERIFY(
+            program.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner));
+        const QByteArray path = qgetenv("PATH");
+        qputenv("PATH", QFile::encodeName(bin) + ':' + path);
+        const auto restorePath = qScopeGuard([path] { qputenv("PATH", path); });
+
+        QVERIFY(startPortal());
+        PortalPermissionService service = makeService();
+        service.requestScreenCapture();
+        QVERIFY(!service.openSettings(PermissionService::SettingsPage::screenRecording));
+        awaitAnswer(service);
+        QVERIFY(service.openSettings(PermissionService::SettingsPage::screenRecording));
+        const auto opened = [&marker] {
+            QFile file(marker);
+            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        };
+        QTRY_COMPARE(opened(), QByteArray("privacy\n"));
     }
 
     void oneDialogAtATimePerKind() {
