@@ -54,7 +54,17 @@ ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
     QMetaObject::invokeMethod(this, &ServerManager::loadSettings, Qt::QueuedConnection);
 }
 
-ServerManager::~ServerManager() = default;
+ServerManager::~ServerManager() {
+    // A task waiting in a sleep holds itself through its continuation; nothing would end it now.
+    std::set<TaskPtr> tasks;
+    {
+        QMutexLocker locker(&m_taskLock);
+        tasks.swap(m_activeTasks);
+    }
+    for (const TaskPtr& task : tasks) {
+        task->abandon();
+    }
+}
 
 void ServerManager::log(const QString& message, const QString& category) const {
     ServerLogManager::shared().log(message, category);

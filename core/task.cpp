@@ -37,6 +37,15 @@ void Task::finish() {
     }
 }
 
+void Task::abandon() {
+    m_sleep.reset();
+    // Moved out first: destroying a continuation may drop the last other reference to this task.
+    auto afterSleep = std::move(m_afterSleep);
+    auto observers = std::move(m_finishObservers);
+    m_afterSleep = nullptr;
+    m_finishObservers.clear();
+}
+
 void Task::whenFinished(std::function<void()> fn) {
     if (m_finished) {
         fn();

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QObject>
-
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -28,6 +27,10 @@ public:
     void finish();
     // Runs `fn` when the task finishes (at once when it already has).
     void whenFinished(std::function<void()> fn);
+
+    // Lets go of the pending sleep and observers without running them: for an owner that goes
+    // away, whose continuations would otherwise keep the task (and what they hold) alive.
+    void abandon();
 
     // Waits `duration`, then runs `next` on `context`'s thread. A cancellation during the wait
     // runs `next` at once, as a cancelled sleep returns early; `next` checks isCancelled().

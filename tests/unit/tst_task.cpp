@@ -68,6 +68,22 @@ private Q_SLOTS:
         time.advance(2s);
         QVERIFY(!resumed);
     }
+
+    void anAbandonedTaskLetsGoOfItselfWithoutRunningOn() {
+        VirtualTime time;
+        QObject context;
+        bool resumed = false;
+        bool observed = false;
+        TaskPtr task = Task::create();
+        const std::weak_ptr<Task> watch = task;
+        task->whenFinished([&observed, task] { observed = true; });
+        task->sleep(time, 1s, &context, [&resumed, task] { resumed = true; });
+        task->abandon();
+        task.reset();
+        QVERIFY(watch.expired()); // the continuations held it; now nothing does
+        time.advance(2s);
+        QVERIFY(!resumed && !observed);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestTask)
