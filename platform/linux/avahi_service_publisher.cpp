@@ -2,6 +2,7 @@
 
 #include "avahi_qt_poll.h"
 
+#include <QTextBoundaryFinder>
 #include <avahi-client/client.h>
 #include <avahi-client/publish.h>
 #include <avahi-common/alternative.h>
@@ -12,10 +13,28 @@ namespace tellwyn {
 
 namespace {
 
+// An instance name is one DNS label, at most 63 bytes of UTF-8: a longer one is cut after the
+// last whole character that fits, so that a long computer name is still advertised.
+QString fitToLabel(const QString& name) {
+    constexpr qsizetype maxBytes = 63;
+    if (name.toUtf8().size() <= maxBytes) {
+        return name;
+    }
+    QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, name);
+    qsizetype cut = 0;
+    for (qsizetype next = characters.toNextBoundary(); next != -1; next = characters.toNextBoundary()) {
+        if (QStringView(name).left(next).toUtf8().size() > maxBytes) {
+            break;
+        }
+        cut = next;
+    }
+    return QStringView(name).left(cut).trimmed().toString();
+}
+
 class AvahiPublishedService final : public PublishedService {
 public:
     explicit AvahiPublishedService(ServiceDescription description)
-        : m_description(std::move(description)), m_name(m_description.name) {}
+        : m_description(std::move(description)), m_name(fitToLabel(m_description.name)) {}
     ~AvahiPublishedService() override { release(); }
 
     void publish() override {

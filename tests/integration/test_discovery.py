@@ -206,6 +206,19 @@ class AdvertisementTest(unittest.TestCase):
         self.assertIn(("BONJOUR", "Stopped Bonjour service publishing"), agent.log())
         self.avahi.wait_for(lambda s: self.name not in s, "the advertisement to go")
 
+    def test_a_name_longer_than_a_dns_label_is_cut_to_fit(self):
+        # A host name of 60 characters, in a namespace of the agent's own, makes an instance name
+        # of 75 bytes; one DNS label holds 63.
+        long_host = "a-rather-long-computer-name-for-a-lab-machine-number-0000042"
+        agent = Agent(prefix=["unshare", "--uts", "sh", "-c", 'hostname "$0" && exec "$@"', long_host])
+        self.addCleanup(agent.close)
+        agent.wait_until_running()
+        expected = f"TellwynAgent - {long_host}"[:63]
+        seen = self.avahi.wait_for(lambda s: expected in s, expected)
+        self.assertEqual(list(seen), [expected])
+        self.assertEqual(seen[expected][2], agent.port)
+        self.assertEqual(seen[expected][3]["name"], long_host)  # the full name stays in the TXT record
+
     def test_two_agents_with_one_name_both_appear_and_discover_finds_them(self):
         first = self.start_agent()
         self.avahi.wait_for(lambda s: self.name in s, self.name)
