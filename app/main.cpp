@@ -1,15 +1,12 @@
 #include "agent_options.h"
 #include "clipboard_pasteboard.h"
 #include "crash_reporter.h"
+#include "desktop_permission_service.h"
 #include "linux_display_probe.h"
 #include "linux_system_events.h"
 #include "linux_system_identity.h"
 #include "pam_account_verifier.h"
-#include "portal_permission_service.h"
 #include "secret_service_credential_store.h"
-#include "x11_permission_service.h"
-#include "x11_screen_capture.h"
-#include "xdg_autostart_login_item.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "settings_preferences.h"
@@ -17,6 +14,8 @@
 #include "unix_signal_watcher.h"
 #include "update_alerts.h"
 #include "update_command.h"
+#include "x11_screen_capture.h"
+#include "xdg_autostart_login_item.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -24,10 +23,9 @@
 #include <QGuiApplication>
 #include <QNetworkAccessManager>
 #include <QStandardPaths>
-
 #include <cstdio>
-#include <malloc.h>
 #include <cstring>
+#include <malloc.h>
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -80,16 +78,6 @@ int runUpdateCheck(const AgentOptions& options) {
                      [](int exitCode) { QCoreApplication::exit(exitCode); });
     command.start();
     return QCoreApplication::exec();
-}
-
-// A Wayland session lets only the desktop portal grant screen capture and input; X11 lets anyone on
-// the display do both.
-std::unique_ptr<PermissionService> makePermissionService(const QString& dataDirectory) {
-    if (!qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
-        return std::make_unique<PortalPermissionService>(QDBusConnection::sessionBus(),
-                                                         dataDirectory + u"/portal-grants"_s);
-    }
-    return std::make_unique<X11PermissionService>();
 }
 
 QString folderOr(const QString& chosen, QStandardPaths::StandardLocation location) {
@@ -152,17 +140,18 @@ int main(int argc, char** argv) {
                      [](int) { QCoreApplication::quit(); });
 
     PamAccountVerifier accountVerifier;
-    AgentEnvironment environment{clock, scheduler, preferences, identity, displays, events, dataDirectory,
-                                 options.listenAddress};
+    AgentEnvironment environment{clock,    scheduler, preferences,   identity,
+                                 displays, events,    dataDirectory, options.listenAddress};
     environment.accountVerifier = &accountVerifier;
     environment.pasteboard = &pasteboard;
     SecretServiceCredentialStore credentialStore;
     environment.credentialStore = &credentialStore;
     XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
     environment.loginItem = &loginItem;
-    const std::unique_ptr<PermissionService> permissions = makePermissionService(dataDirectory);
-    environment.permissions = permissions.get();
-    environment.makeScreenCapture = [] { return std::make_unique<X11ScreenCapture>(); };
+    environment.permissions = &desktopPermissionService(dataDirectory);
+    environment.makeScreenCapture = [] {
+        return std::make_unique<X11ScreenCapture>();
+    };
     ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.
     QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,

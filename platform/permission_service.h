@@ -4,6 +4,8 @@ namespace tellwyn {
 
 // What gates screen capture and input injection on this desktop. Queries never prompt; requests
 // may show the desktop's own dialog and answer what the desktop then says for this process.
+// Queries may be asked from any thread (the statistics ask from their worker); requests and
+// settings from the main thread.
 class PermissionService {
 public:
     virtual ~PermissionService() = default;

@@ -5,8 +5,7 @@
 
 namespace tellwyn {
 
-// What the statistics ask of the window system: whose windows are in front, the screens, and
-// whether the agent could capture the screen and inject input.
+// What the statistics ask of the window system: whose windows are in front, and the screens.
 class WindowSystem {
 public:
     virtual ~WindowSystem() = default;
@@ -27,8 +26,6 @@ public:
     // of the stacking order down. Empty without a window system.
     virtual QList<WindowOwner> frontWindowOwners() = 0;
     virtual Screens screens() = 0;
-    virtual bool canCaptureScreen() = 0;
-    virtual bool canInjectInput() = 0;
 };
 
 } // namespace tellwyn

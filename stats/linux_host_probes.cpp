@@ -1,8 +1,10 @@
 #include "linux_host_probes.h"
 
+#include "desktop_permission_service.h"
 #include "desktop_session.h"
 #include "linux_system_identity.h"
 #include "logind_desktop_session.h"
+#include "permission_service.h"
 #include "run_tool.h"
 #include "system_clock.h"
 #include "system_stats_provider.h"
@@ -105,8 +107,9 @@ LinuxHostProbes::Sources LinuxHostProbes::systemSources() {
     return sources;
 }
 
-LinuxHostProbes::LinuxHostProbes(DesktopSession& session, WindowSystem& windows, Sources sources)
-    : m_session(session), m_windows(windows), m_sources(std::move(sources)) {
+LinuxHostProbes::LinuxHostProbes(DesktopSession& session, WindowSystem& windows,
+                                 PermissionService& permissions, Sources sources)
+    : m_session(session), m_windows(windows), m_permissions(permissions), m_sources(std::move(sources)) {
 }
 
 QString LinuxHostProbes::path(const QString& absolute) const {
@@ -224,11 +227,11 @@ double LinuxHostProbes::uptimeSeconds() {
 }
 
 bool LinuxHostProbes::screenCaptureAuthorized() {
-    return m_windows.canCaptureScreen();
+    return m_permissions.screenCaptureAllowed();
 }
 
 bool LinuxHostProbes::accessibilityAuthorized() {
-    return m_windows.canInjectInput();
+    return m_permissions.inputInjectionAllowed();
 }
 
 std::optional<bool> LinuxHostProbes::screenLocked() {
@@ -413,7 +416,8 @@ QList<HLVPDiskVolumeInfo> LinuxHostProbes::volumes() {
     // Inside a chroot the table shows only what was mounted there, but "/" is still a disk.
     if (!byMountPoint.contains(u"/"_s)) {
         if (const auto capacity = m_sources.capacity(u"/"_s); capacity && capacity->totalBytes > 0) {
-            volumes.append({volumeName(QString(), u"/"_s), u"/"_s, capacity->totalBytes, capacity->freeBytes});
+            volumes.append(
+                {volumeName(QString(), u"/"_s), u"/"_s, capacity->totalBytes, capacity->freeBytes});
         }
     }
     sortVolumes(volumes);
@@ -426,7 +430,7 @@ SystemStatsProvider& SystemStatsProvider::shared() {
     static SystemStatsProvider* const instance = [] {
         auto* session = new LogindDesktopSession;
         auto* windows = new X11WindowSystem;
-        auto* probes = new LinuxHostProbes(*session, *windows);
+        auto* probes = new LinuxHostProbes(*session, *windows, desktopPermissionService());
         auto* clock = new SystemClock;
         return new SystemStatsProvider(*probes, *clock);
     }();

@@ -8,6 +8,7 @@
 namespace tellwyn {
 
 class DesktopSession;
+class PermissionService;
 class WindowSystem;
 
 // The figures of a Linux machine: /proc, /sys and /etc files, statvfs, getifaddrs and
@@ -28,7 +29,8 @@ public:
     };
     static Sources systemSources();
 
-    LinuxHostProbes(DesktopSession& session, WindowSystem& windows, Sources sources = systemSources());
+    LinuxHostProbes(DesktopSession& session, WindowSystem& windows, PermissionService& permissions,
+                    Sources sources = systemSources());
 
     std::optional<QString> activeApplicationName() override;
     void observeSleepAndWake(QObject* context, std::function<void(bool goingToSleep)> handler) override;
@@ -66,6 +68,7 @@ private:
 
     DesktopSession& m_session;
     WindowSystem& m_windows;
+    PermissionService& m_permissions;
     Sources m_sources;
     QHash<QString, QString> m_desktopNames; // main thread: process or class name -> entry's Name
 };

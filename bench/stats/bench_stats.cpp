@@ -5,6 +5,7 @@
 //   bench_stats [--rounds N] [--scrapes N] [--node-exporter PATH]
 
 #include "clock.h"
+#include "desktop_permission_service.h"
 #include "linux_host_probes.h"
 #include "logind_desktop_session.h"
 #include "run_tool.h"
@@ -170,7 +171,7 @@ int main(int argc, char* argv[]) {
 
     LogindDesktopSession session;
     X11WindowSystem windows;
-    LinuxHostProbes probes(session, windows);
+    LinuxHostProbes probes(session, windows, desktopPermissionService());
     SystemClock clock;
 
     std::vector<Sample> cold;

@@ -147,26 +147,4 @@ WindowSystem::Screens X11WindowSystem::screens() {
     return result;
 }
 
-bool X11WindowSystem::canCaptureScreen() {
-    Connection x;
-    if (!x.isOpen()) {
-        return false;
-    }
-    const auto image = owned(xcb_get_image_reply(
-        x.get(), xcb_get_image(x.get(), XCB_IMAGE_FORMAT_Z_PIXMAP, x.screen()->root, 0, 0, 1, 1, ~0u),
-        nullptr));
-    return image != nullptr;
-}
-
-bool X11WindowSystem::canInjectInput() {
-    Connection x;
-    if (!x.isOpen()) {
-        return false;
-    }
-    const char name[] = "XTEST";
-    const auto reply = owned(
-        xcb_query_extension_reply(x.get(), xcb_query_extension(x.get(), sizeof name - 1, name), nullptr));
-    return reply && reply->present != 0;
-}
-
 } // namespace tellwyn

@@ -4,16 +4,13 @@
 
 namespace tellwyn {
 
-// The X server named by DISPLAY: the window manager's active window and stacking list (EWMH),
-// RandR monitors, a 1x1 capture of the root window and the XTEST extension. Each call opens its
-// own short connection, so it may be made from any thread; no reachable server answers
-// "nothing" and "no".
+// The X server named by DISPLAY: the window manager's active window and stacking list (EWMH) and
+// the RandR monitors. Each call opens its own short connection, so it may be made from any thread;
+// no reachable server answers "nothing".
 class X11WindowSystem final : public WindowSystem {
 public:
     QList<WindowOwner> frontWindowOwners() override;
     Screens screens() override;
-    bool canCaptureScreen() override;
-    bool canInjectInput() override;
 };
 
 } // namespace tellwyn

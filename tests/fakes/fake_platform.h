@@ -82,13 +82,9 @@ class FakeWindowSystem final : public WindowSystem {
 public:
     QList<WindowOwner> frontWindowOwners() override { return owners; }
     Screens screens() override { return screenInfo; }
-    bool canCaptureScreen() override { return capture; }
-    bool canInjectInput() override { return input; }
 
     QList<WindowOwner> owners;
     Screens screenInfo;
-    bool capture = false;
-    bool input = false;
 };
 
 class FakeSystemEvents final : public SystemEvents {

@@ -38,6 +38,7 @@ struct ToolCall {
 struct SampleMachine {
     FakeDesktopSession session;
     FakeWindowSystem windows;
+    FakePermissionService permissions;
     QHash<QString, QString> tools;
     QList<ToolCall> toolCalls;
     QHash<QString, HostProbes::DiskCapacity> capacities;
@@ -65,7 +66,7 @@ struct SampleMachine {
         sources.ownLoginName = u"agent-user"_s;
         sources.ownPid = 4242;
         sources.applicationFolders = {fixture(u"applications"_s)};
-        probes = std::make_unique<LinuxHostProbes>(session, windows, sources);
+        probes = std::make_unique<LinuxHostProbes>(session, windows, permissions, sources);
     }
 };
 
@@ -136,6 +137,20 @@ private Q_SLOTS:
         QVERIFY(p.volumes().isEmpty());
         QCOMPARE(p.primaryInterface(), std::nullopt);
         QCOMPARE(p.networkName(std::nullopt), QString());
+    }
+
+    // The same answers as the agent core gets: on Wayland the portal's, not what Xwayland allows.
+    void permissionFieldsAreThePermissionServicesAnswers() {
+        QTemporaryDir empty;
+        SampleMachine machine(empty.path());
+        QVERIFY(!machine.probes->screenCaptureAuthorized());
+        QVERIFY(!machine.probes->accessibilityAuthorized());
+        machine.permissions.captureAllowed = true;
+        QVERIFY(machine.probes->screenCaptureAuthorized());
+        QVERIFY(!machine.probes->accessibilityAuthorized());
+        machine.permissions.inputAllowed = true;
+        QVERIFY(machine.probes->accessibilityAuthorized());
+        QCOMPARE(machine.permissions.screenCaptureRequests, 0); // a record never asks the user
     }
 
     void theRootIsAVolumeEvenWhereTheMountTableLacksIt() {
