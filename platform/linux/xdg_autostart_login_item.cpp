@@ -12,8 +12,8 @@ namespace tellwyn {
 
 namespace {
 
-// Quoting of the Exec key (Desktop Entry Specification): arguments with reserved characters are
-// double-quoted, with ", `, $ and \ escaped by a backslash; a literal % is written %%.
+// Quoting of the Exec key, as freedesktop desktop entries want it: arguments with reserved
+// characters are double-quoted, with ", `, $ and \ escaped by a backslash; a literal % is %%.
 QString quotedArgument(const QString& argument) {
     QString text = argument;
     text.replace(u'%', u"%%"_s);
