@@ -39,12 +39,9 @@ int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
     parser.addPositionalArgument(u"get|put|watch"_s, u"What to do."_s);
     parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
     parser.addPositionalArgument(u"TEXT"_s, u"With put: the text."_s, u"[TEXT]"_s);
-    if (!parser.parse(arguments)) {
-        return usageError(err, u"clip"_s, parser.errorText());
-    }
-    if (parser.isSet(common.help)) {
-        printCommandHelp(out, parser, u"clip"_s);
-        return exitOk;
+    if (const std::optional<int> finished =
+            parseCommandLine(parser, arguments, common, u"clip"_s, out, err)) {
+        return *finished;
     }
     QStringList positional = parser.positionalArguments();
     const QString action = positional.value(0);

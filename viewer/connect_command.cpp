@@ -24,12 +24,9 @@ int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& 
                                        u"SECONDS"_s, u"20"_s);
     parser.addOptions({common.help, common.name, common.knownAgents, heartbeat});
     parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
-    if (!parser.parse(arguments)) {
-        return usageError(err, u"connect"_s, parser.errorText());
-    }
-    if (parser.isSet(common.help)) {
-        printCommandHelp(out, parser, u"connect"_s);
-        return exitOk;
+    if (const std::optional<int> finished =
+            parseCommandLine(parser, arguments, common, u"connect"_s, out, err)) {
+        return *finished;
     }
     QString error;
     const auto target = parseTarget(parser, common, &error);

@@ -84,12 +84,9 @@ int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream&
                                    u"Keep listening: print '+' and a line for every agent that appears and "
                                    u"'-' and its line for every agent that goes, until interrupted."_s);
     parser.addOptions({common.help, seconds, watch});
-    if (!parser.parse(arguments)) {
-        return usageError(err, u"discover"_s, parser.errorText());
-    }
-    if (parser.isSet(common.help)) {
-        printCommandHelp(out, parser, u"discover"_s);
-        return exitOk;
+    if (const std::optional<int> finished =
+            parseCommandLine(parser, arguments, common, u"discover"_s, out, err)) {
+        return *finished;
     }
     bool validTime = false;
     const double listenSeconds = parser.value(seconds).toDouble(&validTime);

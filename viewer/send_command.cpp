@@ -173,12 +173,9 @@ int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
     parser.addOptions({common.help, common.name, common.knownAgents, signIn.user, signIn.passwordStdin});
     parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
     parser.addPositionalArgument(u"FILE"_s, u"Files to send."_s, u"FILE..."_s);
-    if (!parser.parse(arguments)) {
-        return usageError(err, u"send"_s, parser.errorText());
-    }
-    if (parser.isSet(common.help)) {
-        printCommandHelp(out, parser, u"send"_s);
-        return exitOk;
+    if (const std::optional<int> finished =
+            parseCommandLine(parser, arguments, common, u"send"_s, out, err)) {
+        return *finished;
     }
     const QStringList positional = parser.positionalArguments();
     if (positional.size() < 2) {

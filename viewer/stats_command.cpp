@@ -40,12 +40,9 @@ int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStrea
                                            u"Read the password from the first line of standard input."_s);
     parser.addOptions({common.help, common.name, common.knownAgents, user, passwordStdin, json});
     parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
-    if (!parser.parse(arguments)) {
-        return usageError(err, command, parser.errorText());
-    }
-    if (parser.isSet(common.help)) {
-        printCommandHelp(out, parser, command);
-        return exitOk;
+    if (const std::optional<int> finished =
+            parseCommandLine(parser, arguments, common, command, out, err)) {
+        return *finished;
     }
     QString error;
     const auto target = parseTarget(parser, common, &error);

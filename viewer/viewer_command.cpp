@@ -31,6 +31,19 @@ void printCommandHelp(QTextStream& out, const QCommandLineParser& parser, const 
         << exitCodesText;
 }
 
+std::optional<int> parseCommandLine(QCommandLineParser& parser, const QStringList& arguments,
+                                    const CommonOptions& common, const QString& command, QTextStream& out,
+                                    QTextStream& err) {
+    if (!parser.parse(arguments)) {
+        return usageError(err, command, parser.errorText());
+    }
+    if (parser.isSet(common.help)) {
+        printCommandHelp(out, parser, command);
+        return exitOk;
+    }
+    return std::nullopt;
+}
+
 int runSession(ViewerSession& session) {
     UnixSignalWatcher signalWatcher;
     QObject::connect(&signalWatcher, &UnixSignalWatcher::terminationRequested, &session,

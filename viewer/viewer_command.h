@@ -34,6 +34,11 @@ int usageError(QTextStream& err, const QString& command, const QString& text);
 
 // Prints a command's help with the exit codes.
 void printCommandHelp(QTextStream& out, const QCommandLineParser& parser, const QString& command);
+// Parses a command's arguments: the exit code when the command ends there (a usage error, or its
+// help printed), else nothing.
+std::optional<int> parseCommandLine(QCommandLineParser& parser, const QStringList& arguments,
+                                    const CommonOptions& common, const QString& command, QTextStream& out,
+                                    QTextStream& err);
 
 // The agent a command talks to, with the viewer's name and its known-agents file.
 struct Target {
