@@ -186,10 +186,7 @@ class UpdateCheckTest(UpdateTestCase):
         cases = [
             ("not found", 404, b"missing", "The update server returned an error (code 404)."),
             ("server error", 503, b"", "The update server returned an error (code 503)."),
-            ("empty 204", 204, b"", "Invalid update feed format."),
             ("not UTF-8", 200, b"2.0.0: caf\xe9", "Could not read the update information."),
-            ("three pipe fields", 200, f"{self.newer}|Major|notes".encode(), "Invalid update feed format."),
-            ("no full stop", 200, b"2", "Invalid update feed format."),
         ]
         for name, status, body, text in cases:
             with self.subTest(name):
@@ -209,18 +206,11 @@ class UpdateCheckTest(UpdateTestCase):
                 self.assertEqual(done.returncode, 2)
                 self.assertIn("go with --check-for-updates", done.stderr)
 
-    def test_unusable_feed_address(self):
-        self.assert_check_failed(self.check("http://[::1/updates"), "Invalid update feed URL.")
-
     def test_an_answer_that_is_not_http(self):
         feed = os.path.join(self.home.name, "feed.txt")
         with open(feed, "w") as f:
             f.write(self.newer)
         self.assert_check_failed(self.check("file://" + feed), "No response from the update server.")
-
-    def test_no_usable_installer_address(self):
-        outcome = self.check(self.serve_feed(self.newer.encode()), TELLWYN_DOWNLOAD_BASE_URL="http://[bad/")
-        self.assert_check_failed(outcome, "The download link for this update is missing or invalid.")
 
     def test_up_to_date(self):
         for feed in (self.current, f"{self.current}: Same again", f"{self.current}|Minor||"):
@@ -262,15 +252,6 @@ class InstallerDownloadTest(UpdateTestCase):
             self.assertEqual(f.read(), b"an older installer")
         self.assertTrue(any(line.startswith("Downloading… 100%") for line in err), err)
 
-    def test_broken_off_download_leaves_nothing(self):
-        self.http.routes["/TellwynAgent.deb"] = serve_blocks(10, stop_after=2 * MIB, chunk=256 * 1024)
-        feed = self.serve_feed(f"{self.newer}|Patch||{self.http.url('/TellwynAgent.deb')}".encode())
-        code, out, err = self.check(feed, download=True)
-        self.assertEqual(code, 5, err)
-        self.assertEqual(err[-2], "Download failed")
-        self.assertEqual(err[-1], "Connection closed")
-        self.assertEqual(self.files(), [])
-
     def test_https_installer_is_never_continued_over_http(self):
         self.http.routes["/TellwynAgent.deb"] = serve_blocks(1)
         plain = self.http.url("/TellwynAgent.deb")
@@ -290,33 +271,6 @@ class InstallerDownloadTest(UpdateTestCase):
         code, out, err = self.check(feed, download=True)
         self.assertEqual(code, 4, err)
         self.assertEqual(self.files(), ["TellwynAgent.deb"])
-
-    def test_server_error_and_nothing_to_save(self):
-        cases = [
-            ("missing installer", lambda h: h.reply(404, b"<html>gone</html>"),
-             "Error transferring {url} - server replied: Not Found"),
-            ("nowhere to go", lambda h: h.reply(300, b"choose"),
-             "Download finished but the file location is unknown."),
-        ]
-        for name, route, text in cases:
-            with self.subTest(name):
-                self.http.routes["/TellwynAgent.deb"] = route
-                url = self.http.url("/TellwynAgent.deb")
-                code, out, err = self.check(self.serve_feed(f"{self.newer}|Major||{url}".encode()), download=True)
-                self.assertEqual(code, 5, err)
-                self.assertEqual(err[-2:], ["Download failed", text.format(url=url)])
-                self.assertEqual(self.files(), [])
-
-    def test_downloads_folder_that_cannot_be_used(self):
-        blocker = os.path.join(self.home.name, "not-a-folder")
-        with open(blocker, "w") as f:
-            f.write("x")
-        self.set_downloads_folder(os.path.join(blocker, "Downloads"))
-        self.http.routes["/TellwynAgent.deb"] = serve_blocks(1)
-        feed = self.serve_feed(f"{self.newer}|Major||{self.http.url('/TellwynAgent.deb')}".encode())
-        code, out, err = self.check(feed, download=True)
-        self.assertEqual(code, 5, err)
-        self.assertEqual(err[-2:], ["Download failed", "Could not access your Downloads folder."])
 
     def test_cancelled_download_leaves_nothing(self):
         self.http.routes["/TellwynAgent.deb"] = serve_blocks(50, delay=0.02, chunk=64 * 1024)
