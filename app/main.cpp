@@ -1,5 +1,5 @@
 #include "agent_options.h"
-#include "clipboard_pasteboard.h"
+#include "qt_system_clipboard.h"
 #include "crash_reporter.h"
 #include "desktop_permission_service.h"
 #include "linux_display_probe.h"
@@ -123,8 +123,8 @@ int main(int argc, char** argv) {
     LinuxSystemIdentity identity;
     LinuxDisplayProbe displays;
     LinuxSystemEvents events;
-    ClipboardPasteboard pasteboard;
-    ServerLogManager::shared().setPasteboard(&pasteboard);
+    QtSystemClipboard systemClipboard;
+    ServerLogManager::shared().setSystemClipboard(&systemClipboard);
 
     if (!preferences.problem().isEmpty()) {
         printTo(stderr, u"tellwyn-agent: %1\n"_s.arg(preferences.problem()));
@@ -143,7 +143,7 @@ int main(int argc, char** argv) {
     AgentEnvironment environment{clock,    scheduler, preferences,   identity,
                                  displays, events,    dataDirectory, options.listenAddress};
     environment.accountVerifier = &accountVerifier;
-    environment.pasteboard = &pasteboard;
+    environment.systemClipboard = &systemClipboard;
     SecretServiceCredentialStore credentialStore;
     environment.credentialStore = &credentialStore;
     XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();

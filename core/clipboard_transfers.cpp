@@ -4,7 +4,7 @@
 #include "server_manager.h"
 
 #include "clock.h"
-#include "pasteboard.h"
+#include "system_clipboard.h"
 #include "preferences.h"
 #include "server_log_manager.h"
 
@@ -63,7 +63,7 @@ void ServerManager::updateClipboardMonitor() {
                 weak,
                 [weak] {
                     if (weak) {
-                        weak->pollPasteboard();
+                        weak->pollClipboard();
                     }
                 },
                 Qt::QueuedConnection);
@@ -75,17 +75,17 @@ void ServerManager::updateClipboardMonitor() {
     }
 }
 
-void ServerManager::pollPasteboard() {
-    Pasteboard* pasteboard = m_environment.pasteboard;
-    if (pasteboard == nullptr) {
+void ServerManager::pollClipboard() {
+    SystemClipboard* systemClipboard = m_environment.systemClipboard;
+    if (systemClipboard == nullptr) {
         return;
     }
-    const qint64 changeCount = pasteboard->changeCount();
-    if (changeCount == m_lastObservedPasteboardChangeCount) {
+    const qint64 changeCount = systemClipboard->changeCount();
+    if (changeCount == m_lastObservedClipboardChangeCount) {
         return;
     }
-    m_lastObservedPasteboardChangeCount = changeCount;
-    const std::optional<QString> text = pasteboard->string();
+    m_lastObservedClipboardChangeCount = changeCount;
+    const std::optional<QString> text = systemClipboard->string();
     if (!text || text->isEmpty()) {
         return;
     }
@@ -114,8 +114,8 @@ void ServerManager::pollPasteboard() {
 
 void ServerManager::handleClipboardSnapshot(const QString& text, const QString& key) {
     m_lastRemoteAppliedClipboardContent = text;
-    if (m_environment.pasteboard != nullptr) {
-        m_lastObservedPasteboardChangeCount = m_environment.pasteboard->changeCount();
+    if (m_environment.systemClipboard != nullptr) {
+        m_lastObservedClipboardChangeCount = m_environment.systemClipboard->changeCount();
     }
     log(u"Clipboard snapshot received from %1 (%2 bytes)"_s.arg(displayLabel(key)).arg(text.toUtf8().size()),
         u"CLIPBOARD"_s);

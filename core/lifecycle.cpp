@@ -3,7 +3,7 @@
 
 #include "server_manager.h"
 
-#include "bonjour_service_manager.h"
+#include "service_advertiser.h"
 #include "clock.h"
 #include "display_probe.h"
 #include "preferences.h"
@@ -28,8 +28,8 @@ QString enabledText(bool enabled) {
     return enabled ? u"enabled"_s : u"disabled"_s;
 }
 
-BonjourServiceManager& advertiserOf(const AgentEnvironment& environment) {
-    return environment.advertiser != nullptr ? *environment.advertiser : BonjourServiceManager::shared();
+ServiceAdvertiser& advertiserOf(const AgentEnvironment& environment) {
+    return environment.advertiser != nullptr ? *environment.advertiser : ServiceAdvertiser::shared();
 }
 } // namespace
 
@@ -165,7 +165,7 @@ void ServerManager::setupServer() {
     options.identityDirectory = m_environment.dataDirectory;
     options.listenAddress = m_environment.listenAddress;
     options.client = m_environment.clientSettings;
-    options.client.pasteboard = m_environment.pasteboard;
+    options.client.systemClipboard = m_environment.systemClipboard;
     options.client.agentName = m_environment.identity.localizedComputerName().value_or(QString());
     options.client.agentVersion = QString::fromLatin1(TELLWYN_VERSION);
     m_server = std::make_unique<HLVPServer>(m_settingsState.serverPort, maxConnections, options);
@@ -246,7 +246,7 @@ void ServerManager::finishStart(const std::optional<HLVPError>& error, bool head
         state.statusMessage = tr("Remote service started successfully");
     });
     updateClipboardMonitor();
-    if (m_isBonjourEnabled) {
+    if (m_isAdvertisingEnabled) {
         const QString name = m_environment.identity.localizedComputerName().value_or(u"Unknown Computer"_s);
         advertiserOf(m_environment).publish(m_settingsState.serverPort, name);
         log(u"Started Bonjour service publishing"_s, u"BONJOUR"_s);
@@ -325,7 +325,7 @@ void ServerManager::stopClipboardMonitor() {
     m_clipboardMonitorTimer.reset();
     m_lastSentClipboardContent.reset();
     m_lastRemoteAppliedClipboardContent.reset();
-    m_lastObservedPasteboardChangeCount = -1;
+    m_lastObservedClipboardChangeCount = -1;
 }
 
 void ServerManager::updateServerPort(quint16 port, std::function<void()> completion) {

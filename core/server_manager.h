@@ -18,14 +18,14 @@
 namespace tellwyn {
 
 class AccountVerifier;
-class BonjourServiceManager;
+class ServiceAdvertiser;
 class Clock;
 class DisplayProbe;
 class HLVPCredentialStore;
 class HLVPScreenCapture;
 class PermissionService;
 class LoginItem;
-class Pasteboard;
+class SystemClipboard;
 class Preferences;
 class Scheduler;
 class ScheduledTimer;
@@ -47,8 +47,8 @@ struct AgentEnvironment {
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
     SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
-    BonjourServiceManager* advertiser = nullptr;    // the process's single advertiser when null
-    Pasteboard* pasteboard = nullptr;               // the machine's clipboard; none: nothing is shared
+    ServiceAdvertiser* advertiser = nullptr;    // the process's single advertiser when null
+    SystemClipboard* systemClipboard = nullptr;               // the machine's clipboard; none: nothing is shared
     HLVPCredentialStore* credentialStore = nullptr; // the keyring; none: the lock password stays in memory
     LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails
     PermissionService* permissions = nullptr;       // screen capture and input; none: neither is allowed
@@ -73,7 +73,7 @@ public:
     ~ServerManager() override;
 
     // Published state.
-    bool isBonjourEnabled() const { return m_isBonjourEnabled; }
+    bool isAdvertisingEnabled() const { return m_isAdvertisingEnabled; }
     const ServerState& serverState() const { return m_serverState; }
     const PermissionState& permissionState() const { return m_permissionState; }
     const SettingsState& settingsState() const { return m_settingsState; }
@@ -140,7 +140,7 @@ public:
     // Clipboard sharing and file transfers.
     QString fileTransferDirectory() const;
     void updateClipboardMonitor();
-    void pollPasteboard();
+    void pollClipboard();
     void handleClipboardSnapshot(const QString& text, const QString& key);
     void applyFeatureSettings();
     // What the settings screen does: change the switches in the settings, then apply them.
@@ -209,7 +209,7 @@ private:
     std::unique_ptr<ScheduledTimer> m_cleanupTimer;
     std::unique_ptr<SerialQueue> m_authenticationQueue;
     QSet<QString> m_authenticationInProgress;
-    bool m_isBonjourEnabled = true;
+    bool m_isAdvertisingEnabled = true;
     ServerState m_serverState;
     PermissionState m_permissionState;
     SettingsState m_settingsState;
@@ -230,7 +230,7 @@ private:
     mutable QMutex m_taskLock;
     QString m_serverUsername;
     std::unique_ptr<ScheduledTimer> m_clipboardMonitorTimer;
-    qint64 m_lastObservedPasteboardChangeCount = -1;
+    qint64 m_lastObservedClipboardChangeCount = -1;
     std::optional<QString> m_lastRemoteAppliedClipboardContent;
     std::optional<QString> m_lastSentClipboardContent;
     qint64 m_uiLockFailures = 0;

@@ -1,6 +1,6 @@
 #include "server_log_manager.h"
 
-#include "pasteboard.h"
+#include "system_clipboard.h"
 
 #include <QCoreApplication>
 #include <QRegularExpression>
@@ -94,8 +94,8 @@ void ServerLogManager::clearLogs() {
 }
 
 void ServerLogManager::copyLogsToClipboard() {
-    if (m_pasteboard != nullptr) {
-        m_pasteboard->setString(m_logs.join(u'\n'));
+    if (m_systemClipboard != nullptr) {
+        m_systemClipboard->setString(m_logs.join(u'\n'));
     }
     log(u"Logs copied to clipboard"_s, u"INFO"_s);
 }

@@ -9,7 +9,7 @@
 
 namespace tellwyn {
 
-class Pasteboard;
+class SystemClipboard;
 
 // A log line read back into its three parts.
 struct ParsedLogLine {
@@ -37,7 +37,7 @@ public:
     const QStringList& logs() const { return m_logs; }
 
     // Where copyLogsToClipboard puts the text; set once at start-up.
-    void setPasteboard(Pasteboard* pasteboard) { m_pasteboard = pasteboard; }
+    void setSystemClipboard(SystemClipboard* systemClipboard) { m_systemClipboard = systemClipboard; }
     // Whether each line is also written to standard output (on by default).
     void setEchoToStandardOutput(bool enabled) { m_echo = enabled; }
 
@@ -55,7 +55,7 @@ private:
     void append(const QString& line);
 
     QStringList m_logs;
-    Pasteboard* m_pasteboard = nullptr;
+    SystemClipboard* m_systemClipboard = nullptr;
     std::atomic<bool> m_echo{true};
 };
 

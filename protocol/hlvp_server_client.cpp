@@ -3,7 +3,7 @@
 #include "file_transfer_receiver.h"
 #include "hlvp_codec.h"
 
-#include "pasteboard.h"
+#include "system_clipboard.h"
 
 #include <QSslSocket>
 #include <QTimer>
@@ -166,7 +166,7 @@ void HLVPServerClient::sendEncryptedMessage(const HLVPMessage& message, SendComp
 }
 
 void HLVPServerClient::receiveClipboard(const ClipboardMessage& message) {
-    if (!m_clipboardSharingEnabled || m_settings.pasteboard == nullptr) {
+    if (!m_clipboardSharingEnabled || m_settings.systemClipboard == nullptr) {
         refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s, u"clipboard"_s);
         return;
     }
@@ -177,7 +177,7 @@ void HLVPServerClient::receiveClipboard(const ClipboardMessage& message) {
                u"clipboard"_s);
         return;
     }
-    m_settings.pasteboard->setString(message.text);
+    m_settings.systemClipboard->setString(message.text);
     if (m_onClipboardReceived) {
         m_onClipboardReceived(message.text);
     }
@@ -343,8 +343,8 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
         return;
     } else if (std::holds_alternative<ClipboardRequestMessage>(message)) {
         const std::optional<QString> text =
-            m_settings.pasteboard != nullptr ? m_settings.pasteboard->string() : std::nullopt;
-        if (!m_clipboardSharingEnabled || m_settings.pasteboard == nullptr) {
+            m_settings.systemClipboard != nullptr ? m_settings.systemClipboard->string() : std::nullopt;
+        if (!m_clipboardSharingEnabled || m_settings.systemClipboard == nullptr) {
             refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s,
                    wireType);
         } else if (text && text->toUtf8().size() > HLVP::maxClipboardBytes) {

@@ -18,7 +18,7 @@ class QSslSocket;
 
 namespace tellwyn {
 class FileTransferReceiver;
-class Pasteboard;
+class SystemClipboard;
 }
 class QTimer;
 
@@ -38,7 +38,7 @@ public:
     struct Settings {
         QString agentName;    // sent in the handshake reply
         QString agentVersion;
-        Pasteboard* pasteboard = nullptr; // where received clipboard texts go; none: they are refused
+        SystemClipboard* systemClipboard = nullptr; // where received clipboard texts go; none: they are refused
         // Frames a viewer may send in a burst, and per second on average; more closes the
         // connection. File chunks are paced by the transfer window instead.
         int unauthenticatedFrameBurst = 64;

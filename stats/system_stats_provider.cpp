@@ -146,13 +146,13 @@ SystemStatsMessage SystemStatsProvider::takeSnapshot(const QString& activeProces
     s.mainDisplayResolution = displays.mainResolution;
     s.serialNumber = once(m_cachedSerialNumber, [&] { return probes.serialNumber(); });
     s.hardwareUUID = once(m_cachedHardwareUUID, [&] { return probes.hardwareUUID(); });
-    s.fileVaultEnabled = readThrough(m_cachedFileVault, m_clock->now(), securityCacheTTL,
+    s.fileVaultEnabled = readThrough(m_cachedDiskEncryption, m_clock->now(), securityCacheTTL,
                                      [&] { return probes.diskEncryptionEnabled(); });
-    s.sipEnabled = readThrough(m_cachedSIP, m_clock->now(), securityCacheTTL,
+    s.sipEnabled = readThrough(m_cachedPlatformIntegrity, m_clock->now(), securityCacheTTL,
                                [&] { return probes.platformIntegrityEnabled(); });
-    s.gatekeeperEnabled = readThrough(m_cachedGatekeeper, m_clock->now(), securityCacheTTL,
+    s.gatekeeperEnabled = readThrough(m_cachedApplicationAssessment, m_clock->now(), securityCacheTTL,
                                       [&] { return probes.applicationAssessmentEnabled(); });
-    s.mdmEnrolled = readThrough(m_cachedMDM, m_clock->now(), securityCacheTTL,
+    s.mdmEnrolled = readThrough(m_cachedManagementEnrollment, m_clock->now(), securityCacheTTL,
                                 [&] { return probes.managementEnrolled(); });
     const double uptime = probes.uptimeSeconds();
     s.lastBootTime = m_clock->now().addMSecs(-static_cast<qint64>(std::llround(uptime * 1000.0)));

@@ -63,10 +63,10 @@ private:
     std::optional<QString> m_cachedMacModel;
     std::optional<QString> m_cachedSerialNumber;
     std::optional<QString> m_cachedHardwareUUID;
-    std::optional<TimedCache<bool>> m_cachedFileVault;
-    std::optional<TimedCache<bool>> m_cachedSIP;
-    std::optional<TimedCache<bool>> m_cachedGatekeeper;
-    std::optional<TimedCache<bool>> m_cachedMDM;
+    std::optional<TimedCache<bool>> m_cachedDiskEncryption;
+    std::optional<TimedCache<bool>> m_cachedPlatformIntegrity;
+    std::optional<TimedCache<bool>> m_cachedApplicationAssessment;
+    std::optional<TimedCache<bool>> m_cachedManagementEnrollment;
     QString m_lastSleepCauseCache;
     QString m_lastWakeCauseCache;
     std::optional<CpuTicks> m_lastCPULoadInfo;

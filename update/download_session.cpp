@@ -83,20 +83,20 @@ QString suggestedDownloadFileName(const QByteArray& contentDisposition, const QU
     return name;
 }
 
-QStringList BrevaneDiskImageDownloadSession::standardDownloadsFolders() {
+QStringList BrevaneInstallerDownloadSession::standardDownloadsFolders() {
     return QStandardPaths::standardLocations(QStandardPaths::DownloadLocation);
 }
 
-BrevaneDiskImageDownloadSession::BrevaneDiskImageDownloadSession(Scheduler& scheduler, QObject* parent)
+BrevaneInstallerDownloadSession::BrevaneInstallerDownloadSession(Scheduler& scheduler, QObject* parent)
     : QObject(parent), m_scheduler(scheduler), m_downloadsFolders(&standardDownloadsFolders) {
 }
 
-BrevaneDiskImageDownloadSession::~BrevaneDiskImageDownloadSession() {
+BrevaneInstallerDownloadSession::~BrevaneInstallerDownloadSession() {
     dropTransfer();
     removePartialFile();
 }
 
-void BrevaneDiskImageDownloadSession::startDownload(const QUrl& url) {
+void BrevaneInstallerDownloadSession::startDownload(const QUrl& url) {
     if (!m_network) {
         setPhase(Phase::failed(localizedText("Download could not start (internal error).")));
         return;
@@ -120,16 +120,16 @@ void BrevaneDiskImageDownloadSession::startDownload(const QUrl& url) {
     applyUpdateTlsSettings(request);
     m_reply = m_network->get(request);
     m_reply->setReadBufferSize(readBufferSize);
-    connect(m_reply, &QNetworkReply::metaDataChanged, this, &BrevaneDiskImageDownloadSession::onMetaData);
-    connect(m_reply, &QNetworkReply::readyRead, this, &BrevaneDiskImageDownloadSession::onReadyRead);
+    connect(m_reply, &QNetworkReply::metaDataChanged, this, &BrevaneInstallerDownloadSession::onMetaData);
+    connect(m_reply, &QNetworkReply::readyRead, this, &BrevaneInstallerDownloadSession::onReadyRead);
     connect(m_reply, &QNetworkReply::downloadProgress, this,
-            &BrevaneDiskImageDownloadSession::onDownloadProgress);
-    connect(m_reply, &QNetworkReply::redirected, this, &BrevaneDiskImageDownloadSession::onRedirected);
-    connect(m_reply, &QNetworkReply::finished, this, &BrevaneDiskImageDownloadSession::onFinished);
+            &BrevaneInstallerDownloadSession::onDownloadProgress);
+    connect(m_reply, &QNetworkReply::redirected, this, &BrevaneInstallerDownloadSession::onRedirected);
+    connect(m_reply, &QNetworkReply::finished, this, &BrevaneInstallerDownloadSession::onFinished);
     armStallTimer();
 }
 
-void BrevaneDiskImageDownloadSession::cancelDownload() {
+void BrevaneInstallerDownloadSession::cancelDownload() {
     if (!m_activeDownload) {
         dropTransfer();
         removePartialFile();
@@ -142,7 +142,7 @@ void BrevaneDiskImageDownloadSession::cancelDownload() {
     m_activeDownload->abort();
 }
 
-void BrevaneDiskImageDownloadSession::setPhase(Phase phase) {
+void BrevaneInstallerDownloadSession::setPhase(Phase phase) {
     if (m_phase == phase) {
         return;
     }
@@ -150,7 +150,7 @@ void BrevaneDiskImageDownloadSession::setPhase(Phase phase) {
     Q_EMIT phaseChanged();
 }
 
-void BrevaneDiskImageDownloadSession::setProgress(double progress) {
+void BrevaneInstallerDownloadSession::setProgress(double progress) {
     if (m_progress == progress) {
         return;
     }
@@ -158,7 +158,7 @@ void BrevaneDiskImageDownloadSession::setProgress(double progress) {
     Q_EMIT progressChanged();
 }
 
-void BrevaneDiskImageDownloadSession::handOver() {
+void BrevaneInstallerDownloadSession::handOver() {
     if (m_activeDownload || !m_reply) {
         return;
     }
@@ -166,7 +166,7 @@ void BrevaneDiskImageDownloadSession::handOver() {
     setPhase(Phase::downloading());
 }
 
-void BrevaneDiskImageDownloadSession::onMetaData() {
+void BrevaneInstallerDownloadSession::onMetaData() {
     armStallTimer();
     const QVariant statusValue = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     const int status = statusValue.toInt();
@@ -182,7 +182,7 @@ void BrevaneDiskImageDownloadSession::onMetaData() {
     }
 }
 
-bool BrevaneDiskImageDownloadSession::decideDestination() {
+bool BrevaneInstallerDownloadSession::decideDestination() {
     const QStringList folders = m_downloadsFolders ? m_downloadsFolders() : QStringList();
     if (folders.isEmpty() || folders.constFirst().isEmpty()) {
         return false;
@@ -211,7 +211,7 @@ bool BrevaneDiskImageDownloadSession::decideDestination() {
     return true;
 }
 
-void BrevaneDiskImageDownloadSession::onReadyRead() {
+void BrevaneInstallerDownloadSession::onReadyRead() {
     armStallTimer();
     if (!m_reply) {
         return;
@@ -233,7 +233,7 @@ void BrevaneDiskImageDownloadSession::onReadyRead() {
     }
 }
 
-void BrevaneDiskImageDownloadSession::onDownloadProgress(qint64 received, qint64 total) {
+void BrevaneInstallerDownloadSession::onDownloadProgress(qint64 received, qint64 total) {
     armStallTimer();
     if (!m_activeDownload || !m_partialFile || m_cancelRequested) {
         return;
@@ -243,7 +243,7 @@ void BrevaneDiskImageDownloadSession::onDownloadProgress(qint64 received, qint64
     setProgress(total > 0 ? static_cast<double>(received) / static_cast<double>(total) : 0.0);
 }
 
-void BrevaneDiskImageDownloadSession::onRedirected(const QUrl& target) {
+void BrevaneInstallerDownloadSession::onRedirected(const QUrl& target) {
     armStallTimer();
     const QUrl resolved = m_currentURL.resolved(target);
     if (m_currentURL.scheme() == u"https"_s && resolved.scheme() != u"https"_s) {
@@ -255,7 +255,7 @@ void BrevaneDiskImageDownloadSession::onRedirected(const QUrl& target) {
     Q_EMIT m_reply->redirectAllowed();
 }
 
-void BrevaneDiskImageDownloadSession::onFinished() {
+void BrevaneInstallerDownloadSession::onFinished() {
     if (m_cancelRequested) {
         dropTransfer();
         removePartialFile();
@@ -277,7 +277,7 @@ void BrevaneDiskImageDownloadSession::onFinished() {
     }
 }
 
-void BrevaneDiskImageDownloadSession::finishSuccessfully() {
+void BrevaneInstallerDownloadSession::finishSuccessfully() {
     dropTransfer();
     setProgress(1);
     if (!m_committedDestination || !m_partialFile) {
@@ -311,14 +311,14 @@ void BrevaneDiskImageDownloadSession::finishSuccessfully() {
     fail(m_partialFile->errorString());
 }
 
-void BrevaneDiskImageDownloadSession::fail(const QString& message) {
+void BrevaneInstallerDownloadSession::fail(const QString& message) {
     dropTransfer();
     removePartialFile();
     m_committedDestination.reset();
     setPhase(Phase::failed(message));
 }
 
-void BrevaneDiskImageDownloadSession::dropTransfer() {
+void BrevaneInstallerDownloadSession::dropTransfer() {
     m_stallTimer.reset();
     m_activeDownload = nullptr;
     if (QNetworkReply* reply = m_reply.data()) {
@@ -331,7 +331,7 @@ void BrevaneDiskImageDownloadSession::dropTransfer() {
     }
 }
 
-void BrevaneDiskImageDownloadSession::removePartialFile() {
+void BrevaneInstallerDownloadSession::removePartialFile() {
     if (m_partialFile) {
         m_partialFile->close();
         m_partialFile->remove();
@@ -339,7 +339,7 @@ void BrevaneDiskImageDownloadSession::removePartialFile() {
     }
 }
 
-void BrevaneDiskImageDownloadSession::armStallTimer() {
+void BrevaneInstallerDownloadSession::armStallTimer() {
     if (!m_reply) {
         return;
     }
@@ -348,7 +348,7 @@ void BrevaneDiskImageDownloadSession::armStallTimer() {
     });
 }
 
-void BrevaneDiskImageDownloadSession::abortWith(const QString& message) {
+void BrevaneInstallerDownloadSession::abortWith(const QString& message) {
     if (!m_reply) {
         return;
     }

@@ -30,7 +30,7 @@ QString suggestedDownloadFileName(const QByteArray& contentDisposition, const QU
 // file beside the destination and only renamed to its final, collision-free name once complete,
 // so a cancelled or failed download never leaves a partial file under a final name.
 // Lives on the main thread; every change is announced by phaseChanged or progressChanged.
-class BrevaneDiskImageDownloadSession final : public QObject {
+class BrevaneInstallerDownloadSession final : public QObject {
     Q_OBJECT
 public:
     struct Phase {
@@ -60,8 +60,8 @@ public:
     // The user's Downloads folders, best first (XDG user-dirs).
     static QStringList standardDownloadsFolders();
 
-    explicit BrevaneDiskImageDownloadSession(Scheduler& scheduler, QObject* parent = nullptr);
-    ~BrevaneDiskImageDownloadSession() override;
+    explicit BrevaneInstallerDownloadSession(Scheduler& scheduler, QObject* parent = nullptr);
+    ~BrevaneInstallerDownloadSession() override;
 
     const Phase& phase() const { return m_phase; }
     double progress() const { return m_progress; }

@@ -222,8 +222,8 @@ static UpdateCheckOutcome interpretFeedResponse(QNetworkReply& reply, const QStr
         return UpdateCheckOutcome::checkFailed(localizedText("No response from the update server."));
     }
     if (!statusOk) {
-        return UpdateCheckOutcome::checkFailed(formatLocalized(
-            localizedText("The update server returned an error (code %lld)."), {QString::number(code)}));
+        return UpdateCheckOutcome::checkFailed(
+            localizedText("The update server returned an error (code %1).").arg(code));
     }
     const QByteArray body = reply.readAll();
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);

@@ -26,8 +26,8 @@ QString formatDuration(qint64 seconds) {
 
 } // namespace
 
-UpdateCommandExit exitForDownload(const BrevaneDiskImageDownloadSession::Phase& phase, bool started) {
-    using Kind = BrevaneDiskImageDownloadSession::Phase::Kind;
+UpdateCommandExit exitForDownload(const BrevaneInstallerDownloadSession::Phase& phase, bool started) {
+    using Kind = BrevaneInstallerDownloadSession::Phase::Kind;
     if (!started) {
         return UpdateCommandExit::updateAvailable;
     }
@@ -114,7 +114,7 @@ void TerminalUpdateCommand::showCheckFailedAlert(const QString& message) {
 void TerminalUpdateCommand::presentUpdateDownload(const UpdateDownloadPresentation& presentation) {
     QString text =
         localizedText("Update Available") + u'\n' +
-        formatLocalized(localizedText("Version %@ is ready to download."), {presentation.info.version}) +
+        localizedText("Version %1 is ready to download.").arg(presentation.info.version) +
         u'\n';
     if (presentation.info.releaseNotes && !presentation.info.releaseNotes->isEmpty()) {
         text += localizedText("Release Notes") + u'\n' + *presentation.info.releaseNotes + u'\n';
@@ -125,19 +125,19 @@ void TerminalUpdateCommand::presentUpdateDownload(const UpdateDownloadPresentati
         end(UpdateCommandExit::updateAvailable);
         return;
     }
-    m_session = std::make_unique<BrevaneDiskImageDownloadSession>(m_scheduler);
+    m_session = std::make_unique<BrevaneInstallerDownloadSession>(m_scheduler);
     m_session->setNetworkAccessManager(&m_network);
-    connect(m_session.get(), &BrevaneDiskImageDownloadSession::phaseChanged, this,
+    connect(m_session.get(), &BrevaneInstallerDownloadSession::phaseChanged, this,
             &TerminalUpdateCommand::onPhaseChanged);
-    connect(m_session.get(), &BrevaneDiskImageDownloadSession::progressChanged, this,
+    connect(m_session.get(), &BrevaneInstallerDownloadSession::progressChanged, this,
             [this] { drawProgress(false); });
     m_sinceStart.start();
     m_session->startDownload(presentation.fileURL);
 }
 
 void TerminalUpdateCommand::onPhaseChanged() {
-    using Kind = BrevaneDiskImageDownloadSession::Phase::Kind;
-    const BrevaneDiskImageDownloadSession::Phase& phase = m_session->phase();
+    using Kind = BrevaneInstallerDownloadSession::Phase::Kind;
+    const BrevaneInstallerDownloadSession::Phase& phase = m_session->phase();
     switch (phase.kind) {
     case Kind::idle:
     case Kind::preparing:

@@ -26,7 +26,7 @@ enum class UpdateCommandExit : int {
 };
 
 // The exit code of an offered update, from where its download stands.
-UpdateCommandExit exitForDownload(const BrevaneDiskImageDownloadSession::Phase& phase, bool started);
+UpdateCommandExit exitForDownload(const BrevaneInstallerDownloadSession::Phase& phase, bool started);
 
 struct UpdateCommandOptions {
     UpdateCheckRequest check;
@@ -63,7 +63,7 @@ private:
     UpdateCommandOptions m_options;
     FILE* m_out;
     FILE* m_err;
-    std::unique_ptr<BrevaneDiskImageDownloadSession> m_session;
+    std::unique_ptr<BrevaneInstallerDownloadSession> m_session;
     QElapsedTimer m_sinceStart;
     qint64 m_lastDrawMs = -1;
     bool m_progressShown = false;

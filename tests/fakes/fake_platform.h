@@ -4,7 +4,7 @@
 
 #include "desktop_session.h"
 #include "display_probe.h"
-#include "pasteboard.h"
+#include "system_clipboard.h"
 #include "permission_service.h"
 #include "preferences.h"
 #include "system_events.h"
@@ -28,7 +28,7 @@ public:
     QVariantMap values;
 };
 
-class FakePasteboard final : public Pasteboard {
+class FakeSystemClipboard final : public SystemClipboard {
 public:
     qint64 changeCount() const override { return count; }
     std::optional<QString> string() const override {

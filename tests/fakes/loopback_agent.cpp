@@ -33,7 +33,7 @@ bool LoopbackAgent::start() {
     environment.accountVerifier = &verifier;
     environment.statsProvider = &stats;
     environment.advertiser = &advertiser;
-    environment.pasteboard = &pasteboard;
+    environment.systemClipboard = &systemClipboard;
     manager = std::make_unique<ServerManager>(environment);
     VirtualTime::drainEvents();
     bool started = false;

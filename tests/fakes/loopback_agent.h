@@ -3,7 +3,7 @@
 // An agent core on loopback TLS with fakes for every platform seam and virtual time, and viewers
 // that connect to it in the same process.
 
-#include "bonjour_service_manager.h"
+#include "service_advertiser.h"
 #include "fake_discovery.h"
 #include "fake_platform.h"
 #include "fake_services.h"
@@ -66,9 +66,9 @@ public:
     FakeSystemEvents events;
     FakeAccountVerifier verifier;
     FakeStatsProvider stats;
-    BonjourServiceManager advertiser{std::make_unique<FakeServicePublisher>(),
+    ServiceAdvertiser advertiser{std::make_unique<FakeServicePublisher>(),
                                      std::make_unique<FakeNetworkPathMonitor>(), time, identity};
-    FakePasteboard pasteboard;
+    FakeSystemClipboard systemClipboard;
     QTemporaryDir dataDirectory;
     std::unique_ptr<ServerManager> manager;
     quint16 port = 0;

@@ -13,7 +13,7 @@ using namespace tellwyn;
 using tellwyn::testing::FakeNetworkAccessManager;
 using tellwyn::testing::FakeReply;
 using tellwyn::testing::VirtualTime;
-using Phase = BrevaneDiskImageDownloadSession::Phase;
+using Phase = BrevaneInstallerDownloadSession::Phase;
 
 namespace {
 
@@ -45,14 +45,14 @@ class TestDownloadSession : public QObject {
         QTemporaryDir downloads;
         VirtualTime time;
         FakeNetworkAccessManager network;
-        BrevaneDiskImageDownloadSession session{time};
+        BrevaneInstallerDownloadSession session{time};
         QList<Phase> phases;
 
         Rig() {
             session.setNetworkAccessManager(&network);
             const QString folder = downloads.path();
             session.setDownloadsFolders([folder] { return QStringList{folder}; });
-            QObject::connect(&session, &BrevaneDiskImageDownloadSession::phaseChanged, &session,
+            QObject::connect(&session, &BrevaneInstallerDownloadSession::phaseChanged, &session,
                              [this] { phases.append(session.phase()); });
         }
         QString folder() const { return downloads.path(); }
@@ -134,7 +134,7 @@ private Q_SLOTS:
 
     void withoutNetworkNothingStarts() {
         VirtualTime time;
-        BrevaneDiskImageDownloadSession session(time);
+        BrevaneInstallerDownloadSession session(time);
         session.startDownload(installer);
         QCOMPARE(session.phase(), Phase::failed(u"Download could not start (internal error)."_s));
         QVERIFY(!session.lastRequestedURL());

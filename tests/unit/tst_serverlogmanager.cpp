@@ -7,7 +7,7 @@
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
-using tellwyn::testing::FakePasteboard;
+using tellwyn::testing::FakeSystemClipboard;
 using tellwyn::testing::VirtualTime;
 
 class TestServerLogManager : public QObject {
@@ -104,13 +104,13 @@ private Q_SLOTS:
         QCOMPARE(ServerLogManager::parseLogLine(log.logs().constLast()).message, u"1001"_s);
     }
 
-    void copyingPutsTheLogOnThePasteboardBeforeItsOwnLine() {
+    void copyingPutsTheLogOnTheClipboardBeforeItsOwnLine() {
         auto& log = ServerLogManager::shared();
-        FakePasteboard pasteboard;
-        log.setPasteboard(&pasteboard);
+        FakeSystemClipboard systemClipboard;
+        log.setSystemClipboard(&systemClipboard);
 
         log.copyLogsToClipboard();
-        QCOMPARE(pasteboard.text, std::optional<QString>(QString()));
+        QCOMPARE(systemClipboard.text, std::optional<QString>(QString()));
         VirtualTime::drainEvents();
         QCOMPARE(log.logs().size(), 1);
         const ParsedLogLine only = ServerLogManager::parseLogLine(log.logs().constFirst());
@@ -118,9 +118,9 @@ private Q_SLOTS:
         QCOMPARE(only.message, u"Logs copied to clipboard"_s);
 
         log.copyLogsToClipboard();
-        QCOMPARE(*pasteboard.text, log.logs().constFirst());
-        QVERIFY(!pasteboard.text->endsWith(u'\n'));
-        log.setPasteboard(nullptr);
+        QCOMPARE(*systemClipboard.text, log.logs().constFirst());
+        QVERIFY(!systemClipboard.text->endsWith(u'\n'));
+        log.setSystemClipboard(nullptr);
     }
 
     void clearRemovesEarlierLinesButNotLaterOnesFromOtherThreads() {

@@ -38,7 +38,7 @@ class TestServerManagerClipboard : public QObject {
         LoopbackAgent::settle();
     }
 
-    void copyLocally(const QString& text) { agent->pasteboard.setString(text); }
+    void copyLocally(const QString& text) { agent->systemClipboard.setString(text); }
 
     static QStringList clipboardTexts(const LoopbackViewer& viewer) {
         QStringList texts;
@@ -65,7 +65,7 @@ private Q_SLOTS:
         agent->time.advance(30s);
         LoopbackAgent::settle();
         QVERIFY(!manager().isClipboardMonitorRunning());
-        QCOMPARE(agent->pasteboard.reads, 0);
+        QCOMPARE(agent->systemClipboard.reads, 0);
         QVERIFY(clipboardTexts(*viewer).isEmpty());
     }
 
@@ -99,7 +99,7 @@ private Q_SLOTS:
         QVERIFY(sender && other);
         tick();
         sender->connection->send(ClipboardMessage{u"from the viewer ✓"_s, std::nullopt});
-        QTRY_COMPARE(agent->pasteboard.text, std::optional<QString>(u"from the viewer ✓"_s));
+        QTRY_COMPARE(agent->systemClipboard.text, std::optional<QString>(u"from the viewer ✓"_s));
         QTRY_VERIFY(loggedLines().contains(u"[CLIPBOARD] Clipboard snapshot received from Sender (19 bytes)"_s));
         tick();
         copyLocally(u"from the viewer ✓"_s); // the user copies that same text again
@@ -131,7 +131,7 @@ private Q_SLOTS:
         viewer->connection->send(ClipboardMessage{tooLarge, std::nullopt});
         QTRY_VERIFY(viewer->last<ErrorMessage>());
         QCOMPARE(viewer->last<ErrorMessage>()->code, u"clipboardTooLarge"_s);
-        QCOMPARE(agent->pasteboard.text, std::optional<QString>(u"small"_s));
+        QCOMPARE(agent->systemClipboard.text, std::optional<QString>(u"small"_s));
         QVERIFY(!viewer->closed);
     }
 
@@ -150,7 +150,7 @@ private Q_SLOTS:
         viewer->connection->send(ClipboardMessage{u"blocked"_s, std::nullopt});
         QTRY_VERIFY(viewer->last<ErrorMessage>());
         QCOMPARE(viewer->last<ErrorMessage>()->code, u"clipboardSharingDisabled"_s);
-        QCOMPARE(agent->pasteboard.text, std::optional<QString>(u"before"_s));
+        QCOMPARE(agent->systemClipboard.text, std::optional<QString>(u"before"_s));
 
         manager().setFeatureSwitches(true, true, false);
         QVERIFY(manager().isClipboardMonitorRunning());

@@ -1,4 +1,4 @@
-#include "bonjour_service_manager.h"
+#include "service_advertiser.h"
 #include "fake_discovery.h"
 #include "fake_platform.h"
 #include "log_lines.h"
@@ -41,7 +41,7 @@ class TestServerManagerLifecycle : public QObject {
     std::unique_ptr<FakeSystemEvents> events;
     std::unique_ptr<QTemporaryDir> dataDirectory;
     FakeServicePublisher* publisher = nullptr;
-    std::unique_ptr<BonjourServiceManager> advertiser;
+    std::unique_ptr<ServiceAdvertiser> advertiser;
     quint16 port = 0;
     QStringList statusHistory;
 
@@ -85,7 +85,7 @@ private Q_SLOTS:
         dataDirectory = std::make_unique<QTemporaryDir>();
         auto ownedPublisher = std::make_unique<FakeServicePublisher>();
         publisher = ownedPublisher.get();
-        advertiser = std::make_unique<BonjourServiceManager>(
+        advertiser = std::make_unique<ServiceAdvertiser>(
             std::move(ownedPublisher), std::make_unique<FakeNetworkPathMonitor>(), *time, *identity);
         port = freeLoopbackPort();
         statusHistory.clear();

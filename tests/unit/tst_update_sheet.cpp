@@ -74,7 +74,7 @@ class TestUpdateSheet : public QObject {
         FakeRevealer revealer;
         QList<QUrl> opened;
         int dismissed = 0;
-        std::unique_ptr<HalvoUpdateDownloadSheet> sheet;
+        std::unique_ptr<UpdateDownloadSheet> sheet;
 
         explicit Rig(std::optional<QString> notes = u"New dashboard"_s) {
             const QString folder = downloads.path();
@@ -83,7 +83,7 @@ class TestUpdateSheet : public QObject {
                                          [folder] {
                                              return QStringList{folder};
                                          }};
-            sheet = std::make_unique<HalvoUpdateDownloadSheet>(
+            sheet = std::make_unique<UpdateDownloadSheet>(
                 UpdateInfo{u"1.6.0"_s, UpdateType::major, std::move(notes), {}}, installer, services,
                 [this] { ++dismissed; });
             sheet->show();
@@ -104,12 +104,12 @@ private Q_SLOTS:
                          u"New dashboard"_s, u"Choose how to get the installer."_s}));
         QCOMPARE(visibleButtons(*rig.sheet),
                  (QStringList{u"Download directly in the app"_s,
-                              HalvoUpdateDownloadSheet::vendorSiteButtonTitle(), u"Cancel"_s}));
+                              UpdateDownloadSheet::vendorSiteButtonTitle(), u"Cancel"_s}));
         QVERIFY(rig.sheet->minimumWidth() >= 440);
         QCOMPARE(rig.sheet->findChild<QScrollArea*>(u"releaseNotesArea"_s)->maximumHeight(), 140);
         QVERIFY(rig.network.replies.isEmpty()); // nothing starts before the user chooses
 
-        rig.click(HalvoUpdateDownloadSheet::vendorSiteButtonTitle());
+        rig.click(UpdateDownloadSheet::vendorSiteButtonTitle());
         QCOMPARE(rig.opened, QList<QUrl>{QUrl(vendorHomePageURL())});
         rig.click(u"Cancel"_s);
         QVERIFY(!rig.sheet->isVisible());

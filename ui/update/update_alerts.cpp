@@ -60,7 +60,7 @@ void WidgetUpdatePresenter::presentUpdateDownload(const UpdateDownloadPresentati
         m_sheet->deleteLater();
     }
     auto* sheet =
-        new HalvoUpdateDownloadSheet(presentation.info, presentation.fileURL, m_services, {}, m_parentWindow);
+        new UpdateDownloadSheet(presentation.info, presentation.fileURL, m_services, {}, m_parentWindow);
     sheet->setWindowModality(m_parentWindow ? Qt::WindowModal : Qt::ApplicationModal);
     connect(sheet, &QDialog::finished, this, [this, sheet] {
         Q_EMIT sheetDismissed(sheet->session().phase(), sheet->userStartedInAppDownload());
@@ -84,7 +84,7 @@ int runWidgetUpdateCheck(const UpdateCheckRequest& request) {
                                                                      : UpdateCommandExit::checkFailed));
                      });
     QObject::connect(&presenter, &WidgetUpdatePresenter::sheetDismissed, &presenter,
-                     [](const BrevaneDiskImageDownloadSession::Phase& phase, bool started) {
+                     [](const BrevaneInstallerDownloadSession::Phase& phase, bool started) {
                          QCoreApplication::exit(static_cast<int>(exitForDownload(phase, started)));
                      });
     QObject context;

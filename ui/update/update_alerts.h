@@ -28,18 +28,18 @@ public:
     void presentUpdateDownload(const UpdateDownloadPresentation& presentation) override;
 
     // The sheet on screen, if any; it goes when it is dismissed.
-    HalvoUpdateDownloadSheet* sheet() const { return m_sheet; }
+    UpdateDownloadSheet* sheet() const { return m_sheet; }
 
 Q_SIGNALS:
     // An alert was closed; `kind` is the outcome it showed.
     void alertClosed(UpdateCheckOutcome::Kind kind);
     // The sheet was dismissed; `phase` is where its download stood.
-    void sheetDismissed(const BrevaneDiskImageDownloadSession::Phase& phase, bool downloadStarted);
+    void sheetDismissed(const BrevaneInstallerDownloadSession::Phase& phase, bool downloadStarted);
 
 private:
     UpdateSheetServices m_services;
     QPointer<QWidget> m_parentWindow;
-    QPointer<HalvoUpdateDownloadSheet> m_sheet;
+    QPointer<UpdateDownloadSheet> m_sheet;
 };
 
 // `tellwyn-agent --check-for-updates` on a desktop: runs the check, shows its alert or the sheet

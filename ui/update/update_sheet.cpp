@@ -42,10 +42,10 @@ QPixmap phaseIcon(QWidget* widget, const QString& themeName, QStyle::StandardPix
 
 } // namespace
 
-BrevaneDownloadProgressView::BrevaneDownloadProgressView(BrevaneDiskImageDownloadSession& session,
-                                                         std::function<void(const QUrl&)> onShowInFinder,
+BrevaneDownloadProgressView::BrevaneDownloadProgressView(BrevaneInstallerDownloadSession& session,
+                                                         std::function<void(const QUrl&)> onShowInFolder,
                                                          std::function<void()> onClose, QWidget* parent)
-    : QWidget(parent), m_session(session), m_onShowInFinder(std::move(onShowInFinder)),
+    : QWidget(parent), m_session(session), m_onShowInFolder(std::move(onShowInFolder)),
       m_onClose(std::move(onClose)), m_bar(new QProgressBar(this)), m_icon(new QLabel(this)),
       m_status(new QLabel(this)), m_detail(secondaryLabel(this, true)),
       m_showButton(new QPushButton(localizedText("Show in Folder"), this)),
@@ -68,9 +68,9 @@ BrevaneDownloadProgressView::BrevaneDownloadProgressView(BrevaneDiskImageDownloa
     column->addLayout(buttons);
 
     connect(m_showButton, &QPushButton::clicked, this, [this] {
-        if (m_onShowInFinder &&
-            m_session.phase().kind == BrevaneDiskImageDownloadSession::Phase::Kind::finished) {
-            m_onShowInFinder(m_session.phase().fileURL);
+        if (m_onShowInFolder &&
+            m_session.phase().kind == BrevaneInstallerDownloadSession::Phase::Kind::finished) {
+            m_onShowInFolder(m_session.phase().fileURL);
         }
     });
     connect(m_retryButton, &QPushButton::clicked, this, [this] {
@@ -83,22 +83,22 @@ BrevaneDownloadProgressView::BrevaneDownloadProgressView(BrevaneDiskImageDownloa
             m_onClose();
         }
     });
-    connect(&m_session, &BrevaneDiskImageDownloadSession::phaseChanged, this,
+    connect(&m_session, &BrevaneInstallerDownloadSession::phaseChanged, this,
             &BrevaneDownloadProgressView::refresh);
-    connect(&m_session, &BrevaneDiskImageDownloadSession::progressChanged, this,
+    connect(&m_session, &BrevaneInstallerDownloadSession::progressChanged, this,
             &BrevaneDownloadProgressView::refresh);
     refresh();
 }
 
 void BrevaneDownloadProgressView::refresh() {
-    using Kind = BrevaneDiskImageDownloadSession::Phase::Kind;
-    const BrevaneDiskImageDownloadSession::Phase& phase = m_session.phase();
+    using Kind = BrevaneInstallerDownloadSession::Phase::Kind;
+    const BrevaneInstallerDownloadSession::Phase& phase = m_session.phase();
     const bool running =
         phase.kind == Kind::idle || phase.kind == Kind::preparing || phase.kind == Kind::downloading;
     m_bar->setVisible(running);
     m_icon->setVisible(phase.kind == Kind::finished || phase.kind == Kind::failed);
     m_detail->setVisible(phase.kind == Kind::finished || phase.kind == Kind::failed);
-    m_showButton->setVisible(phase.kind == Kind::finished && m_onShowInFinder);
+    m_showButton->setVisible(phase.kind == Kind::finished && m_onShowInFolder);
     m_retryButton->setVisible(phase.kind == Kind::failed);
     m_closeButton->setVisible(phase.isEnd());
     QPalette palette = m_status->palette();
@@ -137,15 +137,15 @@ void BrevaneDownloadProgressView::refresh() {
     }
 }
 
-QString HalvoUpdateDownloadSheet::vendorSiteButtonTitle() {
+QString UpdateDownloadSheet::vendorSiteButtonTitle() {
     QString host = QUrl(vendorHomePageURL()).host();
     if (host.startsWith(u"www."_s)) {
         host = host.mid(4);
     }
-    return formatLocalized(localizedText("Visit %@"), {host});
+    return localizedText("Visit %1").arg(host);
 }
 
-HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloadURL,
+UpdateDownloadSheet::UpdateDownloadSheet(UpdateInfo info, QUrl downloadURL,
                                                    UpdateSheetServices services,
                                                    std::function<void()> onDismiss, QWidget* parent)
     : QDialog(parent), m_info(std::move(info)), m_downloadURL(std::move(downloadURL)),
@@ -172,7 +172,7 @@ HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloa
     header->setSpacing(4);
     header->addWidget(title);
     header->addWidget(new QLabel(
-        formatLocalized(localizedText("Version %@ is ready to download."), {m_info.version}), this));
+        localizedText("Version %1 is ready to download.").arg(m_info.version), this));
     column->addLayout(header);
 
     if (m_info.releaseNotes && !m_info.releaseNotes->isEmpty()) {
@@ -215,13 +215,13 @@ HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloa
     choiceRow->addWidget(cancelButton);
     choices->addLayout(choiceRow);
     column->addWidget(m_choices);
-    connect(downloadButton, &QPushButton::clicked, this, &HalvoUpdateDownloadSheet::startInAppDownload);
+    connect(downloadButton, &QPushButton::clicked, this, &UpdateDownloadSheet::startInAppDownload);
     connect(siteButton, &QPushButton::clicked, this, [this] {
         if (m_services.openExternalURL) {
             m_services.openExternalURL(QUrl(vendorHomePageURL()));
         }
     });
-    connect(cancelButton, &QPushButton::clicked, this, &HalvoUpdateDownloadSheet::dismiss);
+    connect(cancelButton, &QPushButton::clicked, this, &UpdateDownloadSheet::dismiss);
 
     // After: the download's progress and outcome.
     m_progress = new BrevaneDownloadProgressView(
@@ -233,9 +233,9 @@ HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloa
     cancelRow->addWidget(m_cancelDownloadButton);
     column->addLayout(cancelRow);
     connect(m_cancelDownloadButton, &QPushButton::clicked, &m_session,
-            &BrevaneDiskImageDownloadSession::cancelDownload);
-    connect(&m_session, &BrevaneDiskImageDownloadSession::phaseChanged, this,
-            &HalvoUpdateDownloadSheet::refreshCancelButton);
+            &BrevaneInstallerDownloadSession::cancelDownload);
+    connect(&m_session, &BrevaneInstallerDownloadSession::phaseChanged, this,
+            &UpdateDownloadSheet::refreshCancelButton);
     connect(this, &QDialog::finished, this, [this] {
         if (!m_dismissed) {
             m_dismissed = true;
@@ -249,7 +249,7 @@ HalvoUpdateDownloadSheet::HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloa
     m_cancelDownloadButton->setVisible(false);
 }
 
-void HalvoUpdateDownloadSheet::startInAppDownload() {
+void UpdateDownloadSheet::startInAppDownload() {
     m_userStartedInAppDownload = true;
     m_choices->setVisible(false);
     m_progress->setVisible(true);
@@ -257,11 +257,11 @@ void HalvoUpdateDownloadSheet::startInAppDownload() {
     m_session.startDownload(m_downloadURL);
 }
 
-void HalvoUpdateDownloadSheet::refreshCancelButton() {
+void UpdateDownloadSheet::refreshCancelButton() {
     m_cancelDownloadButton->setVisible(m_userStartedInAppDownload && !m_session.phase().isEnd());
 }
 
-void HalvoUpdateDownloadSheet::dismiss() {
+void UpdateDownloadSheet::dismiss() {
     // The sheet goes first; then whoever opened it hears of it (through finished).
     reject();
 }

@@ -22,7 +22,7 @@ struct UpdateSheetServices {
     QNetworkAccessManager* network = nullptr; // performs the download; none: the download cannot start
     FileRevealer& revealer;                   // "Show in Folder"
     std::function<void(const QUrl&)> openExternalURL;                   // the vendor's site in the browser
-    BrevaneDiskImageDownloadSession::DownloadsFolders downloadsFolders; // empty: the standard folders
+    BrevaneInstallerDownloadSession::DownloadsFolders downloadsFolders; // empty: the standard folders
 };
 
 // Shows a download session by its phase: progress while it runs, then the outcome with the
@@ -30,15 +30,15 @@ struct UpdateSheetServices {
 class BrevaneDownloadProgressView final : public QWidget {
     Q_OBJECT
 public:
-    BrevaneDownloadProgressView(BrevaneDiskImageDownloadSession& session,
-                                std::function<void(const QUrl&)> onShowInFinder,
+    BrevaneDownloadProgressView(BrevaneInstallerDownloadSession& session,
+                                std::function<void(const QUrl&)> onShowInFolder,
                                 std::function<void()> onClose, QWidget* parent = nullptr);
 
 private:
     void refresh();
 
-    BrevaneDiskImageDownloadSession& m_session;
-    std::function<void(const QUrl&)> m_onShowInFinder;
+    BrevaneInstallerDownloadSession& m_session;
+    std::function<void(const QUrl&)> m_onShowInFolder;
     std::function<void()> m_onClose;
     QProgressBar* m_bar;
     QLabel* m_icon;
@@ -50,17 +50,17 @@ private:
 };
 
 // The sheet that offers a found update: download it here, or get it from the vendor's site.
-class HalvoUpdateDownloadSheet final : public QDialog {
+class UpdateDownloadSheet final : public QDialog {
     Q_OBJECT
 public:
     // The title of the button that opens the vendor's site.
     static QString vendorSiteButtonTitle();
     static constexpr int releaseNotesMaximumHeight = 140;
 
-    HalvoUpdateDownloadSheet(UpdateInfo info, QUrl downloadURL, UpdateSheetServices services,
+    UpdateDownloadSheet(UpdateInfo info, QUrl downloadURL, UpdateSheetServices services,
                              std::function<void()> onDismiss, QWidget* parent = nullptr);
 
-    BrevaneDiskImageDownloadSession& session() { return m_session; }
+    BrevaneInstallerDownloadSession& session() { return m_session; }
     bool userStartedInAppDownload() const { return m_userStartedInAppDownload; }
 
 private:
@@ -72,7 +72,7 @@ private:
     QUrl m_downloadURL;
     UpdateSheetServices m_services;
     std::function<void()> m_onDismiss;
-    BrevaneDiskImageDownloadSession m_session;
+    BrevaneInstallerDownloadSession m_session;
     bool m_userStartedInAppDownload = false;
     bool m_dismissed = false;
     QWidget* m_choices;

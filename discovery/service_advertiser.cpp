@@ -1,4 +1,4 @@
-#include "bonjour_service_manager.h"
+#include "service_advertiser.h"
 
 #include "avahi_service_publisher.h"
 #include "clock.h"
@@ -20,16 +20,16 @@ constexpr auto republishDelay = 1000ms;
 constexpr auto fallbackHostName = "Linux";
 } // namespace
 
-BonjourServiceManager& BonjourServiceManager::shared() {
+ServiceAdvertiser& ServiceAdvertiser::shared() {
     static QtScheduler scheduler;
     static LinuxSystemIdentity identity;
-    static BonjourServiceManager* const instance = new BonjourServiceManager(
+    static ServiceAdvertiser* const instance = new ServiceAdvertiser(
         std::make_unique<AvahiServicePublisher>(),
         std::make_unique<NetlinkPathMonitor>(QString::fromLatin1(monitorQueueLabel)), scheduler, identity);
     return *instance;
 }
 
-BonjourServiceManager::BonjourServiceManager(std::unique_ptr<ServicePublisher> publisher,
+ServiceAdvertiser::ServiceAdvertiser(std::unique_ptr<ServicePublisher> publisher,
                                              std::unique_ptr<NetworkPathMonitor> pathMonitor,
                                              Scheduler& scheduler, SystemIdentity& identity, QObject* parent)
     : QObject(parent), m_publisher(std::move(publisher)), m_scheduler(scheduler), m_identity(identity),
@@ -38,15 +38,15 @@ BonjourServiceManager::BonjourServiceManager(std::unique_ptr<ServicePublisher> p
     m_pathMonitor->start([this] { handlePathUpdate(); });
 }
 
-BonjourServiceManager::~BonjourServiceManager() {
+ServiceAdvertiser::~ServiceAdvertiser() {
     m_pathMonitor.reset();
 }
 
-QString BonjourServiceManager::hostName() const {
+QString ServiceAdvertiser::hostName() const {
     return m_identity.localizedComputerName().value_or(QString::fromLatin1(fallbackHostName));
 }
 
-void BonjourServiceManager::publish(quint16 port, const std::optional<QString>& computerName) {
+void ServiceAdvertiser::publish(quint16 port, const std::optional<QString>& computerName) {
     if (m_isPublished) {
         return;
     }
@@ -69,29 +69,29 @@ void BonjourServiceManager::publish(quint16 port, const std::optional<QString>& 
 
     m_netService = m_publisher->createService(description);
     PublishedService* service = m_netService.get();
-    connect(service, &PublishedService::didPublish, this, &BonjourServiceManager::netServiceDidPublish);
-    connect(service, &PublishedService::didNotPublish, this, &BonjourServiceManager::netServiceDidNotPublish);
-    connect(service, &PublishedService::didStop, this, &BonjourServiceManager::netServiceDidStop);
+    connect(service, &PublishedService::didPublish, this, &ServiceAdvertiser::serviceDidPublish);
+    connect(service, &PublishedService::didNotPublish, this, &ServiceAdvertiser::serviceDidNotPublish);
+    connect(service, &PublishedService::didStop, this, &ServiceAdvertiser::serviceDidStop);
     service->publish();
 }
 
-void BonjourServiceManager::netServiceDidPublish(const QString& name, quint16 port) {
+void ServiceAdvertiser::serviceDidPublish(const QString& name, quint16 port) {
     m_isPublished = true;
     QMetaObject::invokeMethod(
         this, [this, name, port] { setPublished(name, port); }, Qt::QueuedConnection);
 }
 
-void BonjourServiceManager::netServiceDidNotPublish() {
+void ServiceAdvertiser::serviceDidNotPublish() {
     m_isPublished = false;
     postClearing();
 }
 
-void BonjourServiceManager::netServiceDidStop() {
+void ServiceAdvertiser::serviceDidStop() {
     m_isPublished = false;
     postClearing();
 }
 
-void BonjourServiceManager::stop() {
+void ServiceAdvertiser::stop() {
     if (!m_netService || !m_isPublished) {
         return;
     }
@@ -101,12 +101,12 @@ void BonjourServiceManager::stop() {
     postClearing();
 }
 
-void BonjourServiceManager::postClearing() {
+void ServiceAdvertiser::postClearing() {
     QMetaObject::invokeMethod(
         this, [this] { setPublished(QString(), 0); }, Qt::QueuedConnection);
 }
 
-void BonjourServiceManager::setPublished(const QString& name, quint16 port) {
+void ServiceAdvertiser::setPublished(const QString& name, quint16 port) {
     if (m_publishedServiceName != name) {
         m_publishedServiceName = name;
         Q_EMIT publishedServiceNameChanged(name);
@@ -117,7 +117,7 @@ void BonjourServiceManager::setPublished(const QString& name, quint16 port) {
     }
 }
 
-void BonjourServiceManager::handlePathUpdate() {
+void ServiceAdvertiser::handlePathUpdate() {
     if (!m_isPublished) {
         return;
     }
@@ -125,7 +125,7 @@ void BonjourServiceManager::handlePathUpdate() {
         this, [this] { republish(); }, Qt::QueuedConnection);
 }
 
-void BonjourServiceManager::republish() {
+void ServiceAdvertiser::republish() {
     const quint16 port = m_publishedPort;
     if (port == 0) {
         return;

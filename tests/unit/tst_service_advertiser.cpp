@@ -1,4 +1,4 @@
-#include "bonjour_service_manager.h"
+#include "service_advertiser.h"
 #include "fake_discovery.h"
 #include "fake_platform.h"
 #include "virtual_time.h"
@@ -14,14 +14,14 @@ using namespace tellwyn::testing;
 using TxtRecord = QMap<QString, QByteArray>;
 Q_DECLARE_METATYPE(std::optional<QString>)
 
-class TestBonjourServiceManager : public QObject {
+class TestServiceAdvertiser : public QObject {
     Q_OBJECT
 
     std::unique_ptr<VirtualTime> time;
     std::unique_ptr<FakeSystemIdentity> identity;
     FakeServicePublisher* publisher = nullptr;
     FakeNetworkPathMonitor* monitor = nullptr;
-    std::unique_ptr<BonjourServiceManager> manager;
+    std::unique_ptr<ServiceAdvertiser> manager;
 
     // Publishes and confirms, with the confirmation's main-queue step run.
     void publishConfirmed(quint16 port, const QString& name) {
@@ -39,7 +39,7 @@ private Q_SLOTS:
         auto ownedMonitor = std::make_unique<FakeNetworkPathMonitor>();
         publisher = ownedPublisher.get();
         monitor = ownedMonitor.get();
-        manager = std::make_unique<BonjourServiceManager>(std::move(ownedPublisher), std::move(ownedMonitor),
+        manager = std::make_unique<ServiceAdvertiser>(std::move(ownedPublisher), std::move(ownedMonitor),
                                                           *time, *identity);
     }
 
@@ -103,8 +103,8 @@ private Q_SLOTS:
     }
 
     void confirmationShowsTheNameInUseOnTheMainQueue() {
-        QSignalSpy nameChanges(manager.get(), &BonjourServiceManager::publishedServiceNameChanged);
-        QSignalSpy portChanges(manager.get(), &BonjourServiceManager::publishedPortChanged);
+        QSignalSpy nameChanges(manager.get(), &ServiceAdvertiser::publishedServiceNameChanged);
+        QSignalSpy portChanges(manager.get(), &ServiceAdvertiser::publishedPortChanged);
         manager->publish(6000, u"Twin"_s);
 
         // The network had the name already: the responder confirms an alternative.
@@ -219,5 +219,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestBonjourServiceManager)
-#include "tst_bonjour_service_manager.moc"
+QTEST_GUILESS_MAIN(TestServiceAdvertiser)
+#include "tst_service_advertiser.moc"

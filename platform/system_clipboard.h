@@ -8,9 +8,9 @@ namespace tellwyn {
 
 // The machine's clipboard, as plain text, with a counter that moves on every change so that a
 // poller can tell whether anything happened since it last looked.
-class Pasteboard {
+class SystemClipboard {
 public:
-    virtual ~Pasteboard() = default;
+    virtual ~SystemClipboard() = default;
     virtual qint64 changeCount() const = 0;
     virtual std::optional<QString> string() const = 0;
     // Replaces the whole contents with `text`.

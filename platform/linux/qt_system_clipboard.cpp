@@ -1,4 +1,4 @@
-#include "clipboard_pasteboard.h"
+#include "qt_system_clipboard.h"
 
 #include <QClipboard>
 #include <QGuiApplication>
@@ -6,17 +6,17 @@
 
 namespace tellwyn {
 
-ClipboardPasteboard::ClipboardPasteboard(QObject* parent) : QObject(parent) {
+QtSystemClipboard::QtSystemClipboard(QObject* parent) : QObject(parent) {
     if (hasSystemClipboard()) {
         connect(QGuiApplication::clipboard(), &QClipboard::dataChanged, this, [this] { ++m_changeCount; });
     }
 }
 
-bool ClipboardPasteboard::hasSystemClipboard() const {
+bool QtSystemClipboard::hasSystemClipboard() const {
     return qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr;
 }
 
-std::optional<QString> ClipboardPasteboard::string() const {
+std::optional<QString> QtSystemClipboard::string() const {
     if (!hasSystemClipboard()) {
         return m_localText;
     }
@@ -27,7 +27,7 @@ std::optional<QString> ClipboardPasteboard::string() const {
     return data->text();
 }
 
-void ClipboardPasteboard::setString(const QString& text) {
+void QtSystemClipboard::setString(const QString& text) {
     if (!hasSystemClipboard()) {
         m_localText = text;
         ++m_changeCount;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "pasteboard.h"
+#include "system_clipboard.h"
 
 #include <QObject>
 
@@ -8,10 +8,10 @@ namespace tellwyn {
 
 // The desktop clipboard through QClipboard when the agent has a display; a clipboard of the
 // process's own otherwise, so that a headless agent behaves the same towards its callers.
-class ClipboardPasteboard final : public QObject, public Pasteboard {
+class QtSystemClipboard final : public QObject, public SystemClipboard {
     Q_OBJECT
 public:
-    explicit ClipboardPasteboard(QObject* parent = nullptr);
+    explicit QtSystemClipboard(QObject* parent = nullptr);
 
     qint64 changeCount() const override { return m_changeCount; }
     std::optional<QString> string() const override;

@@ -16,23 +16,23 @@ class SystemIdentity;
 
 // Advertises the running server on the local network by DNS-SD, and advertises it afresh after
 // every change of the host's network path. Lives on the main thread.
-class BonjourServiceManager final : public QObject {
+class ServiceAdvertiser final : public QObject {
     Q_OBJECT
 public:
     static constexpr auto serviceType = "_hlvp._tcp";
     static constexpr auto serviceDomain = "local.";
     static constexpr auto serviceName = "TellwynAgent";
     // Name of the thread on which path updates arrive.
-    static constexpr auto monitorQueueLabel = "hlvp.bonjour.monitor";
+    static constexpr auto monitorQueueLabel = "hlvp.dnssd.monitor";
 
     // The process's advertiser, on the local Avahi daemon; created on first use, never destroyed.
-    static BonjourServiceManager& shared();
+    static ServiceAdvertiser& shared();
 
     // Path monitoring starts here and runs for the life of the manager.
-    BonjourServiceManager(std::unique_ptr<ServicePublisher> publisher,
+    ServiceAdvertiser(std::unique_ptr<ServicePublisher> publisher,
                           std::unique_ptr<NetworkPathMonitor> pathMonitor, Scheduler& scheduler,
                           SystemIdentity& identity, QObject* parent = nullptr);
-    ~BonjourServiceManager() override;
+    ~ServiceAdvertiser() override;
 
     // Starts publishing unless a service is published already.
     void publish(quint16 port, const std::optional<QString>& computerName);
@@ -49,9 +49,9 @@ Q_SIGNALS:
     void publishedPortChanged(quint16 port);
 
 private:
-    void netServiceDidPublish(const QString& name, quint16 port);
-    void netServiceDidNotPublish();
-    void netServiceDidStop();
+    void serviceDidPublish(const QString& name, quint16 port);
+    void serviceDidNotPublish();
+    void serviceDidStop();
     void postClearing();
     void setPublished(const QString& name, quint16 port);
     void handlePathUpdate();
