@@ -91,16 +91,19 @@ std::optional<CpuTicks> parseCpuTicks(const QByteArray& procStat) {
         if (fields.size() < 5) {
             return std::nullopt;
         }
-        // Order on the line: user nice system idle ...
-        quint64 values[4] = {};
-        for (int i = 0; i < 4; ++i) {
+        // Order on the line: user nice system idle iowait irq softirq steal (older kernels stop
+        // after idle). Counted as top does: waiting for I/O is idle time; interrupts and time
+        // taken by the hypervisor are busy time.
+        quint64 values[8] = {};
+        for (qsizetype i = 0; i < 8 && i + 1 < fields.size(); ++i) {
             bool ok = false;
             values[i] = fields[i + 1].toULongLong(&ok);
             if (!ok) {
                 return std::nullopt;
             }
         }
-        return CpuTicks{values[0], values[2], values[3], values[1]};
+        const quint64 interruptsAndSteal = values[5] + values[6] + values[7];
+        return CpuTicks{values[0], values[2] + interruptsAndSteal, values[3] + values[4], values[1]};
     }
     return std::nullopt;
 }
@@ -161,10 +164,13 @@ std::optional<QString> registryValue(const QString& output, const QString& key) 
     return match.captured(1);
 }
 
-QString latestLogLine(const QString& output, const QString& word) {
+QString latestLogLine(const QString& output, const QStringList& markers) {
     const QStringList lines = output.split(u'\n', Qt::SkipEmptyParts);
     for (auto it = lines.crbegin(); it != lines.crend(); ++it) {
-        if (!it->contains(word, Qt::CaseInsensitive)) {
+        const bool marked = std::any_of(markers.cbegin(), markers.cend(), [&](const QString& marker) {
+            return it->contains(marker, Qt::CaseInsensitive);
+        });
+        if (!marked) {
             continue;
         }
         const QString line = it->trimmed();

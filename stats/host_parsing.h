@@ -13,7 +13,8 @@
 
 namespace tellwyn {
 
-// Host CPU time counters as /proc/stat gives them, in clock ticks.
+// Host CPU time counters from /proc/stat, in clock ticks: `system` includes interrupt and steal
+// time, `idle` includes time waiting for I/O.
 struct CpuTicks {
     quint64 user = 0;
     quint64 system = 0;
@@ -62,7 +63,7 @@ std::optional<QString> registryValue(const QString& output, const QString& key);
 
 // The last line of `output` that contains `word` (case-insensitive), trimmed and cut to 120
 // user-perceived characters ("..." after the first 117 when longer); empty when none.
-QString latestLogLine(const QString& output, const QString& word);
+QString latestLogLine(const QString& output, const QStringList& markers);
 
 // The interface of the default route in /proc/net/route (the lowest metric wins).
 QString defaultRouteInterface(const QByteArray& procNetRoute);
