@@ -27,12 +27,18 @@ ServerLogManager& ServerLogManager::shared() {
 ServerLogManager::ServerLogManager() = default;
 
 QString ServerLogManager::formatTime(const QTime& time, const QLocale& locale) {
-    // The locale's long time format is hours, minutes, seconds and a time zone; drop the zone.
-    QString format = locale.timeFormat(QLocale::LongFormat);
-    static const QRegularExpression zone(u"\\s*\\(?t+\\)?\\s*"_s);
-    format = format.replace(zone, u" "_s).trimmed();
-    if (format.isEmpty()) {
-        format = u"HH:mm:ss"_s;
+    // The locale's short time format with seconds added after the minutes, written with the
+    // locale's own separator. (The long format carries a time zone, and cutting it out leaves
+    // stray punctuation or words behind in several locales.)
+    QString format = locale.timeFormat(QLocale::ShortFormat);
+    if (!format.contains(u's')) {
+        static const QRegularExpression minutes(u"(.)(m+)"_s);
+        const QRegularExpressionMatch match = minutes.match(format);
+        if (match.hasMatch()) {
+            format.insert(match.capturedEnd(2), match.captured(1) + u"ss"_s);
+        } else {
+            format = u"HH:mm:ss"_s;
+        }
     }
     return locale.toString(time, format).trimmed();
 }

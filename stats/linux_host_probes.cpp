@@ -172,12 +172,16 @@ void LinuxHostProbes::observeSleepAndWake(QObject* context, std::function<void(b
 }
 
 QString LinuxHostProbes::powerLogLine(const QString& word) {
-    // Only the matching lines of this boot are written, so the output stays small.
+    // Only the system's own suspend and resume records count (systemd-sleep writes one when the
+    // machine goes to sleep and one when it is back), never other programs' lines that merely
+    // mention sleeping or waking.
+    static const QStringList sleepRecords{u"Entering sleep state"_s, u"Suspending system"_s};
+    static const QStringList wakeRecords{u"System returned from sleep state"_s, u"System resumed"_s};
     const QString output = m_sources.runTool(u"/usr/bin/journalctl"_s,
                                              {u"-b"_s, u"--no-pager"_s, u"-q"_s, u"-o"_s, u"short-iso"_s,
-                                              u"-n"_s, u"1000"_s, u"--grep"_s, word.toLower()},
+                                              u"-n"_s, u"1000"_s, u"-t"_s, u"systemd-sleep"_s},
                                              systemLogTimeLimit);
-    return latestLogLine(output, word);
+    return latestLogLine(output, word.compare(u"Wake"_s, Qt::CaseInsensitive) == 0 ? wakeRecords : sleepRecords);
 }
 
 quint64 LinuxHostProbes::physicalMemory() {

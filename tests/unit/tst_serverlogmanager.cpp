@@ -28,6 +28,9 @@ private Q_SLOTS:
         QTest::newRow("US English, morning") << u"en_US"_s << QTime(9, 0, 0) << u"9:00:00 AM"_s;
         QTest::newRow("German, 24-hour") << u"de_DE"_s << QTime(15, 4, 5) << u"15:04:05"_s;
         QTest::newRow("German, leading zero") << u"de_DE"_s << QTime(9, 4, 5) << u"09:04:05"_s;
+        // Locales whose long format ends in a time zone that cannot be cut out cleanly.
+        QTest::newRow("Albanian") << u"sq_AL"_s << QTime(15, 4, 5) << u"3:04:05 E PASDITES"_s;
+        QTest::newRow("Korean") << u"ko_KR"_s << QTime(15, 4, 5) << u"오후 3:04:05"_s;
     }
     void formatsTimeInTheLocaleStyle() {
         QFETCH(QString, locale);
