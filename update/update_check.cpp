@@ -22,6 +22,12 @@ namespace {
 // Same limit as the platform's default request time-out: a feed that sends nothing for this long
 // is given up.
 constexpr int feedTransferTimeoutMs = 60'000;
+// A feed is a version line and an address; anything much larger is not a feed, and reading it
+// whole would only cost memory.
+constexpr qint64 maximumFeedBytes = 64 * 1024;
+
+// Why the agent itself ended a feed transfer early.
+enum class FeedAbort { none, tooLarge };
 
 std::optional<qint64> parseVersionPiece(QStringView piece) {
     // A decimal integer as a strict parser reads it: an optional sign, then ASCII digits only.
@@ -208,7 +214,15 @@ QString resolveUpdateFeedURL(const std::optional<QString>& commandLineValue) {
     return fromEnvironment.isEmpty() ? defaultUpdateFeedURL() : fromEnvironment;
 }
 
-static UpdateCheckOutcome interpretFeedResponse(QNetworkReply& reply, const QString& runningVersion) {
+static UpdateCheckOutcome interpretFeedResponse(QNetworkReply& reply, const QString& runningVersion,
+                                                FeedAbort abort) {
+    if (abort == FeedAbort::tooLarge) {
+        return UpdateCheckOutcome::checkFailed(localizedText("The update information is too large."));
+    }
+    // The transfer time-out ends a request the way a cancellation does; say what happened.
+    if (reply.error() == QNetworkReply::OperationCanceledError) {
+        return UpdateCheckOutcome::checkFailed(localizedText("The request timed out."));
+    }
     const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);
     const bool isHttp = status.isValid();
     const qint64 code = isHttp ? status.toLongLong() : 0;
@@ -269,10 +283,17 @@ void fetchUpdateOutcome(QNetworkAccessManager& network, const UpdateCheckRequest
     networkRequest.setTransferTimeout(feedTransferTimeoutMs);
     applyUpdateTlsSettings(networkRequest);
     QNetworkReply* reply = network.get(networkRequest);
+    auto abort = std::make_shared<FeedAbort>(FeedAbort::none);
+    QObject::connect(reply, &QNetworkReply::downloadProgress, reply, [reply, abort](qint64 received, qint64) {
+        if (received > maximumFeedBytes && *abort == FeedAbort::none) {
+            *abort = FeedAbort::tooLarge;
+            reply->abort();
+        }
+    });
     QObject::connect(reply, &QNetworkReply::finished, reply,
-                     [reply, deliver, runningVersion = request.runningVersion] {
+                     [reply, deliver, abort, runningVersion = request.runningVersion] {
                          reply->deleteLater();
-                         deliver(interpretFeedResponse(*reply, runningVersion));
+                         deliver(interpretFeedResponse(*reply, runningVersion, *abort));
                      });
 }
 

@@ -207,6 +207,24 @@ private Q_SLOTS:
             reply.finish();
         });
         QCOMPARE(notHttp, UpdateCheckOutcome::checkFailed(u"No response from the update server."_s));
+
+        // The transfer time-out cancels the request: the user reads that it timed out.
+        const UpdateCheckOutcome timedOut = fetch([](FakeReply& reply) {
+            reply.finish(QNetworkReply::OperationCanceledError, u"Operation canceled"_s);
+        });
+        QCOMPARE(timedOut, UpdateCheckOutcome::checkFailed(u"The request timed out."_s));
+
+        // A body far larger than any feed is given up once it passes the limit.
+        int chunksSent = 0;
+        const UpdateCheckOutcome tooLarge = fetch([&chunksSent](FakeReply& reply) {
+            reply.respond(200);
+            for (; chunksSent < 100 && !reply.isFinished(); ++chunksSent) {
+                reply.sendBody(QByteArray(4096, 'x'));
+            }
+            reply.finish();
+        });
+        QCOMPARE(tooLarge, UpdateCheckOutcome::checkFailed(u"The update information is too large."_s));
+        QCOMPARE(chunksSent, 17); // 64 KiB and one chunk more
     }
 
     void unusableFeedUrl_data() {
