@@ -1,5 +1,6 @@
 #include "crash_reporter.h"
 
+#include "alternate_signal_stack.h"
 #include "crash_record.h"
 #include "crash_report.h"
 
@@ -39,7 +40,6 @@ void* g_frames[CrashRecord::maxFrames];
 std::atomic<pid_t> g_reportingThread{0};
 static_assert(std::atomic<pid_t>::is_always_lock_free);
 
-bool g_alternateStackReady = false;
 char g_helperProgram[256];
 char g_helperDescriptorText[16];
 char* g_helperArguments[4];
@@ -290,26 +290,6 @@ void describeCurrentException(const std::type_info& type) {
     std::abort();
 }
 
-void prepareAlternateStack() {
-    if (g_alternateStackReady) {
-        return;
-    }
-    const long page = sysconf(_SC_PAGESIZE);
-    const long minimum = sysconf(_SC_SIGSTKSZ);
-    const std::size_t size = static_cast<std::size_t>(std::max(64L * 1024, minimum * 4));
-    void* memory = mmap(nullptr, size + static_cast<std::size_t>(page), PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        return;
-    }
-    // A guard page below, so that overflowing the handler's own stack faults instead of writing on.
-    mprotect(memory, static_cast<std::size_t>(page), PROT_NONE);
-    stack_t stack{};
-    stack.ss_sp = static_cast<char*>(memory) + page;
-    stack.ss_size = size;
-    g_alternateStackReady = sigaltstack(&stack, nullptr) == 0;
-}
-
 void prepareHelper() {
     copyText(g_helperProgram, sizeof g_helperProgram, program_invocation_name);
     copyNumber(g_helperDescriptorText, sizeof g_helperDescriptorText, CrashReporter::helperDescriptor);
@@ -352,7 +332,7 @@ void CrashReporter::install() {
 
     prepareRecord();
     prepareHelper();
-    prepareAlternateStack();
+    ensureAlternateSignalStack();
     // The first backtrace loads the unwinder, which allocates; it must not happen in the handler.
     backtrace(g_frames, 1);
     g_reportingThread.store(0);

@@ -1,11 +1,14 @@
 #include "serial_queue.h"
 
+#include "alternate_signal_stack.h"
+
 namespace tellwyn {
 
 SerialQueue::SerialQueue(const QString& label, QThread::Priority priority) : m_worker(new QObject) {
     m_thread.setObjectName(label);
     m_worker->moveToThread(&m_thread);
     QObject::connect(&m_thread, &QThread::finished, m_worker, &QObject::deleteLater);
+    QMetaObject::invokeMethod(m_worker, &ensureAlternateSignalStack, Qt::QueuedConnection);
     m_thread.start(priority);
 }
 

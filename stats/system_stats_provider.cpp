@@ -1,5 +1,6 @@
 #include "system_stats_provider.h"
 
+#include "alternate_signal_stack.h"
 #include "clock.h"
 #include "host_probes.h"
 #include "serial_queue.h"
@@ -73,6 +74,7 @@ void SystemStatsProvider::installPowerLogObserver() {
 
 void SystemStatsProvider::readPowerLogInBackground(bool atStartUp) {
     m_utilityPool->start([this, atStartUp] {
+        ensureAlternateSignalStack();
         if (!atStartUp) {
             const QString wakeLine = m_probes->powerLogLine(wake);
             if (!wakeLine.isEmpty()) {

@@ -1,5 +1,7 @@
 #include "netlink_path_monitor.h"
 
+#include "alternate_signal_stack.h"
+
 #include <QThread>
 #include <algorithm>
 #include <cstring>
@@ -175,7 +177,10 @@ NetlinkPathMonitor::~NetlinkPathMonitor() {
 
 void NetlinkPathMonitor::start(std::function<void()> onPathUpdate) {
     m_thread.reset(QThread::create(
-        [wakeFd = m_wakeFd, onPathUpdate = std::move(onPathUpdate)] { watch(wakeFd, onPathUpdate); }));
+        [wakeFd = m_wakeFd, onPathUpdate = std::move(onPathUpdate)] {
+            ensureAlternateSignalStack();
+            watch(wakeFd, onPathUpdate);
+        }));
     m_thread->setObjectName(m_threadName);
     m_thread->start();
 }

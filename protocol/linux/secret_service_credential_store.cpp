@@ -1,5 +1,7 @@
 #include "secret_service_credential_store.h"
 
+#include "alternate_signal_stack.h"
+
 #include <qt6keychain/keychain.h>
 
 #include <QDeadlineTimer>
@@ -29,6 +31,7 @@ QObject* keyringThreadContext() {
         auto* object = new QObject;
         object->moveToThread(thread);
         thread->start();
+        QMetaObject::invokeMethod(object, &ensureAlternateSignalStack, Qt::QueuedConnection);
         return object;
     }();
     return context;

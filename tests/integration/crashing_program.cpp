@@ -4,7 +4,9 @@
 //   crashing_program HOW [--gui] [--install-twice]
 
 #include "crash_reporter.h"
+#include "serial_queue.h"
 
+#include <QCoreApplication>
 #include <QGuiApplication>
 #include <atomic>
 #include <chrono>
@@ -24,6 +26,7 @@
 #include <vector>
 
 using namespace tellwyn;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -170,6 +173,12 @@ int main(int argc, char** argv) {
         throwInteger();
     } else if (how == "overflow") {
         g_sink = overflowStack(0);
+    } else if (how == "worker-overflow") {
+        // On one of the agent's own worker threads, whose stack is smaller than the main one.
+        QCoreApplication events(argc, argv);
+        SerialQueue queue(u"crashing-program.worker"_s);
+        queue.async([] { g_sink = overflowStack(0); });
+        return QCoreApplication::exec();
     } else if (how == "stress") {
         crashWhileOthersAllocate(false);
     } else if (how == "stress-kill") {

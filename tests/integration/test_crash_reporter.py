@@ -220,6 +220,14 @@ class CrashingProgramTest(CrashReportTestCase):
             self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
             self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
 
+    def test_a_stack_overflow_on_a_worker_thread_is_reported(self):
+        with ReportServer() as server:
+            result, _, before = crash("worker-overflow", server.url)
+            self.assertEqual(result.returncode, -signal.SIGSEGV)
+            body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
+            self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
+            self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
+
     def test_ends_within_the_waits_when_the_server_never_answers(self):
         with ReportServer(answer=False) as server:
             result, elapsed, _ = crash("segv", server.url)
