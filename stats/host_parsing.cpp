@@ -296,17 +296,33 @@ bool isReportableApplicationName(const QString& trimmedName) {
     return !trimmedName.isEmpty() && !ownNames.contains(trimmedName);
 }
 
-QString desktopEntryName(const QByteArray& desktopFile) {
+DesktopEntry parseDesktopEntry(const QByteArray& desktopFile) {
+    DesktopEntry entry;
     bool inMainGroup = false;
     for (const QByteArray& raw : desktopFile.split('\n')) {
         const QByteArray line = raw.trimmed();
         if (line.startsWith('[')) {
             inMainGroup = line == "[Desktop Entry]";
-        } else if (inMainGroup && line.startsWith("Name=")) {
-            return QString::fromUtf8(line.mid(5)).trimmed();
+        } else if (!inMainGroup) {
+            continue;
+        } else if (line.startsWith("Name=") && entry.name.isEmpty()) {
+            entry.name = QString::fromUtf8(line.mid(5)).trimmed();
+        } else if (line.startsWith("StartupWMClass=")) {
+            entry.windowClass = QString::fromUtf8(line.mid(15)).trimmed();
+        } else if (line.startsWith("Exec=")) {
+            // The first word that is not an "env" prefix or one of its variable settings.
+            const QStringList words = QString::fromUtf8(line.mid(5)).split(u' ', Qt::SkipEmptyParts);
+            for (QString word : words) {
+                word.remove(u'"');
+                if (word == u"env"_s || word.endsWith(u"/env"_s) || word.contains(u'=')) {
+                    continue;
+                }
+                entry.executableName = word.section(u'/', -1);
+                break;
+            }
         }
     }
-    return {};
+    return entry;
 }
 
 } // namespace tellwyn

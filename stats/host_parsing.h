@@ -97,8 +97,13 @@ bool secureBootIsOn(const QByteArray& efivar);
 // Whether an application name may be reported as the one in front: never the agent's own names.
 bool isReportableApplicationName(const QString& trimmedName);
 
-// The Name= of a desktop entry's [Desktop Entry] group; empty when missing.
-QString desktopEntryName(const QByteArray& desktopFile);
+// What a desktop entry's [Desktop Entry] group says about its application.
+struct DesktopEntry {
+    QString name;           // Name=; empty when missing
+    QString windowClass;    // StartupWMClass=
+    QString executableName; // the file name of the program that Exec= starts
+};
+DesktopEntry parseDesktopEntry(const QByteArray& desktopFile);
 
 } // namespace tellwyn
 

@@ -12,6 +12,7 @@
 #include "x11_window_system.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QObject>
@@ -136,35 +137,79 @@ std::optional<QString> LinuxHostProbes::activeApplicationName() {
 }
 
 QString LinuxHostProbes::applicationName(qint64 pid, const QString& windowClass) {
-    const QString process = pid > 0 ? trimmedText(read(u"/proc/%1/comm"_s.arg(pid))) : QString();
+    // The program's own file name: the kernel's process name is cut at 15 characters.
+    QString executable;
+    if (pid > 0) {
+        executable = QString::fromUtf8(read(u"/proc/%1/cmdline"_s.arg(pid)).split('\0').value(0))
+                         .section(u'/', -1)
+                         .trimmed();
+        if (executable.isEmpty()) {
+            executable = trimmedText(read(u"/proc/%1/comm"_s.arg(pid)));
+        }
+    }
     // The process may be gone already; the window's class then names it.
-    const QString key = process.isEmpty() ? windowClass : process;
-    if (key.isEmpty()) {
+    if (executable.isEmpty() && windowClass.isEmpty()) {
         return {};
     }
+    const QString key = executable + u'/' + windowClass;
     const auto known = m_desktopNames.constFind(key);
     if (known != m_desktopNames.cend()) {
         return *known;
     }
-    const auto entryName = [&]() -> QString {
-        for (const QString& candidate : {process, windowClass, windowClass.toLower()}) {
-            for (const QString& folder : std::as_const(m_sources.applicationFolders)) {
-                QFile entry(folder + u'/' + candidate + u".desktop"_s);
-                if (!candidate.isEmpty() && entry.open(QIODevice::ReadOnly)) {
-                    if (QString found = desktopEntryName(entry.readAll()); !found.isEmpty()) {
-                        return found;
-                    }
-                }
+    if (!m_desktopEntries) {
+        m_desktopEntries = readDesktopEntries();
+    }
+    // The entry that names the window's class, else the one whose file is named after the class
+    // (reverse-DNS names included), else the one that starts the same program.
+    const auto find = [&](auto&& matches) -> QString {
+        for (const auto& [fileStem, entry] : std::as_const(*m_desktopEntries)) {
+            if (!entry.name.isEmpty() && matches(fileStem, entry)) {
+                return entry.name;
             }
         }
         return {};
     };
-    QString name = entryName();
+    const auto same = [](const QString& a, const QString& b) {
+        return !a.isEmpty() && a.compare(b, Qt::CaseInsensitive) == 0;
+    };
+    QString name =
+        find([&](const QString&, const DesktopEntry& e) { return same(e.windowClass, windowClass); });
     if (name.isEmpty()) {
-        name = key;
+        name = find([&](const QString& stem, const DesktopEntry&) {
+            return same(stem, windowClass) || same(stem.section(u'.', -1), windowClass);
+        });
+    }
+    if (name.isEmpty()) {
+        name = find([&](const QString& stem, const DesktopEntry& e) {
+            return same(e.executableName, executable) || same(stem, executable);
+        });
+    }
+    if (name.isEmpty()) {
+        name = executable.isEmpty() ? windowClass : executable;
     }
     m_desktopNames.insert(key, name);
     return name;
+}
+
+QList<std::pair<QString, DesktopEntry>> LinuxHostProbes::readDesktopEntries() const {
+    QList<std::pair<QString, DesktopEntry>> entries;
+    QSet<QString> seen; // an entry in an earlier folder hides one of the same name in a later one
+    for (const QString& folder : std::as_const(m_sources.applicationFolders)) {
+        QDirIterator it(folder, {u"*.desktop"_s}, QDir::Files, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString file = it.next();
+            const QString stem = QDir(folder).relativeFilePath(file).chopped(8).replace(u'/', u'-');
+            if (seen.contains(stem)) {
+                continue;
+            }
+            seen.insert(stem);
+            QFile entry(file);
+            if (entry.open(QIODevice::ReadOnly)) {
+                entries.append({stem, parseDesktopEntry(entry.read(256 * 1024))});
+            }
+        }
+    }
+    return entries;
 }
 
 void LinuxHostProbes::observeSleepAndWake(QObject* context, std::function<void(bool)> handler) {
@@ -181,7 +226,8 @@ QString LinuxHostProbes::powerLogLine(const QString& word) {
                                              {u"-b"_s, u"--no-pager"_s, u"-q"_s, u"-o"_s, u"short-iso"_s,
                                               u"-n"_s, u"1000"_s, u"-t"_s, u"systemd-sleep"_s},
                                              systemLogTimeLimit);
-    return latestLogLine(output, word.compare(u"Wake"_s, Qt::CaseInsensitive) == 0 ? wakeRecords : sleepRecords);
+    return latestLogLine(output,
+                         word.compare(u"Wake"_s, Qt::CaseInsensitive) == 0 ? wakeRecords : sleepRecords);
 }
 
 quint64 LinuxHostProbes::physicalMemory() {

@@ -4,6 +4,8 @@
 
 #include <QHash>
 #include <chrono>
+#include <optional>
+#include <utility>
 
 namespace tellwyn {
 
@@ -65,12 +67,15 @@ private:
     // "dm-1" for /dev/mapper/vg-root, "sda1" for /dev/sda1.
     QString blockDeviceName(const QString& source) const;
     QString applicationName(qint64 pid, const QString& windowClass);
+    QList<std::pair<QString, DesktopEntry>> readDesktopEntries() const;
 
     DesktopSession& m_session;
     WindowSystem& m_windows;
     PermissionService& m_permissions;
     Sources m_sources;
-    QHash<QString, QString> m_desktopNames; // main thread: process or class name -> entry's Name
+    // Main thread: the applications' desktop entries, read once, and the names found so far.
+    std::optional<QList<std::pair<QString, DesktopEntry>>> m_desktopEntries; // (file name stem, entry)
+    QHash<QString, QString> m_desktopNames; // "executable/class" -> the name reported
 };
 
 } // namespace tellwyn

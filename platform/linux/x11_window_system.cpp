@@ -106,15 +106,19 @@ QList<WindowSystem::WindowOwner> X11WindowSystem::frontWindowOwners() {
         return result;
     };
 
+    // Only applications' own windows count, not panels, docks, desktops or notifications (a
+    // managed window without a type is a normal one), the active window included.
     QList<WindowOwner> owners;
     const auto active = x.cardinals(root, x.atom("_NET_ACTIVE_WINDOW"), XCB_ATOM_ANY);
     if (!active.empty() && active.front() != XCB_WINDOW_NONE) {
-        owners.append(owner(active.front(), true));
+        const auto types = x.cardinals(active.front(), typeAtom, XCB_ATOM_ATOM);
+        if (types.empty() || types.front() == normalAtom) {
+            owners.append(owner(active.front(), true));
+        }
     }
     const auto stacking = x.cardinals(root, x.atom("_NET_CLIENT_LIST_STACKING"), XCB_ATOM_ANY);
     for (auto it = stacking.crbegin(); it != stacking.crend(); ++it) {
         const auto types = x.cardinals(*it, typeAtom, XCB_ATOM_ATOM);
-        // A managed window without a type is a normal one.
         if (types.empty() || types.front() == normalAtom) {
             owners.append(owner(*it, false));
         }

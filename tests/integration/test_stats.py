@@ -220,6 +220,13 @@ class StatsWithDisplayTest(unittest.TestCase):
                str(self.agent.process.pid))
         self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "Xvfb")
 
+        # A panel or dock is no application in front, even when it is the active window.
+        self.x("xprop", "-id", window, "-f", "_NET_WM_PID", "32c", "-set", "_NET_WM_PID", str(message.pid))
+        self.x("xprop", "-id", window, "-f", "_NET_WM_WINDOW_TYPE", "32a", "-set", "_NET_WM_WINDOW_TYPE",
+               "_NET_WM_WINDOW_TYPE_DOCK")
+        self.x("xprop", "-root", "-f", "_NET_ACTIVE_WINDOW", "32c", "-set", "_NET_ACTIVE_WINDOW", window)
+        self.assertEqual(sign_in_and_receive(self.agent)["activeProcess"], "Xvfb")
+
     def test_screens_capture_and_input_come_from_the_x_server(self):
         record = sign_in_and_receive(self.agent)
         self.assertEqual(record["displayCount"], 1)

@@ -255,6 +255,10 @@ private Q_SLOTS:
         QCOMPARE(p.activeApplicationName(), std::optional<QString>(u"Firefox ESR"_s));
         laptop.windows.owners.removeAt(3);
         QCOMPARE(p.activeApplicationName(), std::optional<QString>(u"XTerm"_s));
+        // A program whose name is longer than the kernel's 15-character process name, with a
+        // desktop entry named in reverse-DNS style: found by the program that the entry starts.
+        laptop.windows.owners = {{31337, u"Gnome-text-editor"_s, true}};
+        QCOMPARE(p.activeApplicationName(), std::optional<QString>(u"Text Editor"_s));
     }
 
     void powerLogLineSearchesThisBootsJournal() {
