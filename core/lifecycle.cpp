@@ -183,9 +183,17 @@ void ServerManager::setupServer() {
             weak->handleConnectionClosed(key);
         }
     });
+    // Values are delivered later; one that a replaced server sent before it was replaced is
+    // dropped, so that a port change does not flicker the status through "stopped".
+    const quint64 generation = ++m_serverGeneration;
     m_serverRunningCancellable = connect(
         m_server.get(), &HLVPServer::isRunningChanged, this,
-        [this](bool isRunning) { handleServerRunningChange(isRunning); }, Qt::QueuedConnection);
+        [this, generation](bool isRunning) {
+            if (generation == m_serverGeneration) {
+                handleServerRunningChange(isRunning);
+            }
+        },
+        Qt::QueuedConnection);
 
     log(u"Server setup completed"_s, u"SERVER"_s);
 }
@@ -343,6 +351,10 @@ void ServerManager::updateServerPort(quint16 port, std::function<void()> complet
         }
     };
     if (!m_serverState.isRunning) {
+        // The next start listens on the new port.
+        if (m_server) {
+            setupServer();
+        }
         finish();
         return;
     }

@@ -206,6 +206,7 @@ private:
     // Fields in declaration order.
     std::unique_ptr<HLVPServer> m_server;
     std::optional<QMetaObject::Connection> m_serverRunningCancellable;
+    quint64 m_serverGeneration = 0; // counts the servers built, to drop late values of replaced ones
     std::unique_ptr<ScheduledTimer> m_cleanupTimer;
     std::unique_ptr<SerialQueue> m_authenticationQueue;
     QSet<QString> m_authenticationInProgress;
