@@ -19,6 +19,7 @@
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QDBusConnection>
 #include <QDir>
 #include <QGuiApplication>
 #include <QNetworkAccessManager>
@@ -144,8 +145,11 @@ int main(int argc, char** argv) {
                                  displays, events,    dataDirectory, options.listenAddress};
     environment.accountVerifier = &accountVerifier;
     environment.systemClipboard = &systemClipboard;
+    // Without a session bus there is no keyring to ask (nor a window to lock).
     SecretServiceCredentialStore credentialStore;
-    environment.credentialStore = &credentialStore;
+    if (QDBusConnection::sessionBus().isConnected()) {
+        environment.credentialStore = &credentialStore;
+    }
     XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
     environment.loginItem = &loginItem;
     environment.permissions = &desktopPermissionService(dataDirectory);

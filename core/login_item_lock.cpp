@@ -41,9 +41,13 @@ void ServerManager::loadPasswordProtectionSettings() {
     const QString legacy = preferences.object(PreferenceKey::serverPassword).value_or(QVariant()).toString();
     HLVPCredentialStore* store = m_environment.credentialStore;
     QString password;
-    if (!legacy.isEmpty()) {
-        const std::optional<QString> error =
-            store != nullptr ? store->saveAgentLockPassword(legacy) : std::optional<QString>(u"No keyring."_s);
+    if (store == nullptr) {
+        // A machine without a desktop session (a server, an agent started over ssh): there is no
+        // keyring to ask and nothing to fail, so it is said once, as a fact.
+        log(u"No desktop session: no keyring for the lock password and no window to lock"_s, u"INFO"_s);
+        password = legacy;
+    } else if (!legacy.isEmpty()) {
+        const std::optional<QString> error = store->saveAgentLockPassword(legacy);
         password = legacy;
         if (!error) {
             preferences.remove(PreferenceKey::serverPassword);
@@ -52,9 +56,7 @@ void ServerManager::loadPasswordProtectionSettings() {
             log(u"Agent password migration deferred: %1"_s.arg(*error), u"ERROR"_s);
         }
     } else {
-        const HLVPCredentialStore::Lookup lookup =
-            store != nullptr ? store->agentLockPassword()
-                             : HLVPCredentialStore::Lookup{std::nullopt, u"No keyring."_s};
+        const HLVPCredentialStore::Lookup lookup = store->agentLockPassword();
         if (lookup.error) {
             log(u"Agent password migration deferred: %1"_s.arg(*lookup.error), u"ERROR"_s);
         } else {

@@ -30,10 +30,10 @@ class TestServerManagerLock : public QObject {
     std::unique_ptr<ServerManager> manager;
 
     // A manager whose settings have been loaded, as at every start.
-    void start() {
+    void start(bool withKeyring = true) {
         manager.reset();
         AgentEnvironment environment{*time, *time, preferences, identity, displays, events, data.path()};
-        environment.credentialStore = &keyring;
+        environment.credentialStore = withKeyring ? &keyring : nullptr;
         environment.loginItem = &loginItem;
         manager = std::make_unique<ServerManager>(environment);
         VirtualTime::drainEvents();
@@ -124,6 +124,15 @@ private Q_SLOTS:
         start();
         QCOMPARE(lockPassword(), QString());
         QVERIFY(loggedLines().contains(u"[ERROR] Agent password migration deferred: No keyring."_s));
+    }
+
+    void withoutADesktopSessionThereIsNoKeyringAndNoError() {
+        preferences.set(u"ServerPassword"_s, u"legacy"_s);
+        start(false);
+        QCOMPARE(lockPassword(), u"legacy"_s);
+        QVERIFY(preferences.values.contains(u"ServerPassword"_s));
+        QCOMPARE(loggedLines().filter(u"keyring"_s, Qt::CaseInsensitive),
+                 QStringList({u"[INFO] No desktop session: no keyring for the lock password and no window to lock"_s}));
     }
 
     void changingThePasswordKeepsTheOldOneWhenTheKeyringRefuses() {
