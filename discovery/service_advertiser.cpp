@@ -5,6 +5,7 @@
 #include "linux_system_identity.h"
 #include "netlink_path_monitor.h"
 #include "network_path_monitor.h"
+#include "server_log_manager.h"
 #include "service_publisher.h"
 #include "system_clock.h"
 #include "system_identity.h"
@@ -30,8 +31,8 @@ ServiceAdvertiser& ServiceAdvertiser::shared() {
 }
 
 ServiceAdvertiser::ServiceAdvertiser(std::unique_ptr<ServicePublisher> publisher,
-                                             std::unique_ptr<NetworkPathMonitor> pathMonitor,
-                                             Scheduler& scheduler, SystemIdentity& identity, QObject* parent)
+                                     std::unique_ptr<NetworkPathMonitor> pathMonitor, Scheduler& scheduler,
+                                     SystemIdentity& identity, QObject* parent)
     : QObject(parent), m_publisher(std::move(publisher)), m_scheduler(scheduler), m_identity(identity),
       m_pathMonitor(std::move(pathMonitor)) {
     // The monitor is owned here and joins its thread when destroyed, so `this` outlives the handler.
@@ -72,6 +73,20 @@ void ServiceAdvertiser::publish(quint16 port, const std::optional<QString>& comp
     connect(service, &PublishedService::didPublish, this, &ServiceAdvertiser::serviceDidPublish);
     connect(service, &PublishedService::didNotPublish, this, &ServiceAdvertiser::serviceDidNotPublish);
     connect(service, &PublishedService::didStop, this, &ServiceAdvertiser::serviceDidStop);
+    connect(service, &PublishedService::responderLost, this, [this] {
+        ServerLogManager::shared().log(
+            u"DNS-SD responder went away: the agent is advertised again when it returns"_s, u"WARN"_s);
+        postClearing();
+    });
+    connect(service, &PublishedService::responderReturned, this,
+            [this](const QString& confirmedName, quint16 confirmedPort) {
+                ServerLogManager::shared().log(
+                    u"DNS-SD responder is back: advertising \"%1\" again"_s.arg(confirmedName), u"INFO"_s);
+                QMetaObject::invokeMethod(
+                    this,
+                    [this, confirmedName, confirmedPort] { setPublished(confirmedName, confirmedPort); },
+                    Qt::QueuedConnection);
+            });
     service->publish();
 }
 
@@ -92,6 +107,8 @@ void ServiceAdvertiser::serviceDidStop() {
 }
 
 void ServiceAdvertiser::stop() {
+    // A republish still waiting would advertise a stopped server, or an old port.
+    m_pendingRepublish.reset();
     if (!m_netService || !m_isPublished) {
         return;
     }
@@ -132,7 +149,10 @@ void ServiceAdvertiser::republish() {
     }
     const std::optional<QString> computerName = m_lastComputerName;
     stop();
-    m_scheduler.runAfter(republishDelay, this, [this, port, computerName] { publish(port, computerName); });
+    m_pendingRepublish = m_scheduler.oneShot(republishDelay, this, [this, port, computerName] {
+        m_pendingRepublish.reset();
+        publish(port, computerName);
+    });
 }
 
 } // namespace tellwyn

@@ -11,6 +11,7 @@ namespace tellwyn {
 class NetworkPathMonitor;
 class PublishedService;
 class Scheduler;
+class ScheduledTimer;
 class ServicePublisher;
 class SystemIdentity;
 
@@ -66,6 +67,7 @@ private:
     // Written on the main thread only; read on the path monitor's thread too.
     std::atomic<bool> m_isPublished{false};
     std::unique_ptr<NetworkPathMonitor> m_pathMonitor;
+    std::unique_ptr<ScheduledTimer> m_pendingRepublish;
     std::optional<QString> m_lastComputerName;
     QString m_publishedServiceName;
     quint16 m_publishedPort = 0;

@@ -33,8 +33,12 @@ public:
 Q_SIGNALS:
     void didPublish(const QString& name, quint16 port);
     void didNotPublish();
-    // The announcement ended without being asked to (for example the responder went away).
+    // The announcement ended without being asked to and cannot come back.
     void didStop();
+    // The responder went away (a daemon restart): the announcement is gone for now, and is made
+    // again by itself when the responder returns, then reported by responderReturned.
+    void responderLost();
+    void responderReturned(const QString& name, quint16 port);
 };
 
 // Creates advertisements with the local DNS-SD responder.

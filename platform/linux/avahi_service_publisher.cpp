@@ -75,7 +75,11 @@ private:
             }
             break;
         case AVAHI_CLIENT_FAILURE:
-            fail();
+            if (m_confirmed && avahi_client_errno(client) == AVAHI_ERR_DISCONNECTED) {
+                waitForTheResponder();
+            } else {
+                fail();
+            }
             break;
         case AVAHI_CLIENT_CONNECTING:
             break;
@@ -85,8 +89,12 @@ private:
     void groupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state) {
         switch (state) {
         case AVAHI_ENTRY_GROUP_ESTABLISHED:
-            m_confirmed = true;
-            report([this, name = m_name, port = m_description.port] { Q_EMIT didPublish(name, port); });
+            if (m_confirmed) {
+                report([this, name = m_name, port = m_description.port] { Q_EMIT responderReturned(name, port); });
+            } else {
+                m_confirmed = true;
+                report([this, name = m_name, port = m_description.port] { Q_EMIT didPublish(name, port); });
+            }
             break;
         case AVAHI_ENTRY_GROUP_COLLISION:
             // Someone else announces this name: move on to the next alternative, as Bonjour does.
@@ -139,6 +147,28 @@ private:
         if (result < 0 || avahi_entry_group_commit(m_group) < 0) {
             fail();
         }
+    }
+
+    // The daemon went away after the announcement was made (a restart, an upgrade). A client that
+    // does not fail waits for it to come back on the bus, and the service is added again then.
+    void waitForTheResponder() {
+        report([this] { Q_EMIT responderLost(); });
+        // Avahi objects must not be freed inside their own callbacks.
+        QMetaObject::invokeMethod(
+            this,
+            [this] {
+                release();
+                if (m_stopped) {
+                    return;
+                }
+                int error = 0;
+                m_client = avahi_client_new(m_poll.poll(), AVAHI_CLIENT_NO_FAIL, &AvahiPublishedService::clientCallback,
+                                            this, &error);
+                if (m_client == nullptr) {
+                    fail();
+                }
+            },
+            Qt::QueuedConnection);
     }
 
     void fail() {

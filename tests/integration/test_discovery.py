@@ -108,12 +108,17 @@ class PrivateAvahi:
         self.address = "unix:path=" + bus_socket
         self.bus = subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + bus_config])
         self.avahi = None
+        self.avahi_config = avahi_config
         deadline = time.monotonic() + 10
         while not os.path.exists(bus_socket):
             if time.monotonic() > deadline or self.bus.poll() is not None:
                 self.close()
                 raise AssertionError("the private system bus did not start")
             time.sleep(0.05)
+        self.start_daemon()
+
+    def start_daemon(self):
+        avahi_config = self.avahi_config
         self.avahi = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", AVAHI_LAUNCH, "sh", avahi_config],
                                       env=self.env(), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.output = []
@@ -124,6 +129,11 @@ class PrivateAvahi:
         else:
             self.close()
             raise AssertionError("avahi-daemon did not start:\n" + "".join(self.output))
+
+    def stop_daemon(self):
+        self.avahi.terminate()
+        self.avahi.wait(10)
+        self.avahi.stdout.close()
 
     def env(self, **extra):
         return dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.address, LC_ALL="C.UTF-8", **extra)
@@ -205,6 +215,16 @@ class AdvertisementTest(unittest.TestCase):
         self.assertEqual(agent.stop(), 0)
         self.assertIn(("BONJOUR", "Stopped Bonjour service publishing"), agent.log())
         self.avahi.wait_for(lambda s: self.name not in s, "the advertisement to go")
+
+    def test_the_agent_is_advertised_again_after_the_daemon_restarts(self):
+        agent = self.start_agent()
+        self.avahi.wait_for(lambda s: self.name in s, self.name)
+        self.avahi.stop_daemon()
+        agent.wait_for_log("WARN", "DNS-SD responder went away: the agent is advertised again when it returns")
+        self.avahi.start_daemon()
+        agent.wait_for_log("INFO", f'DNS-SD responder is back: advertising "{self.name}" again', timeout=60)
+        seen = self.avahi.wait_for(lambda s: self.name in s, self.name, timeout=60)
+        self.assertEqual(seen[self.name][2], agent.port)
 
     def test_a_name_longer_than_a_dns_label_is_cut_to_fit(self):
         # A host name of 60 characters, in a namespace of the agent's own, makes an instance name

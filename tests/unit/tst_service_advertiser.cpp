@@ -1,6 +1,8 @@
 #include "service_advertiser.h"
 #include "fake_discovery.h"
 #include "fake_platform.h"
+#include "log_lines.h"
+#include "server_log_manager.h"
 #include "virtual_time.h"
 
 #include <QSignalSpy>
@@ -205,6 +207,34 @@ private Q_SLOTS:
         QCOMPARE(second->description.name, u"TellwynAgent - Desk"_s);
         QCOMPARE(second->description.txtRecord.value(u"name"_s), QByteArray("Desk"));
         QCOMPARE(second->description.txtRecord.value(u"hostname"_s), QByteArray("new-host")); // read afresh
+    }
+
+    void aStopCancelsAWaitingRepublish() {
+        publishConfirmed(5905, u"Desk"_s);
+        monitor->change();
+        VirtualTime::drainEvents();
+        manager->stop(); // the server stops within the republish delay
+        time->advance(5s);
+        QCOMPARE(publisher->services.size(), 1);
+    }
+
+    void aResponderThatGoesAwayAndReturnsIsFollowed() {
+        ServerLogManager::shared().setEchoToStandardOutput(false);
+        ServerLogManager::shared().clearLogs();
+        publishConfirmed(5905, u"Desk"_s);
+        QPointer<FakePublishedService> service = publisher->latest();
+        Q_EMIT service->responderLost();
+        VirtualTime::drainEvents();
+        QCOMPARE(manager->publishedPort(), quint16(0));
+        Q_EMIT service->responderReturned(u"TellwynAgent - Desk #2"_s, 5905);
+        VirtualTime::drainEvents();
+        QCOMPARE(manager->publishedServiceName(), u"TellwynAgent - Desk #2"_s);
+        QCOMPARE(manager->publishedPort(), quint16(5905));
+        QCOMPARE(loggedLines(),
+                 QStringList({u"[WARN] DNS-SD responder went away: the agent is advertised again when it returns"_s,
+                              u"[INFO] DNS-SD responder is back: advertising \"TellwynAgent - Desk #2\" again"_s}));
+        manager->stop(); // still withdrawn when the server stops
+        QVERIFY(service.isNull() || service->stopped);
     }
 
     void pathChangeWhileNotPublishedChangesNothing() {
