@@ -1,8 +1,6 @@
 #include "linux_system_identity.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusVariant>
+#include <QFile>
 #include <QSysInfo>
 
 #include <pwd.h>
@@ -26,20 +24,13 @@ QString LinuxSystemIdentity::loginName() const {
 }
 
 std::optional<QString> LinuxSystemIdentity::localizedComputerName() const {
-    QDBusConnection bus = QDBusConnection::systemBus();
-    if (bus.isConnected()) {
-        QDBusMessage get = QDBusMessage::createMethodCall(u"org.freedesktop.hostname1"_s,
-                                                          u"/org/freedesktop/hostname1"_s,
-                                                          u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
-        get << u"org.freedesktop.hostname1"_s << u"PrettyHostname"_s;
-        // hostnamed starts on demand; a machine without it answers at once with an error.
-        const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
-        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-            const QString pretty =
-                qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant().toString().trimmed();
-            if (!pretty.isEmpty()) {
-                return pretty;
-            }
+    // hostnamed keeps the pretty name in this file; reading it directly answers at once, where
+    // asking hostnamed on the bus could hold the caller for seconds while it starts on demand.
+    QFile machineInfo(m_machineInfoPath);
+    if (machineInfo.open(QIODevice::ReadOnly)) {
+        const QString pretty = prettyHostname(machineInfo.read(64 * 1024));
+        if (!pretty.isEmpty()) {
+            return pretty;
         }
     }
     const QString hostName = QSysInfo::machineHostName().trimmed();
@@ -47,6 +38,33 @@ std::optional<QString> LinuxSystemIdentity::localizedComputerName() const {
         return std::nullopt;
     }
     return hostName;
+}
+
+QString LinuxSystemIdentity::prettyHostname(const QByteArray& machineInfo) {
+    for (const QByteArray& rawLine : machineInfo.split('\n')) {
+        const QByteArray line = rawLine.trimmed();
+        if (!line.startsWith("PRETTY_HOSTNAME=")) {
+            continue;
+        }
+        QString value = QString::fromUtf8(line.mid(16));
+        // Shell-style quoting, as the file is written: '…' literally, "…" with backslash escapes.
+        if (value.size() >= 2 && value.front() == u'\'' && value.back() == u'\'') {
+            return value.mid(1, value.size() - 2).trimmed();
+        }
+        const bool doubleQuoted = value.size() >= 2 && value.front() == u'"' && value.back() == u'"';
+        if (doubleQuoted) {
+            value = value.mid(1, value.size() - 2);
+        }
+        QString unescaped;
+        for (qsizetype i = 0; i < value.size(); ++i) {
+            if (value.at(i) == u'\\' && i + 1 < value.size()) {
+                ++i;
+            }
+            unescaped.append(value.at(i));
+        }
+        return unescaped.trimmed();
+    }
+    return {};
 }
 
 } // namespace tellwyn
