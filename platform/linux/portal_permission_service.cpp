@@ -54,6 +54,26 @@ QString sessionPathFrom(const QVariant& value) {
 
 PortalPermissionService::PortalPermissionService(QDBusConnection bus, QString grantsFile, QObject* parent)
     : QObject(parent), m_bus(std::move(bus)), m_grantsFile(std::move(grantsFile)) {
+    refreshOfferedTypes(Kind::screenCast);
+    refreshOfferedTypes(Kind::remoteDesktop);
+}
+
+void PortalPermissionService::refreshOfferedTypes(Kind kind) {
+    if (!m_bus.isConnected()) {
+        return;
+    }
+    const KindDetails& kindDetails = details(static_cast<std::size_t>(kind));
+    QDBusMessage get = QDBusMessage::createMethodCall(QLatin1String(portalService), QLatin1String(portalPath),
+                                                      u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
+    get << kindDetails.interface << kindDetails.typesProperty;
+    auto* watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(get, propertyTimeoutMs), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, kind](QDBusPendingCallWatcher* call) {
+        call->deleteLater();
+        const QDBusMessage reply = call->reply();
+        const bool answered = reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty();
+        m_offeredTypes[static_cast<std::size_t>(kind)] =
+            answered ? int(reply.arguments().constFirst().value<QDBusVariant>().variant().toUInt()) : 0;
+    });
 }
 
 bool PortalPermissionService::screenCaptureAllowed() {
@@ -78,15 +98,11 @@ bool PortalPermissionService::allowed(Kind kind) {
     if (storedToken(kind).isEmpty() || !m_bus.isConnected()) {
         return false;
     }
-    QDBusMessage get = QDBusMessage::createMethodCall(QLatin1String(portalService), QLatin1String(portalPath),
-                                                      u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
-    get << kindDetails.interface << kindDetails.typesProperty;
-    const QDBusMessage reply = m_bus.call(get, QDBus::Block, propertyTimeoutMs);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
-        return false;
-    }
-    const uint offered = reply.arguments().constFirst().value<QDBusVariant>().variant().toUInt();
-    return (offered & kindDetails.neededTypes) == kindDetails.neededTypes;
+    // What the portal offers is asked in the background and answered from the last reply, so a
+    // query never waits on the bus (it may come from the main thread or the statistics thread).
+    QMetaObject::invokeMethod(this, [this, kind] { refreshOfferedTypes(kind); }, Qt::QueuedConnection);
+    const int offered = m_offeredTypes[static_cast<std::size_t>(kind)];
+    return offered >= 0 && (uint(offered) & kindDetails.neededTypes) == kindDetails.neededTypes;
 }
 
 bool PortalPermissionService::request(Kind kind) {

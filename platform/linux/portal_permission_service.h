@@ -8,6 +8,7 @@
 #include <QString>
 #include <QVariantMap>
 #include <array>
+#include <atomic>
 #include <functional>
 #include <optional>
 
@@ -44,6 +45,7 @@ private:
     using Responder = std::function<void(uint code, const QVariantMap& results)>;
 
     bool allowed(Kind kind);
+    void refreshOfferedTypes(Kind kind);
     bool request(Kind kind);
     void selectAndStart(Kind kind, const QString& session);
     void finish(Kind kind, const QString& session, std::optional<QString> restoreToken);
@@ -57,6 +59,8 @@ private:
     QDBusConnection m_bus;
     QString m_grantsFile;
     std::array<bool, 2> m_pending{};        // by kind: a dialog is under way
+    // By kind: the session types the portal last said it offers; -1 until it has answered.
+    std::array<std::atomic<int>, 2> m_offeredTypes{-1, -1};
     QHash<QString, Responder> m_responders; // by request object path
     quint64 m_tokenCounter = 0;
 };
