@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the agent needs. Usage: setup.sh [build] [test] [bench]
+# Installs the Debian packages the agent needs. Usage: setup.sh [build] [test] [bench] [package]
 # Quick when everything is there already; asks apt only for what is missing.
 set -euo pipefail
 
@@ -8,6 +8,7 @@ build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools
 test_packages=(openssl python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
                xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2)
 bench_packages=(prometheus-node-exporter)
+package_packages=(debhelper lintian debootstrap man-db systemd)
 
 wanted=()
 for group in "$@"; do
@@ -15,7 +16,8 @@ for group in "$@"; do
         build) wanted+=("${build_packages[@]}") ;;
         test) wanted+=("${test_packages[@]}") ;;
         bench) wanted+=("${bench_packages[@]}") ;;
-        *) echo "setup.sh: unknown group '$group' (use build, test, bench)" >&2; exit 2 ;;
+        package) wanted+=("${package_packages[@]}") ;;
+        *) echo "setup.sh: unknown group '$group' (use build, test, bench, package)" >&2; exit 2 ;;
     esac
 done
 
