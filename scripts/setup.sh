@@ -8,7 +8,7 @@ build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools
 test_packages=(openssl python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
                xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2)
 bench_packages=(prometheus-node-exporter)
-package_packages=(debhelper lintian debootstrap man-db systemd)
+package_packages=(debhelper lintian debootstrap man-db systemd ccache)
 
 wanted=()
 for group in "$@"; do

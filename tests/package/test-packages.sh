@@ -37,25 +37,27 @@ trap cleanup EXIT
 
 # --- Build: the current version, then the same build repackaged as an earlier version. -------
 mkdir -p "$work" "$apt_cache"
-rm -rf "$work/src" "$work/current" "$work/previous" "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo
-mkdir -p "$work/src" "$work/current" "$work/previous"
-git -C "$root" ls-files -co --exclude-standard -z | tar -C "$root" --null -T - -cf - | tar -xf - -C "$work/src"
-# ccache through its compiler links; dh gives the build a HOME of its own, so say where the cache is.
-export PATH="/usr/lib/ccache:$PATH" CCACHE_DIR="${CCACHE_DIR:-$(ccache -k cache_dir)}" CCACHE_BASEDIR="$work/src"
-version="$(dpkg-parsechangelog -l "$work/src/debian/changelog" -S Version)"
-step "building $version"
-(cd "$work/src" && dpkg-buildpackage -b -us -uc >"$work/build.log" 2>&1) || {
-    tail -40 "$work/build.log"
-    fail "dpkg-buildpackage"
-}
-mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$work/current/"
-(cd "$work/src" && sed -i "1s/($version)/($version~previous)/" debian/changelog &&
-    dpkg-buildpackage -b -us -uc -nc >"$work/build-previous.log" 2>&1) || fail "building the previous version"
-mv "$work"/*.deb "$work/previous/"
-rm -f "$work"/*.changes "$work"/*.buildinfo
+version="$(dpkg-parsechangelog -l "$root/debian/changelog" -S Version)"
+if [ -z "${TELLWYN_PACKAGES_REUSE:-}" ]; then # set: test the packages of the last run again
+    rm -rf "$work/src" "$work/current" "$work/previous" "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo
+    mkdir -p "$work/src" "$work/current" "$work/previous"
+    git -C "$root" ls-files -co --exclude-standard -z | tar -C "$root" --null -T - -cf - | tar -xf - -C "$work/src"
+    # ccache through its compiler links; dh gives the build a HOME of its own, so say where the cache is.
+    export PATH="/usr/lib/ccache:$PATH" CCACHE_DIR="${CCACHE_DIR:-$(ccache -k cache_dir)}" CCACHE_BASEDIR="$work/src"
+    step "building $version"
+    (cd "$work/src" && dpkg-buildpackage -b -us -uc >"$work/build.log" 2>&1) || {
+        tail -40 "$work/build.log"
+        fail "dpkg-buildpackage"
+    }
+    mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$work/current/"
+    (cd "$work/src" && sed -i "1s/($version)/($version~previous)/" debian/changelog &&
+        dpkg-buildpackage -b -us -uc -nc >"$work/build-previous.log" 2>&1) || fail "building the previous version"
+    mv "$work"/*.deb "$work/previous/"
+    rm -f "$work"/*.changes "$work"/*.buildinfo
+fi
 
 step "lintian"
-lintian --fail-on error,warning --info --suppress-tags-from-file /dev/null "$work/current/"*.changes ||
+lintian --fail-on error,warning --info "$work/current/"*.changes ||
     fail "lintian"
 
 # --- What needs only the packages' files. -----------------------------------------------------
@@ -68,6 +70,14 @@ for page in tellwyn-agent tellwyn; do
 done
 unit="$contents/usr/lib/systemd/user/tellwyn-agent.service"
 grep -qx 'ExecStart=/usr/bin/tellwyn-agent --headless --start' "$unit" || fail "unit does not start /usr/bin's agent"
+# The unit, with the unpacked agent in place of /usr/bin's and the unpacked manual pages for its
+# Documentation=, against a runtime folder of its own (there is no user session here).
+verify_dir="$work/verify"
+rm -rf "$verify_dir" && mkdir -m 0700 -p "$verify_dir"
+sed "s|^ExecStart=/usr/bin/|ExecStart=$contents/usr/bin/|" "$unit" >"$verify_dir/tellwyn-agent.service"
+verify_output="$(MANPATH="$contents/usr/share/man" XDG_RUNTIME_DIR="$verify_dir" \
+    systemd-analyze --user verify "$verify_dir/tellwyn-agent.service" 2>&1)" || fail "unit: $verify_output"
+[ -z "$verify_output" ] || fail "systemd-analyze --user verify: $verify_output"
 
 # --- A fresh Debian root. ---------------------------------------------------------------------
 if [ ! -s "$base_tar" ]; then
@@ -88,19 +98,18 @@ mount --bind /dev "$chroot_dir/dev"
 mount --bind /sys "$chroot_dir/sys"
 mount --bind "$apt_cache" "$chroot_dir/var/cache/apt/archives"
 cp /etc/resolv.conf "$chroot_dir/etc/resolv.conf"
-cp /etc/apt/sources.list.d/debian.sources "$chroot_dir/etc/apt/sources.list.d/" 2>/dev/null || true
 mkdir -p "$chroot_dir/tmp/debs"
 cp -r "$work/current" "$work/previous" "$chroot_dir/tmp/debs/"
 
+deb_of() { echo "/tmp/debs/$1/$(basename "$work/$1/$2"_*.deb)"; } # the package's file inside the root
 in_root() { chroot "$chroot_dir" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"; }
-as_user() {
-    chroot --userspec="$account:$account" "$chroot_dir" env -i PATH=/usr/bin:/bin LC_ALL=C.UTF-8 \
-        HOME="/home/$account" USER="$account" "$@"
-}
+user_command=(chroot --userspec="$account:$account" "$chroot_dir" env -i PATH=/usr/bin:/bin LC_ALL=C.UTF-8
+              HOME="/home/$account" USER="$account")
+as_user() { "${user_command[@]}" "$@"; }
 agent_log="$work/agent.log"
 start_agent() { # extra arguments go to the agent
     : >"$agent_log"
-    as_user /usr/bin/tellwyn-agent --headless --start --listen 127.0.0.1 "$@" >"$agent_log" 2>&1 &
+    "${user_command[@]}" /usr/bin/tellwyn-agent --headless --start --listen 127.0.0.1 "$@" >"$agent_log" 2>&1 &
     agent_pid=$!
     local waited=0
     until grep -q 'Remote service running on port' "$agent_log"; do
@@ -124,8 +133,8 @@ sign_in() { # status of `tellwyn stats` with the given password
 
 step "installing the previous version into a fresh root"
 in_root apt-get update -qq >/dev/null
-in_root apt-get install -y -qq --no-install-recommends /tmp/debs/previous/tellwyn-agent_*.deb \
-    /tmp/debs/previous/tellwyn_*.deb >"$work/apt-install.log" 2>&1 || fail "apt install: $(tail -20 "$work/apt-install.log")"
+in_root apt-get install -y -qq --no-install-recommends "$(deb_of previous tellwyn-agent)" \
+    "$(deb_of previous tellwyn)" >"$work/apt-install.log" 2>&1 || fail "apt install: $(tail -20 "$work/apt-install.log")"
 [ "$(in_root dpkg-query -W -f='${Version}' tellwyn-agent)" = "$version~previous" ] || fail "previous version not installed"
 in_root dpkg-query -W -f='${Conffiles}' tellwyn-agent | grep -q '/etc/pam.d/tellwyn-agent' ||
     fail "/etc/pam.d/tellwyn-agent is not a conffile"
@@ -152,9 +161,9 @@ step "the installed agent as $account on port $port; the installed viewer signs 
 start_agent --port "$port"
 first_fingerprint="$(fingerprint)"
 [ -n "$first_fingerprint" ] || fail "no fingerprint logged"
-[ "$(sign_in wrong-password)" = 6 ] || fail "a wrong password was not refused: $(cat "$work/stats.out")"
 [ "$(sign_in "$password")" = 0 ] || fail "sign-in with the account's password failed: $(cat "$work/stats.out")"
 grep -q '"agentVersion"' "$work/stats.out" || fail "no statistics record: $(cat "$work/stats.out")"
+[ "$(sign_in wrong-password)" = 6 ] || fail "a wrong password was not refused: $(cat "$work/stats.out")"
 stop_agent
 home="$chroot_dir/home/$account"
 kept_files=(.config/tellwyn-agent/tellwyn-agent.conf .local/share/tellwyn-agent/identity-key.pem
@@ -163,7 +172,7 @@ grep -q "127.0.0.1:$port $first_fingerprint" "$home/.config/tellwyn/known_agents
 before="$(cd "$home" && sha256sum "${kept_files[@]}")"
 
 step "upgrading to $version"
-in_root apt-get install -y -qq /tmp/debs/current/tellwyn-agent_*.deb /tmp/debs/current/tellwyn_*.deb \
+in_root apt-get install -y -qq --no-install-recommends "$(deb_of current tellwyn-agent)" "$(deb_of current tellwyn)" \
     >>"$work/apt-install.log" 2>&1 || fail "apt upgrade: $(tail -20 "$work/apt-install.log")"
 [ "$(in_root dpkg-query -W -f='${Version}' tellwyn-agent)" = "$version" ] || fail "not upgraded"
 [ "$(cd "$home" && sha256sum "${kept_files[@]}")" = "$before" ] || fail "the upgrade changed the user's files"
@@ -173,9 +182,9 @@ start_agent # no --port: the stored port must be used
 stop_agent
 
 step "removing and purging"
-in_root apt-get remove -y -qq tellwyn-agent tellwyn >/dev/null
+in_root apt-get remove -y -qq tellwyn-agent tellwyn >>"$work/apt-install.log" 2>&1
 [ -e "$chroot_dir/etc/pam.d/tellwyn-agent" ] || fail "remove took the PAM conffile (only purge should)"
-in_root apt-get purge -y -qq tellwyn-agent tellwyn >/dev/null
+in_root apt-get purge -y -qq tellwyn-agent tellwyn >>"$work/apt-install.log" 2>&1
 left="$(cd "$chroot_dir" && find . -xdev \( -path ./home -o -path ./tmp -o -path ./var/cache/apt \) -prune -o \
     -iname '*tellwyn*' -print)"
 [ -z "$left" ] || fail "left after purge: $left"
@@ -184,10 +193,4 @@ while read -r path; do
 done < <(cd "$contents" && find . -mindepth 1)
 [ -e "$home/.local/share/tellwyn-agent/identity-key.pem" ] || fail "purge removed the user's data"
 
-step "systemd-analyze --user verify"
-# The unit names /usr/bin/tellwyn-agent, which only the root above had; check it against the
-# installed copy.
-in_root apt-get install -y -qq /tmp/debs/current/tellwyn-agent_*.deb >/dev/null
-systemd-analyze --user --root="$chroot_dir" verify /usr/lib/systemd/user/tellwyn-agent.service ||
-    fail "the unit does not verify"
 step "passed"
