@@ -1,16 +1,52 @@
 #include "linux_system_identity.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusVariant>
+#include <QFile>
 #include <QSysInfo>
-
 #include <pwd.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
+
+namespace {
+
+// PRETTY_HOSTNAME of machine-info(5), the file hostnamed keeps it in: a shell-style assignment
+// whose value may be quoted and backslash-escaped. Read directly, so that no D-Bus is needed.
+QString prettyHostName(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    const QByteArray key = "PRETTY_HOSTNAME=";
+    while (!file.atEnd()) {
+        const QByteArray line = file.readLine().trimmed();
+        if (!line.startsWith(key)) {
+            continue;
+        }
+        const QString raw = QString::fromUtf8(line.mid(key.size()));
+        QString value;
+        QChar quote;
+        for (qsizetype i = 0; i < raw.size(); ++i) {
+            const QChar c = raw.at(i);
+            if (c == u'\\' && i + 1 < raw.size() && quote != u'\'') {
+                value += raw.at(++i);
+            } else if ((c == u'"' || c == u'\'') && (quote.isNull() || quote == c)) {
+                quote = quote.isNull() ? c : QChar();
+            } else {
+                value += c;
+            }
+        }
+        return value.trimmed();
+    }
+    return {};
+}
+
+} // namespace
+
+LinuxSystemIdentity::LinuxSystemIdentity(QString machineInfoPath)
+    : m_machineInfoPath(std::move(machineInfoPath)) {
+}
 
 QString LinuxSystemIdentity::loginName() const {
     // getpwuid_r: the agent's other threads may look up accounts too.
@@ -26,21 +62,9 @@ QString LinuxSystemIdentity::loginName() const {
 }
 
 std::optional<QString> LinuxSystemIdentity::localizedComputerName() const {
-    QDBusConnection bus = QDBusConnection::systemBus();
-    if (bus.isConnected()) {
-        QDBusMessage get = QDBusMessage::createMethodCall(u"org.freedesktop.hostname1"_s,
-                                                          u"/org/freedesktop/hostname1"_s,
-                                                          u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
-        get << u"org.freedesktop.hostname1"_s << u"PrettyHostname"_s;
-        // hostnamed starts on demand; a machine without it answers at once with an error.
-        const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
-        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-            const QString pretty =
-                qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant().toString().trimmed();
-            if (!pretty.isEmpty()) {
-                return pretty;
-            }
-        }
+    const QString pretty = prettyHostName(m_machineInfoPath);
+    if (!pretty.isEmpty()) {
+        return pretty;
     }
     const QString hostName = QSysInfo::machineHostName().trimmed();
     if (hostName.isEmpty()) {

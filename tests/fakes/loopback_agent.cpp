@@ -28,11 +28,17 @@ bool LoopbackAgent::start() {
     ServerLogManager::shared().setEchoToStandardOutput(false);
     port = freeLoopbackPort();
     preferences.set(u"serverPort"_s, port);
-    AgentEnvironment environment{time,   time, preferences, identity, displays, events, dataDirectory.path(),
+    AgentEnvironment environment{time,
+                                 time,
+                                 preferences,
+                                 identity,
+                                 displays,
+                                 events,
+                                 stats,
+                                 advertiser,
+                                 dataDirectory.path(),
                                  QHostAddress(QHostAddress::LocalHost)};
     environment.accountVerifier = &verifier;
-    environment.statsProvider = &stats;
-    environment.advertiser = &advertiser;
     environment.systemClipboard = &systemClipboard;
     manager = std::make_unique<ServerManager>(environment);
     VirtualTime::drainEvents();

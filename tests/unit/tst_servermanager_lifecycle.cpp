@@ -1,9 +1,10 @@
-#include "service_advertiser.h"
 #include "fake_discovery.h"
 #include "fake_platform.h"
+#include "fake_services.h"
 #include "log_lines.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
+#include "service_advertiser.h"
 #include "virtual_time.h"
 
 #include <QSignalSpy>
@@ -11,7 +12,6 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
-
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -42,13 +42,21 @@ class TestServerManagerLifecycle : public QObject {
     std::unique_ptr<QTemporaryDir> dataDirectory;
     FakeServicePublisher* publisher = nullptr;
     std::unique_ptr<ServiceAdvertiser> advertiser;
+    FakeStatsProvider stats;
     quint16 port = 0;
     QStringList statusHistory;
 
     std::unique_ptr<ServerManager> makeManager() {
-        AgentEnvironment environment{*time,   *time, *preferences, *identity, *displays, *events, dataDirectory->path(),
+        AgentEnvironment environment{*time,
+                                     *time,
+                                     *preferences,
+                                     *identity,
+                                     *displays,
+                                     *events,
+                                     stats,
+                                     *advertiser,
+                                     dataDirectory->path(),
                                      QHostAddress(QHostAddress::LocalHost)};
-        environment.advertiser = advertiser.get();
         auto manager = std::make_unique<ServerManager>(environment);
         connect(manager.get(), &ServerManager::serverStateChanged, this, [this, m = manager.get()] {
             if (statusHistory.isEmpty() || statusHistory.constLast() != m->serverState().statusMessage) {
@@ -218,8 +226,8 @@ private Q_SLOTS:
     void startAdvertisesPortAndComputerNameAndStopWithdraws_data() {
         QTest::addColumn<std::optional<QString>>("computerName");
         QTest::addColumn<QString>("instanceName");
-        QTest::newRow("named computer") << std::optional<QString>(u"Alice's Workstation"_s)
-                                        << u"TellwynAgent - Alice's Workstation"_s;
+        QTest::newRow("named computer")
+            << std::optional<QString>(u"Alice's Workstation"_s) << u"TellwynAgent - Alice's Workstation"_s;
         QTest::newRow("no name") << std::optional<QString>() << u"TellwynAgent - Unknown Computer"_s;
     }
 
@@ -250,8 +258,9 @@ private Q_SLOTS:
         startAndSettle(*manager);
         QVERIFY(manager->serverState().isRunning);
         QVERIFY(!manager->permissionState().screenCaptureAuthorized);
-        QCOMPARE(statusHistory.constFirst(),
-                 u"Warning: Screen recording not yet authorized. Grant permission in TellwynAgent settings."_s);
+        QCOMPARE(
+            statusHistory.constFirst(),
+            u"Warning: Screen recording not yet authorized. Grant permission in TellwynAgent settings."_s);
         QVERIFY(loggedInOrder({
             u"[SERVER] Display detected: 2 screen(s) available"_s,
             u"[WARN] Screen recording permission not granted - server will start but capture will be gated"_s,
@@ -289,15 +298,22 @@ private Q_SLOTS:
         blocker.close();
         dataDirectory = std::make_unique<QTemporaryDir>(); // kept valid for the fixture
         preferences->set(u"serverPort"_s, port);
-        AgentEnvironment environment{*time,    *time,  *preferences, *identity, *displays,
-                                     *events,  blocker.fileName() + u"/data"_s,
+        AgentEnvironment environment{*time,
+                                     *time,
+                                     *preferences,
+                                     *identity,
+                                     *displays,
+                                     *events,
+                                     stats,
+                                     *advertiser,
+                                     blocker.fileName() + u"/data"_s,
                                      QHostAddress(QHostAddress::LocalHost)};
-        environment.advertiser = advertiser.get();
         auto manager = std::make_unique<ServerManager>(environment);
         VirtualTime::drainEvents();
         startAndSettle(*manager);
         QVERIFY(!manager->serverState().isRunning);
-        QVERIFY(manager->serverState().statusMessage.startsWith(u"Failed to start remote service: Cannot create"_s));
+        QVERIFY(manager->serverState().statusMessage.startsWith(
+            u"Failed to start remote service: Cannot create"_s));
     }
 
     void cleanupTimerLivesExactlyWhileTheServerRuns() {
@@ -341,12 +357,11 @@ private Q_SLOTS:
         QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), int(newPort));
         QVERIFY(acceptsConnections(newPort));
         QVERIFY(!acceptsConnections(port));
-        QVERIFY(loggedInOrder({u"[SERVER] Server port updated to %1"_s.arg(newPort),
-                               u"[SERVER] Stopping HLVP server"_s,
-                               u"[SERVER] Remote service stopped successfully"_s,
-                               u"[SERVER] Setting up HLVP server"_s,
-                               u"[SERVER] Starting remote service on port %1"_s.arg(newPort),
-                               u"[SERVER] Remote service startup completed successfully"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[SERVER] Server port updated to %1"_s.arg(newPort), u"[SERVER] Stopping HLVP server"_s,
+             u"[SERVER] Remote service stopped successfully"_s, u"[SERVER] Setting up HLVP server"_s,
+             u"[SERVER] Starting remote service on port %1"_s.arg(newPort),
+             u"[SERVER] Remote service startup completed successfully"_s}));
     }
 
     void portChangeWhileStoppedOnlyStoresIt() {
@@ -370,7 +385,8 @@ private Q_SLOTS:
         QVERIFY(!manager->serverState().isRunning);
         manager->setAutoStartServer(false);
         QCOMPARE(preferences->values.value(u"autoStartServer"_s), QVariant(false));
-        QVERIFY(loggedInOrder({u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
     }
 
     void sleepAndWakeKeepTheServerAndSetTheirTexts() {
@@ -397,11 +413,11 @@ private Q_SLOTS:
         // Handled inside the notification: nothing needs the event loop.
         QVERIFY(!manager->serverState().isRunning);
         QVERIFY(manager->server() != nullptr);
-        QCOMPARE(loggedLines(),
-                 QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
-                              u"[SERVER] Stopping HLVP server"_s, u"[BONJOUR] Stopped Bonjour service publishing"_s,
-                              u"[SERVER] Remote service stopped successfully"_s,
-                              u"[SERVER] All subscriptions cancelled"_s}));
+        QCOMPARE(loggedLines(), QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
+                                             u"[SERVER] Stopping HLVP server"_s,
+                                             u"[BONJOUR] Stopped Bonjour service publishing"_s,
+                                             u"[SERVER] Remote service stopped successfully"_s,
+                                             u"[SERVER] All subscriptions cancelled"_s}));
         QVERIFY(!acceptsConnections(port));
     }
 
