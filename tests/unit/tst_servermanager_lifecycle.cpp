@@ -46,7 +46,7 @@ class TestServerManagerLifecycle : public QObject {
     quint16 port = 0;
     QStringList statusHistory;
 
-    std::unique_ptr<ServerManager> makeManager() {
+    std::unique_ptr<ServerManager> makeManager(std::optional<quint16> commandLinePort = std::nullopt) {
         AgentEnvironment environment{*time,
                                      *time,
                                      *preferences,
@@ -57,6 +57,7 @@ class TestServerManagerLifecycle : public QObject {
                                      *advertiser,
                                      dataDirectory->path(),
                                      QHostAddress(QHostAddress::LocalHost)};
+        environment.port = commandLinePort;
         auto manager = std::make_unique<ServerManager>(environment);
         connect(manager.get(), &ServerManager::serverStateChanged, this, [this, m = manager.get()] {
             if (statusHistory.isEmpty() || statusHistory.constLast() != m->serverState().statusMessage) {
@@ -155,6 +156,15 @@ private Q_SLOTS:
         VirtualTime::drainEvents();
         QCOMPARE(int(manager->settingsState().serverPort), expected);
         QVERIFY(loggedLines().contains(u"[SERVER] Loaded server port: %1"_s.arg(expected)));
+    }
+
+    // A port from the command line replaces the stored one and is kept for the next start.
+    void commandLinePortReplacesTheStoredOneAndIsKept() {
+        preferences->set(u"serverPort"_s, 6000);
+        auto manager = makeManager(quint16(6123));
+        VirtualTime::drainEvents();
+        QCOMPARE(manager->settingsState().serverPort, quint16(6123));
+        QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), 6123);
     }
 
     void featureSwitchesCountAnythingButABooleanAsOn_data() {
