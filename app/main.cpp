@@ -162,8 +162,9 @@ int main(int argc, char** argv) {
     PamAccountVerifier accountVerifier;
     SecretServiceCredentialStore credentialStore;
     XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
-    AgentEnvironment environment{clock,  scheduler,     preferences, identity,      displays,
-                                 events, statsProvider, advertiser,  dataDirectory, options.listenAddress};
+    AgentEnvironment environment{clock,  scheduler,     preferences, identity,     displays,
+                                 events, statsProvider, advertiser,  dataDirectory};
+    environment.listenAddress = options.listenAddress;
     environment.port = options.port;
     environment.accountVerifier = &accountVerifier;
     environment.systemClipboard = &systemClipboard;

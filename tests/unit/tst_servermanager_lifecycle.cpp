@@ -1,4 +1,3 @@
-#include "fake_discovery.h"
 #include "fake_platform.h"
 #include "fake_services.h"
 #include "log_lines.h"
@@ -46,17 +45,13 @@ class TestServerManagerLifecycle : public QObject {
     quint16 port = 0;
     QStringList statusHistory;
 
-    std::unique_ptr<ServerManager> makeManager(std::optional<quint16> commandLinePort = std::nullopt) {
-        AgentEnvironment environment{*time,
-                                     *time,
-                                     *preferences,
-                                     *identity,
-                                     *displays,
-                                     *events,
-                                     stats,
-                                     *advertiser,
-                                     dataDirectory->path(),
-                                     QHostAddress(QHostAddress::LocalHost)};
+    std::unique_ptr<ServerManager> makeManager(std::optional<quint16> commandLinePort = std::nullopt,
+                                               const QString& dataFolder = {}) {
+        AgentEnvironment environment{
+            *time,     *time,       *preferences,
+            *identity, *displays,   *events,
+            stats,     *advertiser, dataFolder.isEmpty() ? dataDirectory->path() : dataFolder};
+        environment.listenAddress = QHostAddress(QHostAddress::LocalHost);
         environment.port = commandLinePort;
         auto manager = std::make_unique<ServerManager>(environment);
         connect(manager.get(), &ServerManager::serverStateChanged, this, [this, m = manager.get()] {
@@ -308,17 +303,7 @@ private Q_SLOTS:
         blocker.close();
         dataDirectory = std::make_unique<QTemporaryDir>(); // kept valid for the fixture
         preferences->set(u"serverPort"_s, port);
-        AgentEnvironment environment{*time,
-                                     *time,
-                                     *preferences,
-                                     *identity,
-                                     *displays,
-                                     *events,
-                                     stats,
-                                     *advertiser,
-                                     blocker.fileName() + u"/data"_s,
-                                     QHostAddress(QHostAddress::LocalHost)};
-        auto manager = std::make_unique<ServerManager>(environment);
+        auto manager = makeManager(std::nullopt, blocker.fileName() + u"/data"_s);
         VirtualTime::drainEvents();
         startAndSettle(*manager);
         QVERIFY(!manager->serverState().isRunning);

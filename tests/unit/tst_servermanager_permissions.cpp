@@ -77,7 +77,6 @@ private Q_SLOTS:
         permissions = FakePermissionService();
         captures = HeldCaptures();
         displays.count = 1;
-        manager.reset();
         services = std::make_unique<QuietAgentServices>(*time, identity);
         AgentEnvironment environment{*time,  *time,           preferences,          identity,   displays,
                                      events, services->stats, services->advertiser, data.path()};
