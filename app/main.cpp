@@ -1,21 +1,31 @@
 #include "agent_options.h"
-#include "qt_system_clipboard.h"
 #include "crash_reporter.h"
-#include "desktop_permission_service.h"
-#include "linux_display_probe.h"
-#include "linux_system_events.h"
-#include "linux_system_identity.h"
-#include "pam_account_verifier.h"
-#include "secret_service_credential_store.h"
+#include "linux_host_probes.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
-#include "settings_preferences.h"
-#include "system_clock.h"
-#include "unix_signal_watcher.h"
+#include "service_advertiser.h"
+#include "system_stats_provider.h"
 #include "update_alerts.h"
 #include "update_command.h"
-#include "x11_screen_capture.h"
-#include "xdg_autostart_login_item.h"
+
+// The application is where the Linux implementations are chosen and built, one of each.
+#include "linux/avahi_service_publisher.h"
+#include "linux/desktop_permission_service.h"
+#include "linux/freedesktop_file_revealer.h"
+#include "linux/linux_display_probe.h"
+#include "linux/linux_system_events.h"
+#include "linux/linux_system_identity.h"
+#include "linux/logind_desktop_session.h"
+#include "linux/netlink_path_monitor.h"
+#include "linux/pam_account_verifier.h"
+#include "linux/qt_system_clipboard.h"
+#include "linux/secret_service_credential_store.h"
+#include "linux/settings_preferences.h"
+#include "linux/system_clock.h"
+#include "linux/unix_signal_watcher.h"
+#include "linux/x11_screen_capture.h"
+#include "linux/x11_window_system.h"
+#include "linux/xdg_autostart_login_item.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -64,7 +74,9 @@ int runUpdateCheck(const AgentOptions& options) {
     if (qobject_cast<QApplication*>(QCoreApplication::instance())) {
         UpdateCheckRequest request;
         request.feedURL = resolveUpdateFeedURL(options.updateFeedURL);
-        return runWidgetUpdateCheck(request);
+        QtScheduler scheduler;
+        FreedesktopFileRevealer revealer;
+        return runWidgetUpdateCheck(request, scheduler, revealer);
     }
     QNetworkAccessManager network;
     QtScheduler scheduler;
@@ -131,28 +143,38 @@ int main(int argc, char** argv) {
         printTo(stderr, u"tellwyn-agent: %1\n"_s.arg(preferences.problem()));
         ServerLogManager::shared().log(preferences.problem(), u"WARN"_s);
     }
-    if (options.port) {
-        // Stored before the settings load, exactly where a port change would store it.
-        preferences.set(PreferenceKey::serverPort, static_cast<int>(*options.port));
-    }
-
     UnixSignalWatcher signals;
     QObject::connect(&signals, &UnixSignalWatcher::terminationRequested, application.get(),
                      [](int) { QCoreApplication::quit(); });
 
+    // Declared before the statistics provider and the core, so destroyed after them: the
+    // provider's worker reads the session, windows and permissions until the provider is gone.
+    const std::unique_ptr<PermissionService> permissions = makeDesktopPermissionService(dataDirectory);
+    LogindDesktopSession desktopSession;
+    X11WindowSystem windowSystem;
+    LinuxHostProbes hostProbes(desktopSession, windowSystem, *permissions,
+                               LinuxHostProbes::systemSources(identity));
+    SystemStatsProvider statsProvider(hostProbes, clock);
+    ServiceAdvertiser advertiser(
+        std::make_unique<AvahiServicePublisher>(),
+        std::make_unique<NetlinkPathMonitor>(QString::fromLatin1(ServiceAdvertiser::monitorQueueLabel)),
+        scheduler, identity);
+
     PamAccountVerifier accountVerifier;
-    AgentEnvironment environment{clock,    scheduler, preferences,   identity,
-                                 displays, events,    dataDirectory, options.listenAddress};
+    SecretServiceCredentialStore credentialStore;
+    XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
+    AgentEnvironment environment{clock,  scheduler,     preferences, identity,     displays,
+                                 events, statsProvider, advertiser,  dataDirectory};
+    environment.listenAddress = options.listenAddress;
+    environment.port = options.port;
     environment.accountVerifier = &accountVerifier;
     environment.systemClipboard = &systemClipboard;
     // Without a session bus there is no keyring to ask (nor a window to lock).
-    SecretServiceCredentialStore credentialStore;
     if (QDBusConnection::sessionBus().isConnected()) {
         environment.credentialStore = &credentialStore;
     }
-    XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
     environment.loginItem = &loginItem;
-    environment.permissions = &desktopPermissionService(dataDirectory);
+    environment.permissions = permissions.get();
     environment.makeScreenCapture = [] {
         return std::make_unique<X11ScreenCapture>();
     };

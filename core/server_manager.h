@@ -9,7 +9,6 @@
 #include <QMetaObject>
 #include <QMutex>
 #include <QObject>
-
 #include <functional>
 #include <memory>
 #include <optional>
@@ -34,8 +33,9 @@ class SystemEvents;
 class SystemIdentity;
 class SystemStatsProvider;
 
-// What the agent core needs from the machine. The application passes the platform's
-// implementations; tests pass fakes and a virtual clock.
+// What the agent core needs from the machine. The application builds the platform's
+// implementations, exactly one of each for the process, and passes them here; tests pass fakes
+// and a virtual clock. The core never falls back to an instance of its own.
 struct AgentEnvironment {
     Clock& clock;
     Scheduler& scheduler;
@@ -43,12 +43,14 @@ struct AgentEnvironment {
     SystemIdentity& identity;
     DisplayProbe& displays;
     SystemEvents& events;
+    SystemStatsProvider& statsProvider;             // the statistics signed-in viewers receive
+    ServiceAdvertiser& advertiser;                  // publishes the running server by DNS-SD
     QString dataDirectory;                          // the TLS identity lives here
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
-    SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
+    // The port given on the command line: used in place of the stored one, and stored.
+    std::optional<quint16> port = std::nullopt;
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
-    ServiceAdvertiser* advertiser = nullptr;    // the process's single advertiser when null
-    SystemClipboard* systemClipboard = nullptr;               // the machine's clipboard; none: nothing is shared
+    SystemClipboard* systemClipboard = nullptr;     // the machine's clipboard; none: nothing is shared
     HLVPCredentialStore* credentialStore = nullptr; // the keyring; none: the lock password stays in memory
     LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails
     PermissionService* permissions = nullptr;       // screen capture and input; none: neither is allowed
@@ -126,13 +128,14 @@ public:
     bool isAuthenticationRateLimited(const AuthRateLimitKeys& keys) const;
     void recordAuthFailure(QHash<QString, AuthFailureRecord>& map, const QString& key);
     // Runs on the authentication queue; touches nothing of the manager.
-    static bool verifySystemCredentials(AccountVerifier* verifier, const QString& loginName, const QString& userName,
-                                        const QString& password);
+    static bool verifySystemCredentials(AccountVerifier* verifier, const QString& loginName,
+                                        const QString& userName, const QString& password);
     void handleAuthenticationResult(bool valid, const QString& userName, const QString& key,
                                     const AuthRateLimitKeys& keys);
     void completeAuthentication(const QString& key);
     void sendAuthenticationFailure(const QString& key, const QString& reason);
-    void removeClientAfterAuthenticationFailure(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
+    void removeClientAfterAuthenticationFailure(const std::shared_ptr<HLVPServerClient>& client,
+                                                const QString& key);
     const QHash<QString, AuthFailureRecord>& endpointAuthFailures() const { return m_endpointAuthFailures; }
     const QHash<QString, AuthFailureRecord>& globalAuthFailures() const { return m_globalAuthFailures; }
     qsizetype pendingAuthenticationCount() const { return m_authenticationInProgress.size(); }

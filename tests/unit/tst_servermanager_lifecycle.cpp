@@ -1,9 +1,9 @@
-#include "service_advertiser.h"
-#include "fake_discovery.h"
 #include "fake_platform.h"
+#include "fake_services.h"
 #include "log_lines.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
+#include "service_advertiser.h"
 #include "virtual_time.h"
 
 #include <QSignalSpy>
@@ -11,7 +11,6 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
-
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -42,13 +41,18 @@ class TestServerManagerLifecycle : public QObject {
     std::unique_ptr<QTemporaryDir> dataDirectory;
     FakeServicePublisher* publisher = nullptr;
     std::unique_ptr<ServiceAdvertiser> advertiser;
+    FakeStatsProvider stats;
     quint16 port = 0;
     QStringList statusHistory;
 
-    std::unique_ptr<ServerManager> makeManager() {
-        AgentEnvironment environment{*time,   *time, *preferences, *identity, *displays, *events, dataDirectory->path(),
-                                     QHostAddress(QHostAddress::LocalHost)};
-        environment.advertiser = advertiser.get();
+    std::unique_ptr<ServerManager> makeManager(std::optional<quint16> commandLinePort = std::nullopt,
+                                               const QString& dataFolder = {}) {
+        AgentEnvironment environment{
+            *time,     *time,       *preferences,
+            *identity, *displays,   *events,
+            stats,     *advertiser, dataFolder.isEmpty() ? dataDirectory->path() : dataFolder};
+        environment.listenAddress = QHostAddress(QHostAddress::LocalHost);
+        environment.port = commandLinePort;
         auto manager = std::make_unique<ServerManager>(environment);
         connect(manager.get(), &ServerManager::serverStateChanged, this, [this, m = manager.get()] {
             if (statusHistory.isEmpty() || statusHistory.constLast() != m->serverState().statusMessage) {
@@ -149,6 +153,15 @@ private Q_SLOTS:
         QVERIFY(loggedLines().contains(u"[SERVER] Loaded server port: %1"_s.arg(expected)));
     }
 
+    // A port from the command line replaces the stored one and is kept for the next start.
+    void commandLinePortReplacesTheStoredOneAndIsKept() {
+        preferences->set(u"serverPort"_s, 6000);
+        auto manager = makeManager(quint16(6123));
+        VirtualTime::drainEvents();
+        QCOMPARE(manager->settingsState().serverPort, quint16(6123));
+        QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), 6123);
+    }
+
     void featureSwitchesCountAnythingButABooleanAsOn_data() {
         QTest::addColumn<QVariant>("stored"); // invalid: absent
         QTest::addColumn<bool>("expected");
@@ -218,8 +231,8 @@ private Q_SLOTS:
     void startAdvertisesPortAndComputerNameAndStopWithdraws_data() {
         QTest::addColumn<std::optional<QString>>("computerName");
         QTest::addColumn<QString>("instanceName");
-        QTest::newRow("named computer") << std::optional<QString>(u"Alice's Workstation"_s)
-                                        << u"TellwynAgent - Alice's Workstation"_s;
+        QTest::newRow("named computer")
+            << std::optional<QString>(u"Alice's Workstation"_s) << u"TellwynAgent - Alice's Workstation"_s;
         QTest::newRow("no name") << std::optional<QString>() << u"TellwynAgent - Unknown Computer"_s;
     }
 
@@ -250,8 +263,9 @@ private Q_SLOTS:
         startAndSettle(*manager);
         QVERIFY(manager->serverState().isRunning);
         QVERIFY(!manager->permissionState().screenCaptureAuthorized);
-        QCOMPARE(statusHistory.constFirst(),
-                 u"Warning: Screen recording not yet authorized. Grant permission in TellwynAgent settings."_s);
+        QCOMPARE(
+            statusHistory.constFirst(),
+            u"Warning: Screen recording not yet authorized. Grant permission in TellwynAgent settings."_s);
         QVERIFY(loggedInOrder({
             u"[SERVER] Display detected: 2 screen(s) available"_s,
             u"[WARN] Screen recording permission not granted - server will start but capture will be gated"_s,
@@ -289,15 +303,12 @@ private Q_SLOTS:
         blocker.close();
         dataDirectory = std::make_unique<QTemporaryDir>(); // kept valid for the fixture
         preferences->set(u"serverPort"_s, port);
-        AgentEnvironment environment{*time,    *time,  *preferences, *identity, *displays,
-                                     *events,  blocker.fileName() + u"/data"_s,
-                                     QHostAddress(QHostAddress::LocalHost)};
-        environment.advertiser = advertiser.get();
-        auto manager = std::make_unique<ServerManager>(environment);
+        auto manager = makeManager(std::nullopt, blocker.fileName() + u"/data"_s);
         VirtualTime::drainEvents();
         startAndSettle(*manager);
         QVERIFY(!manager->serverState().isRunning);
-        QVERIFY(manager->serverState().statusMessage.startsWith(u"Failed to start remote service: Cannot create"_s));
+        QVERIFY(manager->serverState().statusMessage.startsWith(
+            u"Failed to start remote service: Cannot create"_s));
     }
 
     void cleanupTimerLivesExactlyWhileTheServerRuns() {
@@ -345,12 +356,11 @@ private Q_SLOTS:
         QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), int(newPort));
         QVERIFY(acceptsConnections(newPort));
         QVERIFY(!acceptsConnections(port));
-        QVERIFY(loggedInOrder({u"[SERVER] Server port updated to %1"_s.arg(newPort),
-                               u"[SERVER] Stopping HLVP server"_s,
-                               u"[SERVER] Remote service stopped successfully"_s,
-                               u"[SERVER] Setting up HLVP server"_s,
-                               u"[SERVER] Starting remote service on port %1"_s.arg(newPort),
-                               u"[SERVER] Remote service startup completed successfully"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[SERVER] Server port updated to %1"_s.arg(newPort), u"[SERVER] Stopping HLVP server"_s,
+             u"[SERVER] Remote service stopped successfully"_s, u"[SERVER] Setting up HLVP server"_s,
+             u"[SERVER] Starting remote service on port %1"_s.arg(newPort),
+             u"[SERVER] Remote service startup completed successfully"_s}));
     }
 
     void portChangeWhileStoppedIsUsedByTheNextStart() {
@@ -376,7 +386,8 @@ private Q_SLOTS:
         QVERIFY(!manager->serverState().isRunning);
         manager->setAutoStartServer(false);
         QCOMPARE(preferences->values.value(u"autoStartServer"_s), QVariant(false));
-        QVERIFY(loggedInOrder({u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
     }
 
     void sleepAndWakeKeepTheServerAndSetTheirTexts() {
@@ -403,11 +414,11 @@ private Q_SLOTS:
         // Handled inside the notification: nothing needs the event loop.
         QVERIFY(!manager->serverState().isRunning);
         QVERIFY(manager->server() != nullptr);
-        QCOMPARE(loggedLines(),
-                 QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
-                              u"[SERVER] Stopping HLVP server"_s, u"[BONJOUR] Stopped Bonjour service publishing"_s,
-                              u"[SERVER] Remote service stopped successfully"_s,
-                              u"[SERVER] All subscriptions cancelled"_s}));
+        QCOMPARE(loggedLines(), QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
+                                             u"[SERVER] Stopping HLVP server"_s,
+                                             u"[BONJOUR] Stopped Bonjour service publishing"_s,
+                                             u"[SERVER] Remote service stopped successfully"_s,
+                                             u"[SERVER] All subscriptions cancelled"_s}));
         QVERIFY(!acceptsConnections(port));
     }
 

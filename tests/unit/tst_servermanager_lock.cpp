@@ -27,12 +27,15 @@ class TestServerManagerLock : public QObject {
     FakeCredentialStore keyring;
     FakeLoginItem loginItem;
     QTemporaryDir data;
+    std::unique_ptr<QuietAgentServices> services;
     std::unique_ptr<ServerManager> manager;
 
     // A manager whose settings have been loaded, as at every start.
     void start(bool withKeyring = true) {
         manager.reset();
-        AgentEnvironment environment{*time, *time, preferences, identity, displays, events, data.path()};
+        services = std::make_unique<QuietAgentServices>(*time, identity);
+        AgentEnvironment environment{*time,  *time,           preferences,          identity,   displays,
+                                     events, services->stats, services->advertiser, data.path()};
         environment.credentialStore = withKeyring ? &keyring : nullptr;
         environment.loginItem = &loginItem;
         manager = std::make_unique<ServerManager>(environment);
@@ -109,7 +112,8 @@ private Q_SLOTS:
         // Not moved, but it works from memory for this run, and the copy stays for the next try.
         QCOMPARE(lockPassword(), u"legacy"_s);
         QVERIFY(preferences.values.contains(u"ServerPassword"_s));
-        QVERIFY(loggedLines().contains(u"[ERROR] Agent password migration deferred: The keyring is locked."_s));
+        QVERIFY(
+            loggedLines().contains(u"[ERROR] Agent password migration deferred: The keyring is locked."_s));
 
         keyring.failure.reset();
         ServerLogManager::shared().clearLogs();
@@ -155,7 +159,8 @@ private Q_SLOTS:
         QVERIFY(manager->settingsState().passwordProtectionEnabled);
         QCOMPARE(preferences.values.value(u"PasswordProtectionEnabled"_s), QVariant(true));
         manager->setPasswordProtection(false);
-        QVERIFY(loggedInOrder({u"[AUTH] Password protection enabled"_s, u"[AUTH] Password protection disabled"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[AUTH] Password protection enabled"_s, u"[AUTH] Password protection disabled"_s}));
         start();
         QVERIFY(!manager->settingsState().passwordProtectionEnabled);
     }
@@ -168,10 +173,11 @@ private Q_SLOTS:
         QVERIFY(!loginItem.registered);
         loginItem.failure = u"AutostartError.writeFailed(path: \"x\", reason: \"disk full\")"_s;
         manager->registerLoginItem();
-        QVERIFY(loggedInOrder({u"[SERVER] Registered app with SMAppService for launch at login"_s,
-                               u"[SERVER] Unregistered app from SMAppService"_s,
-                               u"[ERROR] Failed to register with SMAppService: AutostartError.writeFailed(path: "
-                               u"\"x\", reason: \"disk full\")"_s}));
+        QVERIFY(
+            loggedInOrder({u"[SERVER] Registered app with SMAppService for launch at login"_s,
+                           u"[SERVER] Unregistered app from SMAppService"_s,
+                           u"[ERROR] Failed to register with SMAppService: AutostartError.writeFailed(path: "
+                           u"\"x\", reason: \"disk full\")"_s}));
     }
 };
 

@@ -2,6 +2,7 @@
 // the relaunch flag and one test capture at a time. Fakes and virtual time.
 
 #include "fake_platform.h"
+#include "fake_services.h"
 #include "hlvp_screen_capture.h"
 #include "log_lines.h"
 #include "server_log_manager.h"
@@ -50,10 +51,12 @@ class TestServerManagerPermissions : public QObject {
     FakePermissionService permissions;
     HeldCaptures captures;
     QTemporaryDir data;
+    std::unique_ptr<QuietAgentServices> services;
     std::unique_ptr<ServerManager> manager;
 
     int freshScreenQueries() {
-        return int(loggedLines().filter(u"[PERMISSIONS] Screen recording permission status refreshed"_s).size());
+        return int(
+            loggedLines().filter(u"[PERMISSIONS] Screen recording permission status refreshed"_s).size());
     }
     QString status() const { return manager->serverState().statusMessage; }
     void answerCapture(bool success) {
@@ -74,9 +77,13 @@ private Q_SLOTS:
         permissions = FakePermissionService();
         captures = HeldCaptures();
         displays.count = 1;
-        AgentEnvironment environment{*time, *time, preferences, identity, displays, events, data.path()};
+        services = std::make_unique<QuietAgentServices>(*time, identity);
+        AgentEnvironment environment{*time,  *time,           preferences,          identity,   displays,
+                                     events, services->stats, services->advertiser, data.path()};
         environment.permissions = &permissions;
-        environment.makeScreenCapture = [this] { return std::make_unique<FakeScreenCapture>(captures); };
+        environment.makeScreenCapture = [this] {
+            return std::make_unique<FakeScreenCapture>(captures);
+        };
         manager = std::make_unique<ServerManager>(environment);
         VirtualTime::drainEvents();
         ServerLogManager::shared().clearLogs();
@@ -95,7 +102,8 @@ private Q_SLOTS:
         manager->checkScreenCapturePermission();
         VirtualTime::drainEvents();
         QCOMPARE(freshScreenQueries(), 1);
-        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Screen capture permissions loaded from cache: true"_s));
+        QVERIFY(
+            loggedLines().contains(u"[PERMISSIONS] Screen capture permissions loaded from cache: true"_s));
         time->advance(1s);
         permissions.captureAllowed = false;
         manager->checkScreenCapturePermission();
@@ -127,15 +135,17 @@ private Q_SLOTS:
                 [&] { statuses.append(manager->serverState().statusMessage); });
         manager->requestScreenCapturePermission();
         // The relaunch text is shown at once; the fresh query the request posted then says what it finds.
-        QCOMPARE(status(),
-                 u"Screen recording may require relaunch. Quit and reopen TellwynAgent to activate remote viewing."_s);
+        QCOMPARE(
+            status(),
+            u"Screen recording may require relaunch. Quit and reopen TellwynAgent to activate remote viewing."_s);
         VirtualTime::drainEvents();
         QVERIFY(manager->screenCaptureRequiresRelaunch());
         QCOMPARE(statuses.constLast(), u"Ready to start remote service"_s);
-        QVERIFY(loggedInOrder({u"[PERMISSIONS] Screen recording permission request returned: true"_s,
-                               u"[PERMISSIONS] Screen recording request completed, but current process still requires "
-                               u"relaunch for TCC refresh"_s,
-                               u"[PERMISSIONS] Opened System Settings for Screen Recording"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[PERMISSIONS] Screen recording permission request returned: true"_s,
+             u"[PERMISSIONS] Screen recording request completed, but current process still requires "
+             u"relaunch for TCC refresh"_s,
+             u"[PERMISSIONS] Opened System Settings for Screen Recording"_s}));
         QCOMPARE(permissions.openedPages.constFirst(), PermissionService::SettingsPage::screenSharing);
         const int afterRequest = freshScreenQueries();
         // Re-checks 1, 3 and 6 s later, each a fresh query.
@@ -158,7 +168,8 @@ private Q_SLOTS:
         const int pending = time->pendingTimerCount();
         manager->requestScreenCapturePermission();
         QVERIFY(!manager->cachedPermission(u"screenCapture"_s));
-        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Screen capture permissions already granted, skipping request"_s));
+        QVERIFY(loggedLines().contains(
+            u"[PERMISSIONS] Screen capture permissions already granted, skipping request"_s));
         QCOMPARE(permissions.screenCaptureRequests, 0);
         QCOMPARE(time->pendingTimerCount(), pending);
     }
@@ -167,15 +178,18 @@ private Q_SLOTS:
         permissions.captureAllowed = true;
         // Granted by the preflight of the request: one validation, no re-checks.
         manager->requestScreenCapturePermission();
-        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Screen recording permission already granted by preflight"_s));
+        QVERIFY(loggedLines().contains(
+            u"[PERMISSIONS] Screen recording permission already granted by preflight"_s));
         QCOMPARE(captures.pending.size(), 1);
         manager->validateScreenCaptureRuntime();
         QCOMPARE(captures.pending.size(), 1);
         answerCapture(false);
         QCOMPARE(captures.cleanups, 1);
-        QCOMPARE(status(), u"Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
-                           u"remote viewing does not start."_s);
-        QVERIFY(loggedLines().contains(u"[PERMISSIONS] ScreenCaptureKit runtime validation failed: no picture"_s));
+        QCOMPARE(status(),
+                 u"Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
+                 u"remote viewing does not start."_s);
+        QVERIFY(loggedLines().contains(
+            u"[PERMISSIONS] ScreenCaptureKit runtime validation failed: no picture"_s));
         manager->validateScreenCaptureRuntime();
         answerCapture(true);
         QCOMPARE(status(), u"Ready for connections"_s);
@@ -184,7 +198,8 @@ private Q_SLOTS:
         displays.count = 0;
         manager->validateScreenCaptureRuntime();
         QVERIFY(captures.pending.isEmpty());
-        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Skipping screen capture runtime validation on headless server"_s));
+        QVERIFY(loggedLines().contains(
+            u"[PERMISSIONS] Skipping screen capture runtime validation on headless server"_s));
     }
 
     void accessibilityIsQueriedThenCached() {

@@ -3,11 +3,9 @@
 #include <QBuffer>
 #include <QImage>
 #include <QMetaObject>
-
-#include <xcb/xcb.h>
-
 #include <cstdlib>
 #include <memory>
+#include <xcb/xcb.h>
 
 using namespace Qt::StringLiterals;
 
@@ -23,8 +21,8 @@ HLVPScreenCapture::Result capture(quint32 displayID, double quality) {
     std::unique_ptr<xcb_connection_t, void (*)(xcb_connection_t*)> connection(xcb_connect(display, nullptr),
                                                                               xcb_disconnect);
     if (xcb_connection_has_error(connection.get()) != 0) {
-        return HLVPError(HLVPError::Code::captureFailed, u"The X display %1 cannot be reached."_s.arg(
-                                                             QString::fromLocal8Bit(display)));
+        return HLVPError(HLVPError::Code::captureFailed,
+                         u"The X display %1 cannot be reached."_s.arg(QString::fromLocal8Bit(display)));
     }
     auto screens = xcb_setup_roots_iterator(xcb_get_setup(connection.get()));
     for (quint32 i = 0; i < displayID && screens.rem > 0; ++i) {
@@ -41,7 +39,8 @@ HLVPScreenCapture::Result capture(quint32 displayID, double quality) {
     const int width = screen->width_in_pixels;
     const int height = screen->height_in_pixels;
     if (!reply || reply->depth < 24 || xcb_get_image_data_length(reply.get()) < width * height * 4) {
-        return HLVPError(HLVPError::Code::captureFailed, u"The X server did not give the picture of the screen."_s);
+        return HLVPError(HLVPError::Code::captureFailed,
+                         u"The X server did not give the picture of the screen."_s);
     }
     // 24- and 32-bit visuals come as four bytes a pixel, blue first.
     const QImage image(xcb_get_image_data(reply.get()), width, height, width * 4, QImage::Format_RGB32);
@@ -58,7 +57,8 @@ HLVPScreenCapture::Result capture(quint32 displayID, double quality) {
 
 void X11ScreenCapture::captureScreen(quint32 displayID, double quality, QObject* context, Completion done) {
     QMetaObject::invokeMethod(
-        context, [result = capture(displayID, quality), done = std::move(done)]() mutable { done(std::move(result)); },
+        context,
+        [result = capture(displayID, quality), done = std::move(done)]() mutable { done(std::move(result)); },
         Qt::QueuedConnection);
 }
 

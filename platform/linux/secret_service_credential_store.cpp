@@ -2,16 +2,14 @@
 
 #include "alternate_signal_stack.h"
 
-#include <qt6keychain/keychain.h>
-
 #include <QDeadlineTimer>
 #include <QMutex>
-#include <QWaitCondition>
 #include <QThread>
-
+#include <QWaitCondition>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <qt6keychain/keychain.h>
 
 using namespace Qt::StringLiterals;
 
@@ -73,7 +71,9 @@ bool runToEnd(std::function<JobType*()> makeJob, std::function<Result(JobType&)>
 
 } // namespace
 
-SecretServiceCredentialStore::SecretServiceCredentialStore(std::chrono::milliseconds timeout) : m_timeout(timeout) {}
+SecretServiceCredentialStore::SecretServiceCredentialStore(std::chrono::milliseconds timeout)
+    : m_timeout(timeout) {
+}
 
 HLVPCredentialStore::Lookup SecretServiceCredentialStore::agentLockPassword() {
     Lookup lookup;
@@ -111,7 +111,8 @@ std::optional<QString> SecretServiceCredentialStore::saveAgentLockPassword(const
             return job;
         },
         [](QKeychain::WritePasswordJob& job) {
-            return job.error() != QKeychain::NoError ? std::optional<QString>(job.errorString()) : std::nullopt;
+            return job.error() != QKeychain::NoError ? std::optional<QString>(job.errorString())
+                                                     : std::nullopt;
         },
         m_timeout, error);
     if (!answered) {
