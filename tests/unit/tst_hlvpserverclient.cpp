@@ -1,5 +1,6 @@
-// The connection object of the protocol library: its phase rule, sends on a closed connection,
-// and a viewer that stops reading. Real TLS on loopback.
+// The connection objects of the protocol library: the agent's phase rule, sends on a closed
+// connection, a viewer that stops reading, and what a viewer refuses from an agent. Real TLS on
+// loopback.
 
 #include "hlvp_connection.h"
 #include "hlvp_server.h"
@@ -9,7 +10,6 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
-
 #include <csignal>
 #include <memory>
 
@@ -95,9 +95,8 @@ private Q_SLOTS:
         QTRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
 
         std::optional<std::optional<HLVPError>> outcome;
-        client->sendEncryptedMessage(HeartbeatMessage{}, [&](const std::optional<HLVPError>& error) {
-            outcome = error;
-        });
+        client->sendEncryptedMessage(HeartbeatMessage{},
+                                     [&](const std::optional<HLVPError>& error) { outcome = error; });
         QVERIFY(!outcome); // never in the caller's stack
         QTRY_VERIFY(outcome.has_value());
         QVERIFY(outcome->has_value());
@@ -118,7 +117,8 @@ private Q_SLOTS:
         viewer->send(InputEventMessage{u"keyDown"_s, {}, {}, {}, 36, {}, {}});
         QTRY_COMPARE(toViewer.size(), 1);
         QCOMPARE(std::get<ErrorMessage>(toViewer.constFirst()).code, u"notAuthenticated"_s);
-        QCOMPARE(std::get<ErrorMessage>(toViewer.constFirst()).refersTo, std::optional<QString>(u"inputEvent"_s));
+        QCOMPARE(std::get<ErrorMessage>(toViewer.constFirst()).refersTo,
+                 std::optional<QString>(u"inputEvent"_s));
         QVERIFY(delivered.isEmpty());
 
         QVERIFY(client->markAuthenticated());
@@ -126,6 +126,16 @@ private Q_SLOTS:
         QTRY_COMPARE(delivered.size(), 1);
         QVERIFY(std::holds_alternative<InputEventMessage>(delivered.constFirst()));
         QVERIFY(client->connectionState() == HLVP::ConnectionState::authenticated);
+    }
+
+    void aViewerHangsUpOnAnAgentThatSendsWhatOnlyViewersSend() {
+        startServer({});
+        auto viewer = connectViewer();
+        QVERIFY(viewer);
+        QSignalSpy failed(viewer.get(), &HLVPConnection::failed);
+        accepted.constFirst()->sendEncryptedMessage(FileOfferMessage{u"t1"_s, u"a.txt"_s, 1, {}});
+        QTRY_COMPARE_WITH_TIMEOUT(failed.size(), 1, 60000);
+        QCOMPARE(failed.constFirst().at(1).toInt(), int(HLVPConnection::protocolError));
     }
 
     void aViewerThatStopsReadingIsCutOffInsteadOfBuffered() {
@@ -136,8 +146,8 @@ private Q_SLOTS:
         // A real TLS peer that is then frozen: it holds the connection open and reads nothing.
         QProcess peer;
         peer.setProgram(u"openssl"_s);
-        peer.setArguments({u"s_client"_s, u"-quiet"_s, u"-tls1_3"_s, u"-connect"_s,
-                           u"127.0.0.1:%1"_s.arg(server->port())});
+        peer.setArguments(
+            {u"s_client"_s, u"-quiet"_s, u"-tls1_3"_s, u"-connect"_s, u"127.0.0.1:%1"_s.arg(server->port())});
         peer.start();
         QVERIFY(peer.waitForStarted());
         QTRY_COMPARE(accepted.size(), 1);
@@ -162,8 +172,9 @@ private Q_SLOTS:
         QVERIFY(failure->code() == HLVPError::Code::sendFailed);
         QTRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
         QVERIFY(!libraryLines.filter(u"the viewer is not reading"_s).isEmpty());
-        QVERIFY(libraryLines.filter(u"the viewer is not reading"_s).constFirst().startsWith(
-            u"[SECURITY] Client %1: "_s.arg(client->clientKey())));
+        QVERIFY(libraryLines.filter(u"the viewer is not reading"_s)
+                    .constFirst()
+                    .startsWith(u"[SECURITY] Client %1: "_s.arg(client->clientKey())));
 
         ::kill(pid_t(peer.processId()), SIGCONT);
         peer.kill();
