@@ -247,7 +247,7 @@ category: generic
         const qsizetype inner = indexOf(u" (anonymous namespace)::captureInnerFrames() + "_s);
         const qsizetype outer = indexOf(u" (anonymous namespace)::captureOuterFrames() + "_s);
         QVERIFY2(inner >= 0 && outer == inner + 1, qPrintable(lines.join(u'\n')));
-        QVERIFY(lines[inner].startsWith(u"%1"_s.arg(inner, -4) + u"tst_crashreporter "_s));
+        QVERIFY(lines[inner].startsWith(u"%1"_s.arg(inner, -4) + u"tst_crash_reporter "_s));
         QVERIFY(lines[inner].contains(u" 0x%1 "_s.arg(frames[std::size_t(inner)], 16, 16, QChar(u'0'))));
         // The instruction a signal struck is its own function's, even at the function's first byte,
         // where the same value as a return address belongs to the code before it.
@@ -305,4 +305,4 @@ category: generic
 };
 
 QTEST_GUILESS_MAIN(TestCrashReporter)
-#include "tst_crashreporter.moc"
+#include "tst_crash_reporter.moc"
