@@ -88,24 +88,6 @@ class TestCrashReporter : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void signalTexts_data() {
-        QTest::addColumn<int>("signal");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("SIGILL") << SIGILL << u"SIGILL (Illegal Instruction)"_s;
-        QTest::newRow("SIGTRAP") << SIGTRAP << u"SIGTRAP (Trace Trap)"_s;
-        QTest::newRow("SIGABRT") << SIGABRT << u"SIGABRT (Abort)"_s;
-        QTest::newRow("SIGFPE") << SIGFPE << u"SIGFPE (Floating Point Exception)"_s;
-        QTest::newRow("SIGBUS") << SIGBUS << u"SIGBUS (Bus Error)"_s;
-        QTest::newRow("SIGSEGV") << SIGSEGV << u"SIGSEGV (Segmentation Violation)"_s;
-        QTest::newRow("SIGUSR1") << SIGUSR1 << u"Signal %1"_s.arg(SIGUSR1);
-        QTest::newRow("64") << 64 << u"Signal 64"_s;
-    }
-    void signalTexts() {
-        QFETCH(int, signal);
-        QFETCH(QString, text);
-        QCOMPARE(signalText(signal), text);
-    }
-
     void signalReportIsTheWholeText() {
         QCOMPARE(crashReportText(sampleHeader(), signalReport(SIGSEGV, callStack)), uR"(Crash Report
 ============
