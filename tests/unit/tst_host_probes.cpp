@@ -189,6 +189,7 @@ private Q_SLOTS:
         // The wired default route has the lower metric.
         laptop.interfaces = {{u"lo"_s, true, true, true, u"127.0.0.1"_s},
                              {u"wlp0s20f3"_s, false, true, false, std::nullopt},
+                             {u"virbr0"_s, true, false, false, u"192.168.122.1"_s}, // down
                              up(u"docker0"_s, u"172.17.0.1"_s),
                              up(u"wlp0s20f3"_s, u"192.168.0.23"_s),
                              up(u"enp0s31f6"_s, u"192.168.1.40"_s)};
