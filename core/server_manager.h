@@ -16,6 +16,10 @@
 
 namespace tellwyn {
 
+namespace testing {
+class ServerManagerTestAccess;
+}
+
 class AccountVerifier;
 class ServiceAdvertiser;
 class Clock;
@@ -63,14 +67,6 @@ struct AgentEnvironment {
 class ServerManager final : public QObject {
     Q_OBJECT
 public:
-    static constexpr qsizetype maximumPendingAuthentications = 8;
-    static constexpr int maxAuthFailuresPerEndpoint = 5;
-    static constexpr int maxAuthFailuresPerUsername = 15;
-    static constexpr double authFailureWindow = 300.0;
-    static constexpr qsizetype maximumAuthFailureEntries = 512;
-    static constexpr double permissionCacheTimeout = 300.0;
-    static constexpr int maxConnections = 32;
-
     explicit ServerManager(AgentEnvironment environment, QObject* parent = nullptr);
     ~ServerManager() override;
 
@@ -82,6 +78,63 @@ public:
     bool isConfiguringPort() const { return m_isConfiguringPort; }
     bool isRefreshingPermissions() const { return m_isRefreshingPermissions; }
     bool screenCaptureRequiresRelaunch() const { return m_screenCaptureRequiresRelaunch; }
+    qint64 uiLockFailures() const { return m_uiLockFailures; }
+    QDateTime uiLockBlockedUntil() const { return m_uiLockBlockedUntil; }
+
+    // What the dashboard shows of each connected client.
+    QString displayLabel(const QString& key) const;
+    QString clientComputerName(const QString& key) const { return m_clientComputerNames.value(key); }
+    QString clientRemoteHost(const QString& key) const { return m_clientRemoteHosts.value(key); }
+
+    // Server life. Asynchronous: `completion` runs once the attempt has ended, successful or not.
+    void startServer(std::function<void()> completion = {});
+    void stopServer();
+    void updateServerPort(quint16 port, std::function<void()> completion = {});
+    void setAutoStartServer(bool enabled);
+    void disconnectClient(const QString& key);
+
+    // What the settings screen does: change the switches in the settings, then apply them.
+    void setFeatureSwitches(bool enableFileTransfers, bool enableClipboardSharing, bool enableLoginItems);
+    void registerLoginItem();
+    void unregisterLoginItem();
+
+    // The menu lock.
+    void setPasswordProtection(bool enabled);
+    bool updateLockPassword(const QString& password);
+    bool verifyLockPassword(const QString& text);
+
+    // Permissions.
+    void refreshAllPermissions();
+    void requestScreenCapturePermission();
+    void requestAccessibilityPermission();
+    void openScreenRecordingSettings();
+
+    // The application's termination and the screens' sleep and wake.
+    void handleAppTermination();
+    void handleSleepNotification();
+    void handleWakeNotification();
+
+Q_SIGNALS:
+    void serverStateChanged();
+    void permissionStateChanged();
+    void settingsStateChanged();
+    void isConfiguringPortChanged();
+    void isRefreshingPermissionsChanged();
+    void screenCaptureRequiresRelaunchChanged();
+    // Any published part of the manager changed.
+    void changed();
+
+private:
+    // Tests reach the internal steps through this one seam.
+    friend class testing::ServerManagerTestAccess;
+
+    static constexpr qsizetype maximumPendingAuthentications = 8;
+    static constexpr int maxAuthFailuresPerEndpoint = 5;
+    static constexpr int maxAuthFailuresPerUsername = 15;
+    static constexpr double authFailureWindow = 300.0;
+    static constexpr qsizetype maximumAuthFailureEntries = 512;
+    static constexpr double permissionCacheTimeout = 300.0;
+    static constexpr int maxConnections = 32;
 
     HLVPServer* server() const { return m_server.get(); }
     qsizetype activeTaskCount() const;
@@ -91,18 +144,10 @@ public:
     void configureSystemCredentials();
     void setupServer();
     bool detectHeadlessMode();
-    // Asynchronous: `completion` runs once the start attempt has ended, successful or not.
-    void startServer(std::function<void()> completion = {});
     void handleServerRunningChange(bool isRunning);
     void startCleanupTimer();
-    void stopServer();
-    void updateServerPort(quint16 port, std::function<void()> completion = {});
-    void setAutoStartServer(bool enabled);
     void trackTask(const TaskPtr& task);
     void cancelAllTasks();
-    void handleAppTermination();
-    void handleSleepNotification();
-    void handleWakeNotification();
 
     // Client sessions.
     void handleNewConnection(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
@@ -111,12 +156,8 @@ public:
     void handleMessage(const HLVPMessage& message, const QString& key);
     void cleanupDisconnectedClient(const QString& key);
     void cleanupStaleClients();
-    void disconnectClient(const QString& key);
     void startStatsPush(const QString& key);
     void forwardClientLog(const QString& key, const QString& message, const QString& category);
-    QString displayLabel(const QString& key) const;
-    QString clientComputerName(const QString& key) const { return m_clientComputerNames.value(key); }
-    QString clientRemoteHost(const QString& key) const { return m_clientRemoteHosts.value(key); }
     std::optional<QDateTime> lastClientActivity(const QString& key) const;
     bool hasStatsPushTask(const QString& key) const { return m_statsPushTasks.contains(key); }
 
@@ -136,9 +177,6 @@ public:
     void sendAuthenticationFailure(const QString& key, const QString& reason);
     void removeClientAfterAuthenticationFailure(const std::shared_ptr<HLVPServerClient>& client,
                                                 const QString& key);
-    const QHash<QString, AuthFailureRecord>& endpointAuthFailures() const { return m_endpointAuthFailures; }
-    const QHash<QString, AuthFailureRecord>& globalAuthFailures() const { return m_globalAuthFailures; }
-    qsizetype pendingAuthenticationCount() const { return m_authenticationInProgress.size(); }
 
     // Clipboard sharing and file transfers.
     QString fileTransferDirectory() const;
@@ -146,45 +184,20 @@ public:
     void pollClipboard();
     void handleClipboardSnapshot(const QString& text, const QString& key);
     void applyFeatureSettings();
-    // What the settings screen does: change the switches in the settings, then apply them.
-    void setFeatureSwitches(bool enableFileTransfers, bool enableClipboardSharing, bool enableLoginItems);
     bool isClipboardMonitorRunning() const { return m_clipboardMonitorTimer != nullptr; }
 
     // Permissions.
     void screenCaptureStartupPreflight();
     void checkScreenCapturePermission();
     void checkAccessibilityPermission();
-    void refreshAllPermissions();
-    void requestScreenCapturePermission();
-    void requestAccessibilityPermission();
     void validateScreenCaptureRuntime();
     void finishScreenCaptureValidation(bool success);
-    void openScreenRecordingSettings();
     void refreshScreenRecordingPermission();
     void refreshAccessibilityPermission();
     std::optional<bool> cachedPermission(const QString& key) const;
 
-    // Launch at login and the menu lock.
     void loadPasswordProtectionSettings();
-    void setPasswordProtection(bool enabled);
-    bool updateLockPassword(const QString& password);
-    bool verifyLockPassword(const QString& text);
-    void registerLoginItem();
-    void unregisterLoginItem();
-    qint64 uiLockFailures() const { return m_uiLockFailures; }
-    QDateTime uiLockBlockedUntil() const { return m_uiLockBlockedUntil; }
 
-Q_SIGNALS:
-    void serverStateChanged();
-    void permissionStateChanged();
-    void settingsStateChanged();
-    void isConfiguringPortChanged();
-    void isRefreshingPermissionsChanged();
-    void screenCaptureRequiresRelaunchChanged();
-    // Any published part of the manager changed.
-    void changed();
-
-private:
     void log(const QString& message, const QString& category) const;
     void installTransferCallbacks(HLVPServerClient& client, const QString& key);
     // Removes a client's name, activity time, state subscription and remote host, and cancels

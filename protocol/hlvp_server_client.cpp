@@ -85,8 +85,6 @@ void HLVPServerClient::log(const QString& message, const QString& category) cons
 }
 
 void HLVPServerClient::configureFileTransfers(bool enabled, const QString& destinationDirectory) {
-    m_fileTransfersEnabled = enabled;
-    m_fileTransferDirectory = destinationDirectory;
     m_transfers->configure(enabled, destinationDirectory);
 }
 

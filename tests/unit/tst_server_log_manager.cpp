@@ -141,4 +141,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestServerLogManager)
-#include "tst_serverlogmanager.moc"
+#include "tst_server_log_manager.moc"

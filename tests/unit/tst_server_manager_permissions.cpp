@@ -1,15 +1,11 @@
 // Permissions: the 300 s cache, the guard of the full refresh, requests and their re-checks,
 // the relaunch flag and one test capture at a time. Fakes and virtual time.
 
-#include "fake_platform.h"
-#include "fake_services.h"
 #include "hlvp_screen_capture.h"
 #include "log_lines.h"
-#include "server_log_manager.h"
-#include "server_manager.h"
-#include "virtual_time.h"
+#include "manager_fixture.h"
+#include "server_manager_access.h"
 
-#include <QTemporaryDir>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -40,19 +36,11 @@ private:
 
 } // namespace
 
-class TestServerManagerPermissions : public QObject {
+class TestServerManagerPermissions : public QObject, ManagerFixture {
     Q_OBJECT
 
-    std::unique_ptr<VirtualTime> time;
-    FakePreferences preferences;
-    FakeSystemIdentity identity;
-    FakeDisplayProbe displays;
-    FakeSystemEvents events;
-    FakePermissionService permissions;
     HeldCaptures captures;
-    QTemporaryDir data;
-    std::unique_ptr<QuietAgentServices> services;
-    std::unique_ptr<ServerManager> manager;
+    ServerManagerTestAccess access() { return ServerManagerTestAccess(*manager); }
 
     int freshScreenQueries() {
         return int(
@@ -73,19 +61,13 @@ private Q_SLOTS:
     void initTestCase() { ServerLogManager::shared().setEchoToStandardOutput(false); }
 
     void init() {
-        time = std::make_unique<VirtualTime>();
-        permissions = FakePermissionService();
+        resetFakes();
         captures = HeldCaptures();
         displays.count = 1;
-        services = std::make_unique<QuietAgentServices>(*time, identity);
-        AgentEnvironment environment{*time,  *time,           preferences,          identity,   displays,
-                                     events, services->stats, services->advertiser, data.path()};
+        AgentEnvironment environment = fakeEnvironment();
         environment.permissions = &permissions;
-        environment.makeScreenCapture = [this] {
-            return std::make_unique<FakeScreenCapture>(captures);
-        };
-        manager = std::make_unique<ServerManager>(environment);
-        VirtualTime::drainEvents();
+        environment.makeScreenCapture = [this] { return std::make_unique<FakeScreenCapture>(captures); };
+        startManager(environment);
         ServerLogManager::shared().clearLogs();
         VirtualTime::drainEvents();
     }
@@ -94,19 +76,19 @@ private Q_SLOTS:
 
     void answersAreCachedForLessThanThreeHundredSeconds() {
         permissions.captureAllowed = true;
-        manager->checkScreenCapturePermission();
+        access().checkScreenCapturePermission();
         VirtualTime::drainEvents();
         QCOMPARE(freshScreenQueries(), 1);
         QCOMPARE(status(), u"Ready for connections"_s);
         time->advance(299s);
-        manager->checkScreenCapturePermission();
+        access().checkScreenCapturePermission();
         VirtualTime::drainEvents();
         QCOMPARE(freshScreenQueries(), 1);
         QVERIFY(
             loggedLines().contains(u"[PERMISSIONS] Screen capture permissions loaded from cache: true"_s));
         time->advance(1s);
         permissions.captureAllowed = false;
-        manager->checkScreenCapturePermission();
+        access().checkScreenCapturePermission();
         VirtualTime::drainEvents();
         QCOMPARE(freshScreenQueries(), 2);
         QVERIFY(!manager->permissionState().screenCaptureAuthorized);
@@ -163,13 +145,12 @@ private Q_SLOTS:
 
     void aRequestWhenAlreadyGrantedOnlyClearsTheCache() {
         permissions.captureAllowed = true;
-        manager->screenCaptureStartupPreflight();
-        QVERIFY(manager->cachedPermission(u"screenCapture"_s));
+        access().screenCaptureStartupPreflight();
+        QVERIFY(access().cachedPermission(u"screenCapture"_s));
         const int pending = time->pendingTimerCount();
         manager->requestScreenCapturePermission();
-        QVERIFY(!manager->cachedPermission(u"screenCapture"_s));
-        QVERIFY(loggedLines().contains(
-            u"[PERMISSIONS] Screen capture permissions already granted, skipping request"_s));
+        QVERIFY(!access().cachedPermission(u"screenCapture"_s));
+        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Screen capture permissions already granted, skipping request"_s));
         QCOMPARE(permissions.screenCaptureRequests, 0);
         QCOMPARE(time->pendingTimerCount(), pending);
     }
@@ -181,22 +162,20 @@ private Q_SLOTS:
         QVERIFY(loggedLines().contains(
             u"[PERMISSIONS] Screen recording permission already granted by preflight"_s));
         QCOMPARE(captures.pending.size(), 1);
-        manager->validateScreenCaptureRuntime();
+        access().validateScreenCaptureRuntime();
         QCOMPARE(captures.pending.size(), 1);
         answerCapture(false);
         QCOMPARE(captures.cleanups, 1);
-        QCOMPARE(status(),
-                 u"Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
-                 u"remote viewing does not start."_s);
-        QVERIFY(loggedLines().contains(
-            u"[PERMISSIONS] ScreenCaptureKit runtime validation failed: no picture"_s));
-        manager->validateScreenCaptureRuntime();
+        QCOMPARE(status(), u"Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
+                           u"remote viewing does not start."_s);
+        QVERIFY(loggedLines().contains(u"[PERMISSIONS] ScreenCaptureKit runtime validation failed: no picture"_s));
+        access().validateScreenCaptureRuntime();
         answerCapture(true);
         QCOMPARE(status(), u"Ready for connections"_s);
         QVERIFY(manager->permissionState().screenCaptureAuthorized);
 
         displays.count = 0;
-        manager->validateScreenCaptureRuntime();
+        access().validateScreenCaptureRuntime();
         QVERIFY(captures.pending.isEmpty());
         QVERIFY(loggedLines().contains(
             u"[PERMISSIONS] Skipping screen capture runtime validation on headless server"_s));
@@ -204,10 +183,10 @@ private Q_SLOTS:
 
     void accessibilityIsQueriedThenCached() {
         permissions.inputAllowed = true;
-        manager->checkAccessibilityPermission();
+        access().checkAccessibilityPermission();
         VirtualTime::drainEvents();
         QVERIFY(manager->permissionState().accessibilityAuthorized);
-        manager->checkAccessibilityPermission();
+        access().checkAccessibilityPermission();
         VirtualTime::drainEvents();
         QVERIFY(loggedInOrder({u"[PERMISSIONS] Checking accessibility permissions"_s,
                                u"[PERMISSIONS] Accessibility permission status refreshed: true"_s,
@@ -217,4 +196,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestServerManagerPermissions)
-#include "tst_servermanager_permissions.moc"
+#include "tst_server_manager_permissions.moc"

@@ -4,6 +4,7 @@
 #include "log_lines.h"
 #include "loopback_agent.h"
 #include "server_log_manager.h"
+#include "server_manager_access.h"
 
 #include <QTest>
 
@@ -43,7 +44,7 @@ private Q_SLOTS:
         QVERIFY(!key.isEmpty());
         const QString key8 = key.left(8);
         QCOMPARE(manager->clientRemoteHost(key), u"127.0.0.1"_s);
-        QVERIFY(manager->lastClientActivity(key).has_value());
+        QVERIFY(ServerManagerTestAccess(*manager).lastClientActivity(key).has_value());
         QVERIFY(loggedInOrder({u"[CONNECT] Client %1 connected"_s.arg(key8),
                                u"[CONNECTION] Client %1 connection state changed to: connected"_s.arg(key8),
                                u"[MESSAGE] onMessageReceived callback called for Client %1 with message: "
@@ -74,7 +75,7 @@ private Q_SLOTS:
              u"[CONNECTION] %1 fully cleaned up and removed from all lists"_s.arg(label)}));
         QVERIFY(!manager->serverState().connectedClients.contains(key));
         QVERIFY(manager->clientRemoteHost(key).isEmpty());
-        QVERIFY(!manager->lastClientActivity(key));
+        QVERIFY(!ServerManagerTestAccess(*manager).lastClientActivity(key));
     }
 
     void handshakeWithinTheDeadlineKeepsTheClient() {
@@ -219,4 +220,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestServerManagerSessions)
-#include "tst_servermanager_sessions.moc"
+#include "tst_server_manager_sessions.moc"

@@ -4,6 +4,7 @@
 #include "log_lines.h"
 #include "loopback_agent.h"
 #include "server_log_manager.h"
+#include "server_manager_access.h"
 
 #include <QTest>
 
@@ -18,6 +19,7 @@ class TestServerManagerClipboard : public QObject {
     std::unique_ptr<LoopbackAgent> agent;
 
     ServerManager& manager() { return *agent->manager; }
+    ServerManagerTestAccess access() { return ServerManagerTestAccess(*agent->manager); }
 
     std::unique_ptr<LoopbackViewer> signedInViewer(const QString& name) {
         auto viewer = agent->connectViewer(name);
@@ -64,7 +66,7 @@ private Q_SLOTS:
         QVERIFY(viewer);
         agent->time.advance(30s);
         LoopbackAgent::settle();
-        QVERIFY(!manager().isClipboardMonitorRunning());
+        QVERIFY(!access().isClipboardMonitorRunning());
         QCOMPARE(agent->systemClipboard.reads, 0);
         QVERIFY(clipboardTexts(*viewer).isEmpty());
     }
@@ -143,7 +145,7 @@ private Q_SLOTS:
         QCOMPARE(clipboardTexts(*viewer), QStringList{u"before"_s});
 
         manager().setFeatureSwitches(true, false, false);
-        QVERIFY(!manager().isClipboardMonitorRunning());
+        QVERIFY(!access().isClipboardMonitorRunning());
         QVERIFY(loggedInOrder({u"[CLIPBOARD] Clipboard sync monitor stopped"_s}));
         QCOMPARE(agent->preferences.values.value(u"enableClipboardSharing"_s), QVariant(false));
         // The connection refuses clipboard traffic while sharing is off.
@@ -153,7 +155,7 @@ private Q_SLOTS:
         QCOMPARE(agent->systemClipboard.text, std::optional<QString>(u"before"_s));
 
         manager().setFeatureSwitches(true, true, false);
-        QVERIFY(manager().isClipboardMonitorRunning());
+        QVERIFY(access().isClipboardMonitorRunning());
         tick();
         // Remembered texts were cleared: the same text goes out again.
         QCOMPARE(clipboardTexts(*viewer), (QStringList{u"before"_s, u"before"_s}));
@@ -162,25 +164,24 @@ private Q_SLOTS:
     void theMonitorStopsWithTheLastViewer() {
         auto viewer = signedInViewer(u"Viewer"_s);
         QVERIFY(viewer);
-        QVERIFY(manager().isClipboardMonitorRunning());
+        QVERIFY(access().isClipboardMonitorRunning());
         viewer->connection->disconnectFromAgent(u"bye"_s);
-        QTRY_VERIFY(!manager().isClipboardMonitorRunning());
+        QTRY_VERIFY(!access().isClipboardMonitorRunning());
         QVERIFY(loggedInOrder({u"[CLIPBOARD] Clipboard sync monitor stopped"_s}));
     }
 
     void fileTransferSwitchReachesEveryOpenConnection() {
-        auto signedIn = signedInViewer(u"Signed In"_s);
-        auto anonymous = agent->connectViewer(u"Anonymous"_s);
-        QVERIFY(signedIn && anonymous);
-        const auto clients = manager().serverState().connectedClients;
-        QVERIFY(clients.value(anonymous->key)->fileTransfersEnabled());
-        QVERIFY(clients.value(anonymous->key)->fileTransferDirectory().endsWith(u"/Tellwyn"_s));
+        auto viewer = signedInViewer(u"Viewer"_s);
+        QVERIFY(viewer);
         manager().setFeatureSwitches(false, true, false);
-        QVERIFY(!clients.value(anonymous->key)->fileTransfersEnabled());
-        QVERIFY(!clients.value(signedIn->key)->fileTransfersEnabled());
+        viewer->connection->send(FileOfferMessage{u"t1"_s, u"notes.txt"_s, 5, std::nullopt});
+        QTRY_VERIFY(viewer->last<FileResultMessage>());
+        QVERIFY(!viewer->last<FileResultMessage>()->success);
+        QCOMPARE(viewer->last<FileResultMessage>()->errorMessage,
+                 std::optional<QString>(u"File transfers are switched off on this computer."_s));
         QCOMPARE(agent->preferences.values.value(u"enableFileTransfers"_s), QVariant(false));
     }
 };
 
 QTEST_GUILESS_MAIN(TestServerManagerClipboard)
-#include "tst_servermanager_clipboard.moc"
+#include "tst_server_manager_clipboard.moc"

@@ -1,10 +1,9 @@
-#include "fake_platform.h"
-#include "fake_services.h"
-#include "log_lines.h"
-#include "server_log_manager.h"
-#include "server_manager.h"
 #include "service_advertiser.h"
-#include "virtual_time.h"
+#include "fake_discovery.h"
+#include "log_lines.h"
+#include "manager_fixture.h"
+#include "server_log_manager.h"
+#include "server_manager_access.h"
 
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -30,49 +29,35 @@ bool acceptsConnections(quint16 port) {
 
 } // namespace
 
-class TestServerManagerLifecycle : public QObject {
+class TestServerManagerLifecycle : public QObject, ManagerFixture {
     Q_OBJECT
 
-    std::unique_ptr<VirtualTime> time;
-    std::unique_ptr<FakePreferences> preferences;
-    std::unique_ptr<FakeSystemIdentity> identity;
-    std::unique_ptr<FakeDisplayProbe> displays;
-    std::unique_ptr<FakeSystemEvents> events;
-    std::unique_ptr<QTemporaryDir> dataDirectory;
     FakeServicePublisher* publisher = nullptr;
     std::unique_ptr<ServiceAdvertiser> advertiser;
-    FakeStatsProvider stats;
     quint16 port = 0;
     QStringList statusHistory;
 
-    std::unique_ptr<ServerManager> makeManager(std::optional<quint16> commandLinePort = std::nullopt,
-                                               const QString& dataFolder = {}) {
-        AgentEnvironment environment{
-            *time,     *time,       *preferences,
-            *identity, *displays,   *events,
-            stats,     *advertiser, dataFolder.isEmpty() ? dataDirectory->path() : dataFolder};
-        environment.listenAddress = QHostAddress(QHostAddress::LocalHost);
-        environment.port = commandLinePort;
-        auto manager = std::make_unique<ServerManager>(environment);
+    // A manager on the fakes whose settings load is still posted.
+    void makeManager(AgentEnvironment environment) {
+        manager = std::make_unique<ServerManager>(environment);
         connect(manager.get(), &ServerManager::serverStateChanged, this, [this, m = manager.get()] {
             if (statusHistory.isEmpty() || statusHistory.constLast() != m->serverState().statusMessage) {
                 statusHistory.append(m->serverState().statusMessage);
             }
         });
-        return manager;
     }
+    void makeManager() { makeManager(fakeEnvironment(advertiser.get())); }
 
     // A manager whose settings are loaded, with the free port stored.
-    std::unique_ptr<ServerManager> loadedManager() {
-        preferences->set(u"serverPort"_s, port);
-        auto manager = makeManager();
+    void loadedManager() {
+        preferences.set(u"serverPort"_s, port);
+        makeManager();
         VirtualTime::drainEvents();
-        return manager;
     }
 
-    void startAndSettle(ServerManager& manager) {
+    void startAndSettle() {
         bool done = false;
-        manager.startServer([&] { done = true; });
+        manager->startServer([&] { done = true; });
         VirtualTime::drainEvents();
         QVERIFY(done);
     }
@@ -81,26 +66,23 @@ private Q_SLOTS:
     void initTestCase() { ServerLogManager::shared().setEchoToStandardOutput(false); }
 
     void init() {
-        time = std::make_unique<VirtualTime>();
-        preferences = std::make_unique<FakePreferences>();
-        identity = std::make_unique<FakeSystemIdentity>();
-        displays = std::make_unique<FakeDisplayProbe>();
-        events = std::make_unique<FakeSystemEvents>();
-        dataDirectory = std::make_unique<QTemporaryDir>();
+        manager.reset();
+        advertiser.reset();
+        resetFakes();
         auto ownedPublisher = std::make_unique<FakeServicePublisher>();
         publisher = ownedPublisher.get();
         advertiser = std::make_unique<ServiceAdvertiser>(
-            std::move(ownedPublisher), std::make_unique<FakeNetworkPathMonitor>(), *time, *identity);
+            std::move(ownedPublisher), std::make_unique<FakeNetworkPathMonitor>(), *time, identity);
         port = freeLoopbackPort();
         statusHistory.clear();
-        ServerLogManager::shared().clearLogs();
-        VirtualTime::drainEvents();
     }
 
+    void cleanup() { manager.reset(); }
+
     void firstLaunchLoadsDefaultsAfterConstruction() {
-        preferences->set(u"customUsername"_s, u"mallory"_s);
-        auto manager = makeManager();
-        QVERIFY(manager->server() == nullptr); // the settings load is posted, not run in place
+        preferences.set(u"customUsername"_s, u"mallory"_s);
+        makeManager();
+        QVERIFY(ServerManagerTestAccess(*manager).server() == nullptr); // the settings load is posted, not run in place
         QCOMPARE(manager->serverState().statusMessage, u"Agent not started"_s);
         QCOMPARE(manager->permissionState().accountStatus, u"Initializing..."_s);
         VirtualTime::drainEvents();
@@ -114,12 +96,12 @@ private Q_SLOTS:
         QCOMPARE(settings.enableLoginItems, false);
         QCOMPARE(settings.isFirstLaunch, true);
         QCOMPARE(manager->permissionState().accountStatus, u"✅ Using current macOS account"_s);
-        QCOMPARE(preferences->values.value(u"useSystemCredentials"_s), QVariant(true));
-        QVERIFY(!preferences->values.contains(u"customUsername"_s));
+        QCOMPARE(preferences.values.value(u"useSystemCredentials"_s), QVariant(true));
+        QVERIFY(!preferences.values.contains(u"customUsername"_s));
 
-        QVERIFY(manager->server() != nullptr);
-        QCOMPARE(manager->server()->port(), HLVP::defaultPort);
-        QCOMPARE(manager->server()->maxConnections(), 32);
+        QVERIFY(ServerManagerTestAccess(*manager).server() != nullptr);
+        QCOMPARE(ServerManagerTestAccess(*manager).server()->port(), HLVP::defaultPort);
+        QCOMPARE(ServerManagerTestAccess(*manager).server()->maxConnections(), 32);
         QVERIFY(!manager->serverState().isRunning);
         QCOMPARE(manager->serverState().statusMessage, u"Agent not started"_s);
         QVERIFY(loggedInOrder({u"[INIT] AgentManager initialized"_s,
@@ -135,10 +117,8 @@ private Q_SLOTS:
         QTest::addColumn<QVariant>("stored");
         QTest::addColumn<int>("expected");
         QTest::newRow("zero") << QVariant(0) << 5905;
-        QTest::newRow("negative") << QVariant(-1) << 5905;
         QTest::newRow("above range") << QVariant(70000) << 5905;
         QTest::newRow("text") << QVariant(u"abc"_s) << 5905;
-        QTest::newRow("recommended") << QVariant(5905) << 5905;
         QTest::newRow("lowest") << QVariant(1) << 1;
         QTest::newRow("highest") << QVariant(65535) << 65535;
         QTest::newRow("INI text number") << QVariant(u"6000"_s) << 6000;
@@ -146,8 +126,8 @@ private Q_SLOTS:
     void storedPortIsUsedOnlyWhenInRange() {
         QFETCH(QVariant, stored);
         QFETCH(int, expected);
-        preferences->set(u"serverPort"_s, stored);
-        auto manager = makeManager();
+        preferences.set(u"serverPort"_s, stored);
+        makeManager();
         VirtualTime::drainEvents();
         QCOMPARE(int(manager->settingsState().serverPort), expected);
         QVERIFY(loggedLines().contains(u"[SERVER] Loaded server port: %1"_s.arg(expected)));
@@ -155,11 +135,13 @@ private Q_SLOTS:
 
     // A port from the command line replaces the stored one and is kept for the next start.
     void commandLinePortReplacesTheStoredOneAndIsKept() {
-        preferences->set(u"serverPort"_s, 6000);
-        auto manager = makeManager(quint16(6123));
+        preferences.set(u"serverPort"_s, 6000);
+        AgentEnvironment environment = fakeEnvironment(advertiser.get());
+        environment.port = quint16(6123);
+        makeManager(environment);
         VirtualTime::drainEvents();
         QCOMPARE(manager->settingsState().serverPort, quint16(6123));
-        QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), 6123);
+        QCOMPARE(preferences.values.value(u"serverPort"_s).toInt(), 6123);
     }
 
     void featureSwitchesCountAnythingButABooleanAsOn_data() {
@@ -170,18 +152,17 @@ private Q_SLOTS:
         QTest::newRow("INI false") << QVariant(u"false"_s) << false;
         QTest::newRow("true") << QVariant(true) << true;
         QTest::newRow("number zero") << QVariant(0) << true;
-        QTest::newRow("garbage") << QVariant(u"nope"_s) << true;
     }
     void featureSwitchesCountAnythingButABooleanAsOn() {
         QFETCH(QVariant, stored);
         QFETCH(bool, expected);
         if (stored.isValid()) {
-            preferences->set(u"enableFileTransfers"_s, stored);
-            preferences->set(u"enableClipboardSharing"_s, stored);
+            preferences.set(u"enableFileTransfers"_s, stored);
+            preferences.set(u"enableClipboardSharing"_s, stored);
         }
-        preferences->set(u"enableLoginItems"_s, true);
-        preferences->set(u"isFirstLaunch"_s, false);
-        auto manager = makeManager();
+        preferences.set(u"enableLoginItems"_s, true);
+        preferences.set(u"isFirstLaunch"_s, false);
+        makeManager();
         VirtualTime::drainEvents();
         QCOMPARE(manager->settingsState().enableFileTransfers, expected);
         QCOMPARE(manager->settingsState().enableClipboardSharing, expected);
@@ -190,8 +171,8 @@ private Q_SLOTS:
     }
 
     void autoStartBeginsOneSecondAfterTheSettingsLoad() {
-        preferences->set(u"autoStartServer"_s, true);
-        auto manager = loadedManager();
+        preferences.set(u"autoStartServer"_s, true);
+        loadedManager();
         QVERIFY(loggedInOrder({u"[SERVER] Auto-start server setting loaded: enabled"_s,
                                u"[SERVER] Server setup completed"_s,
                                u"[SERVER] Auto-start enabled - attempting to start server"_s}));
@@ -201,13 +182,13 @@ private Q_SLOTS:
         time->advance(1ms);
         QVERIFY(loggedLines().contains(u"[SERVER] Attempting to start HLVP server"_s));
         QVERIFY(manager->serverState().isRunning);
-        QCOMPARE(manager->activeTaskCount(), 0); // the start task was tracked and let go when done
+        QCOMPARE(ServerManagerTestAccess(*manager).activeTaskCount(), 0); // the start task was tracked and let go when done
         QVERIFY(acceptsConnections(port));
     }
 
     void headlessStartGrantsCaptureAndEndsOnTheRunningText() {
-        auto manager = loadedManager();
-        startAndSettle(*manager);
+        loadedManager();
+        startAndSettle();
 
         QVERIFY(manager->serverState().isRunning);
         QVERIFY(manager->permissionState().screenCaptureAuthorized);
@@ -239,9 +220,9 @@ private Q_SLOTS:
     void startAdvertisesPortAndComputerNameAndStopWithdraws() {
         QFETCH(std::optional<QString>, computerName);
         QFETCH(QString, instanceName);
-        identity->computerName = computerName;
-        auto manager = loadedManager();
-        startAndSettle(*manager);
+        identity.computerName = computerName;
+        loadedManager();
+        startAndSettle();
 
         QCOMPARE(publisher->services.size(), 1);
         QPointer<FakePublishedService> service = publisher->latest();
@@ -258,9 +239,9 @@ private Q_SLOTS:
     }
 
     void startWithDisplaysButNoCapturePermissionWarnsAndStarts() {
-        displays->count = 2;
-        auto manager = loadedManager();
-        startAndSettle(*manager);
+        displays.count = 2;
+        loadedManager();
+        startAndSettle();
         QVERIFY(manager->serverState().isRunning);
         QVERIFY(!manager->permissionState().screenCaptureAuthorized);
         QCOMPARE(
@@ -276,8 +257,8 @@ private Q_SLOTS:
     void startOnAPortInUseFailsWithTheReason() {
         QTcpServer occupant;
         QVERIFY(occupant.listen(QHostAddress::LocalHost, port));
-        auto manager = loadedManager();
-        startAndSettle(*manager);
+        loadedManager();
+        startAndSettle();
 
         const QString reason = u"Port %1 is already in use by another program."_s.arg(port);
         QVERIFY(!manager->serverState().isRunning);
@@ -292,7 +273,7 @@ private Q_SLOTS:
 
         // The user may try again once the port is free.
         occupant.close();
-        startAndSettle(*manager);
+        startAndSettle();
         QVERIFY(manager->serverState().isRunning);
     }
 
@@ -301,29 +282,30 @@ private Q_SLOTS:
         QFile blocker(scratch.filePath(u"not-a-folder"_s));
         QVERIFY(blocker.open(QIODevice::WriteOnly));
         blocker.close();
-        dataDirectory = std::make_unique<QTemporaryDir>(); // kept valid for the fixture
-        preferences->set(u"serverPort"_s, port);
-        auto manager = makeManager(std::nullopt, blocker.fileName() + u"/data"_s);
+        preferences.set(u"serverPort"_s, port);
+        AgentEnvironment environment = fakeEnvironment(advertiser.get());
+        environment.dataDirectory = blocker.fileName() + u"/data"_s;
+        makeManager(environment);
         VirtualTime::drainEvents();
-        startAndSettle(*manager);
+        startAndSettle();
         QVERIFY(!manager->serverState().isRunning);
         QVERIFY(manager->serverState().statusMessage.startsWith(
             u"Failed to start remote service: Cannot create"_s));
     }
 
     void cleanupTimerLivesExactlyWhileTheServerRuns() {
-        auto manager = loadedManager();
-        startAndSettle(*manager);
+        loadedManager();
+        startAndSettle();
         QCOMPARE(time->pendingTimerCount(), 1);
 
         // A stop reported by the library.
-        manager->server()->stop();
+        ServerManagerTestAccess(*manager).server()->stop();
         VirtualTime::drainEvents();
         QVERIFY(!manager->serverState().isRunning);
         QCOMPARE(manager->serverState().statusMessage, u"Remote service stopped"_s);
         QCOMPARE(time->pendingTimerCount(), 0);
 
-        startAndSettle(*manager);
+        startAndSettle();
         QCOMPARE(time->pendingTimerCount(), 1);
         manager->stopServer();
         QCOMPARE(time->pendingTimerCount(), 0);
@@ -331,9 +313,9 @@ private Q_SLOTS:
     }
 
     void portChangeWhileRunningRestartsOnTheNewPort() {
-        auto manager = loadedManager();
-        startAndSettle(*manager);
-        HLVPServer* const before = manager->server();
+        loadedManager();
+        startAndSettle();
+        HLVPServer* const before = ServerManagerTestAccess(*manager).server();
         const quint16 newPort = freeLoopbackPort();
 
         QList<bool> configuring;
@@ -350,10 +332,10 @@ private Q_SLOTS:
         QCOMPARE(statusHistory.count(u"Remote service stopped"_s), 1);
         QCOMPARE(statusHistory.constLast(), u"Remote service running on port %1"_s.arg(newPort));
 
-        QVERIFY(manager->server() != before);
-        QCOMPARE(manager->server()->port(), newPort);
+        QVERIFY(ServerManagerTestAccess(*manager).server() != before);
+        QCOMPARE(ServerManagerTestAccess(*manager).server()->port(), newPort);
         QVERIFY(manager->serverState().isRunning);
-        QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), int(newPort));
+        QCOMPARE(preferences.values.value(u"serverPort"_s).toInt(), int(newPort));
         QVERIFY(acceptsConnections(newPort));
         QVERIFY(!acceptsConnections(port));
         QVERIFY(loggedInOrder(
@@ -364,38 +346,37 @@ private Q_SLOTS:
     }
 
     void portChangeWhileStoppedIsUsedByTheNextStart() {
-        auto manager = loadedManager();
+        loadedManager();
         const quint16 newPort = freeLoopbackPort();
         bool done = false;
         manager->updateServerPort(newPort, [&] { done = true; });
         QVERIFY(done);
         QVERIFY(!manager->isConfiguringPort());
-        QCOMPARE(preferences->values.value(u"serverPort"_s).toInt(), int(newPort));
+        QCOMPARE(preferences.values.value(u"serverPort"_s).toInt(), int(newPort));
         QVERIFY(!manager->serverState().isRunning);
-        startAndSettle(*manager);
+        startAndSettle();
         QVERIFY(acceptsConnections(newPort));
         QVERIFY(!acceptsConnections(port));
         QCOMPARE(manager->serverState().statusMessage, u"Remote service running on port %1"_s.arg(newPort));
     }
 
     void autoStartSettingIsStoredWithoutStartingOrStopping() {
-        auto manager = loadedManager();
+        loadedManager();
         manager->setAutoStartServer(true);
-        QCOMPARE(preferences->values.value(u"autoStartServer"_s), QVariant(true));
+        QCOMPARE(preferences.values.value(u"autoStartServer"_s), QVariant(true));
         QVERIFY(manager->settingsState().autoStartServer);
         QVERIFY(!manager->serverState().isRunning);
         manager->setAutoStartServer(false);
-        QCOMPARE(preferences->values.value(u"autoStartServer"_s), QVariant(false));
-        QVERIFY(loggedInOrder(
-            {u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
+        QCOMPARE(preferences.values.value(u"autoStartServer"_s), QVariant(false));
+        QVERIFY(loggedInOrder({u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
     }
 
     void sleepAndWakeKeepTheServerAndSetTheirTexts() {
-        auto manager = loadedManager();
-        startAndSettle(*manager);
-        Q_EMIT events->screensDidSleep();
+        loadedManager();
+        startAndSettle();
+        Q_EMIT events.screensDidSleep();
         QCOMPARE(manager->serverState().statusMessage, u"System sleeping - streams paused"_s);
-        Q_EMIT events->screensDidWake();
+        Q_EMIT events.screensDidWake();
         VirtualTime::drainEvents();
         QCOMPARE(manager->serverState().statusMessage, u"System resumed - ready for streams"_s);
         QVERIFY(manager->serverState().isRunning);
@@ -405,25 +386,25 @@ private Q_SLOTS:
     }
 
     void terminationWhileRunningStopsAndLogsInOrder() {
-        auto manager = loadedManager();
-        startAndSettle(*manager);
+        loadedManager();
+        startAndSettle();
         ServerLogManager::shared().clearLogs();
         VirtualTime::drainEvents();
 
-        Q_EMIT events->willTerminate();
+        Q_EMIT events.willTerminate();
         // Handled inside the notification: nothing needs the event loop.
         QVERIFY(!manager->serverState().isRunning);
-        QVERIFY(manager->server() != nullptr);
-        QCOMPARE(loggedLines(), QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
-                                             u"[SERVER] Stopping HLVP server"_s,
-                                             u"[BONJOUR] Stopped Bonjour service publishing"_s,
-                                             u"[SERVER] Remote service stopped successfully"_s,
-                                             u"[SERVER] All subscriptions cancelled"_s}));
+        QVERIFY(ServerManagerTestAccess(*manager).server() != nullptr);
+        QCOMPARE(loggedLines(),
+                 QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
+                              u"[SERVER] Stopping HLVP server"_s, u"[BONJOUR] Stopped Bonjour service publishing"_s,
+                              u"[SERVER] Remote service stopped successfully"_s,
+                              u"[SERVER] All subscriptions cancelled"_s}));
         QVERIFY(!acceptsConnections(port));
     }
 
     void stoppingAStoppedServerRunsEveryStep() {
-        auto manager = loadedManager();
+        loadedManager();
         manager->stopServer();
         manager->stopServer();
         const QStringList lines = loggedLines();
@@ -433,20 +414,20 @@ private Q_SLOTS:
     }
 
     void stopCancelsTrackedTasks() {
-        auto manager = loadedManager();
+        loadedManager();
         const TaskPtr finishing = Task::create();
         const TaskPtr pending = Task::create();
-        manager->trackTask(finishing);
-        manager->trackTask(pending);
-        QCOMPARE(manager->activeTaskCount(), 2);
+        ServerManagerTestAccess(*manager).trackTask(finishing);
+        ServerManagerTestAccess(*manager).trackTask(pending);
+        QCOMPARE(ServerManagerTestAccess(*manager).activeTaskCount(), 2);
         finishing->finish();
-        QCOMPARE(manager->activeTaskCount(), 1);
+        QCOMPARE(ServerManagerTestAccess(*manager).activeTaskCount(), 1);
         manager->stopServer();
         QVERIFY(pending->isCancelled());
         QVERIFY(!finishing->isCancelled());
-        QCOMPARE(manager->activeTaskCount(), 0);
+        QCOMPARE(ServerManagerTestAccess(*manager).activeTaskCount(), 0);
     }
 };
 
 QTEST_GUILESS_MAIN(TestServerManagerLifecycle)
-#include "tst_servermanager_lifecycle.moc"
+#include "tst_server_manager_lifecycle.moc"

@@ -4,6 +4,7 @@
 #include "log_lines.h"
 #include "loopback_agent.h"
 #include "server_log_manager.h"
+#include "server_manager_access.h"
 
 #include <QTest>
 
@@ -22,6 +23,7 @@ class TestServerManagerAuthentication : public QObject {
     std::unique_ptr<LoopbackAgent> agent;
 
     ServerManager& manager() { return *agent->manager; }
+    ServerManagerTestAccess access() { return ServerManagerTestAccess(*agent->manager); }
 
     // Signs in on a new connection and waits for the answer; the refusal text, or empty on success.
     QString attempt(const QString& user, const QString& password, const QString& name = u"Viewer"_s) {
@@ -46,7 +48,7 @@ class TestServerManagerAuthentication : public QObject {
     }
 
     qint64 endpointCount(const QString& user = u"alice"_s) {
-        return manager().endpointAuthFailures().value(u"127.0.0.1|"_s + user).count;
+        return access().endpointAuthFailures().value(u"127.0.0.1|"_s + user).count;
     }
 
 private Q_SLOTS:
@@ -88,7 +90,7 @@ private Q_SLOTS:
         // Once the viewer leaves, the push ends with it.
         viewer->connection->disconnectFromAgent(u"bye"_s);
         QTRY_VERIFY(!manager().serverState().connectedClients.contains(viewer->key));
-        QVERIFY(!manager().hasStatsPushTask(viewer->key));
+        QVERIFY(!access().hasStatsPushTask(viewer->key));
         const quint64 taken = agent->stats.snapshots;
         agent->time.advance(30s);
         LoopbackAgent::settle();
@@ -148,8 +150,8 @@ private Q_SLOTS:
                                u"[AUTH] Authentication failure response sent to Viewer"_s}));
         QVERIFY(!manager().serverState().connectedClients.contains(viewer->key));
         QVERIFY(manager().clientComputerName(viewer->key).isEmpty());
-        QVERIFY(manager().endpointAuthFailures().isEmpty());
-        QVERIFY(manager().globalAuthFailures().isEmpty());
+        QVERIFY(access().endpointAuthFailures().isEmpty());
+        QVERIFY(access().globalAuthFailures().isEmpty());
         QVERIFY(agent->verifier.checkedUsers().isEmpty());
     }
 
@@ -169,15 +171,15 @@ private Q_SLOTS:
             QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid macOS account credentials"_s);
         }
         QCOMPARE(endpointCount(), 5);
-        QCOMPARE(manager().globalAuthFailures().value(u"user:alice"_s).count, 5);
+        QCOMPARE(access().globalAuthFailures().value(u"user:alice"_s).count, 5);
         // The fifth failure blocks the endpoint outright: long after the 16 s back-off, still refused.
         agent->time.advance(200s);
         QCOMPARE(attempt(u"alice"_s, rightPassword), u"Too many failed authentication attempts. Try again later."_s);
         // 300 s after the first failure the record has expired and the account is checked again.
         agent->time.advance(86s); // 1+2+4+8+200+86 = 301 s after the first failure
         QCOMPARE(attempt(u"alice"_s, rightPassword), QString());
-        QVERIFY(manager().endpointAuthFailures().isEmpty());
-        QVERIFY(manager().globalAuthFailures().isEmpty());
+        QVERIFY(access().endpointAuthFailures().isEmpty());
+        QVERIFY(access().globalAuthFailures().isEmpty());
     }
 
     void userNamesAreComparedExactlyButCountedNormalised() {
@@ -186,8 +188,8 @@ private Q_SLOTS:
         agent->time.advance(1s);
         QCOMPARE(attempt(u" alice\n"_s, rightPassword), u"Invalid macOS account credentials"_s);
         QCOMPARE(endpointCount(), 2);
-        QCOMPARE(manager().endpointAuthFailures().size(), 1);
-        QCOMPARE(manager().endpointAuthFailures().value(u"127.0.0.1|alice"_s).blockedUntil,
+        QCOMPARE(access().endpointAuthFailures().size(), 1);
+        QCOMPARE(access().endpointAuthFailures().value(u"127.0.0.1|alice"_s).blockedUntil,
                  agent->time.now().addSecs(2));
         // The account check itself was never asked: the mismatch is decided first.
         QVERIFY(agent->verifier.checkedUsers().isEmpty());
@@ -217,7 +219,7 @@ private Q_SLOTS:
             QVERIFY(waiting.back());
             LoopbackAgent::signIn(*waiting.back(), u"alice"_s, rightPassword);
         }
-        QTRY_COMPARE(manager().pendingAuthenticationCount(), 8);
+        QTRY_COMPARE(access().pendingAuthenticationCount(), 8);
         QCOMPARE(attempt(u"alice"_s, rightPassword, u"Ninth"_s), u"Authentication service is busy. Try again shortly."_s);
         QVERIFY(loggedInOrder({u"[SECURITY] Authentication worker queue is full"_s}));
         // The queue runs the held checks one at a time, in order.
@@ -226,7 +228,7 @@ private Q_SLOTS:
             QTRY_VERIFY(viewer->last<AuthenticationResponseMessage>());
             QVERIFY(viewer->last<AuthenticationResponseMessage>()->success);
         }
-        QCOMPARE(manager().pendingAuthenticationCount(), 0);
+        QCOMPARE(access().pendingAuthenticationCount(), 0);
     }
 
     void aResultForAViewerThatLeftIsDiscardedUncounted() {
@@ -240,32 +242,32 @@ private Q_SLOTS:
         agent->verifier.release();
         QTRY_VERIFY(loggedLines().contains(
             u"[AUTH] Discarded authentication result for disconnected client %1"_s.arg(viewer->key.left(8))));
-        QVERIFY(manager().endpointAuthFailures().isEmpty());
-        QVERIFY(manager().globalAuthFailures().isEmpty());
+        QVERIFY(access().endpointAuthFailures().isEmpty());
+        QVERIFY(access().globalAuthFailures().isEmpty());
     }
 
     void failureRecordsExpireAndStayWithinTheirCap() {
         QHash<QString, AuthFailureRecord> map;
         // A record older than the window restarts at one failure and one second.
-        manager().recordAuthFailure(map, u"a"_s);
-        manager().recordAuthFailure(map, u"a"_s);
+        access().recordAuthFailure(map, u"a"_s);
+        access().recordAuthFailure(map, u"a"_s);
         QCOMPARE(map.value(u"a"_s).count, 2);
         agent->time.advance(301s);
-        QVERIFY(!manager().isAuthFailureBlocked(map.value(u"a"_s), 1));
-        manager().recordAuthFailure(map, u"a"_s);
+        QVERIFY(!access().isAuthFailureBlocked(map.value(u"a"_s), 1));
+        access().recordAuthFailure(map, u"a"_s);
         QCOMPARE(map.value(u"a"_s).count, 1);
         QCOMPARE(map.value(u"a"_s).blockedUntil, agent->time.now().addSecs(1));
 
         // The wait doubles up to 60 s.
         for (int i = 2; i <= 8; ++i) {
-            manager().recordAuthFailure(map, u"a"_s);
+            access().recordAuthFailure(map, u"a"_s);
         }
         QCOMPARE(map.value(u"a"_s).blockedUntil, agent->time.now().addSecs(60));
 
         // The 513th record evicts the one with the oldest first failure.
         map.clear();
         for (int i = 0; i < 513; ++i) {
-            manager().recordAuthFailure(map, u"key %1"_s.arg(i));
+            access().recordAuthFailure(map, u"key %1"_s.arg(i));
             agent->time.advance(100ms);
         }
         QCOMPARE(map.size(), 512);
@@ -273,10 +275,10 @@ private Q_SLOTS:
         QVERIFY(map.contains(u"key 1"_s) && map.contains(u"key 512"_s));
         // Expired records are pruned when the next failure is counted.
         agent->time.advance(400s);
-        manager().recordAuthFailure(map, u"fresh"_s);
+        access().recordAuthFailure(map, u"fresh"_s);
         QCOMPARE(map.size(), 1);
     }
 };
 
 QTEST_GUILESS_MAIN(TestServerManagerAuthentication)
-#include "tst_servermanager_authentication.moc"
+#include "tst_server_manager_authentication.moc"

@@ -88,24 +88,6 @@ class TestCrashReporter : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void signalTexts_data() {
-        QTest::addColumn<int>("signal");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("SIGILL") << SIGILL << u"SIGILL (Illegal Instruction)"_s;
-        QTest::newRow("SIGTRAP") << SIGTRAP << u"SIGTRAP (Trace Trap)"_s;
-        QTest::newRow("SIGABRT") << SIGABRT << u"SIGABRT (Abort)"_s;
-        QTest::newRow("SIGFPE") << SIGFPE << u"SIGFPE (Floating Point Exception)"_s;
-        QTest::newRow("SIGBUS") << SIGBUS << u"SIGBUS (Bus Error)"_s;
-        QTest::newRow("SIGSEGV") << SIGSEGV << u"SIGSEGV (Segmentation Violation)"_s;
-        QTest::newRow("SIGUSR1") << SIGUSR1 << u"Signal %1"_s.arg(SIGUSR1);
-        QTest::newRow("64") << 64 << u"Signal 64"_s;
-    }
-    void signalTexts() {
-        QFETCH(int, signal);
-        QFETCH(QString, text);
-        QCOMPARE(signalText(signal), text);
-    }
-
     void signalReportIsTheWholeText() {
         QCOMPARE(crashReportText(sampleHeader(), signalReport(SIGSEGV, callStack)), uR"(Crash Report
 ============
@@ -247,7 +229,7 @@ category: generic
         const qsizetype inner = indexOf(u" (anonymous namespace)::captureInnerFrames() + "_s);
         const qsizetype outer = indexOf(u" (anonymous namespace)::captureOuterFrames() + "_s);
         QVERIFY2(inner >= 0 && outer == inner + 1, qPrintable(lines.join(u'\n')));
-        QVERIFY(lines[inner].startsWith(u"%1"_s.arg(inner, -4) + u"tst_crashreporter "_s));
+        QVERIFY(lines[inner].startsWith(u"%1"_s.arg(inner, -4) + u"tst_crash_reporter "_s));
         QVERIFY(lines[inner].contains(u" 0x%1 "_s.arg(frames[std::size_t(inner)], 16, 16, QChar(u'0'))));
         // The instruction a signal struck is its own function's, even at the function's first byte,
         // where the same value as a return address belongs to the code before it.
@@ -305,4 +287,4 @@ category: generic
 };
 
 QTEST_GUILESS_MAIN(TestCrashReporter)
-#include "tst_crashreporter.moc"
+#include "tst_crash_reporter.moc"

@@ -1,14 +1,9 @@
 // The menu-lock password (its keyring copy, the move of an older plain copy, the waits after
 // wrong entries) and launch at login, with fakes and virtual time.
 
-#include "fake_platform.h"
-#include "fake_services.h"
 #include "log_lines.h"
-#include "server_log_manager.h"
-#include "server_manager.h"
-#include "virtual_time.h"
+#include "manager_fixture.h"
 
-#include <QTemporaryDir>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -16,30 +11,15 @@ using namespace std::chrono_literals;
 using namespace tellwyn;
 using namespace tellwyn::testing;
 
-class TestServerManagerLock : public QObject {
+class TestServerManagerLock : public QObject, ManagerFixture {
     Q_OBJECT
 
-    std::unique_ptr<VirtualTime> time;
-    FakePreferences preferences;
-    FakeSystemIdentity identity;
-    FakeDisplayProbe displays;
-    FakeSystemEvents events;
-    FakeCredentialStore keyring;
-    FakeLoginItem loginItem;
-    QTemporaryDir data;
-    std::unique_ptr<QuietAgentServices> services;
-    std::unique_ptr<ServerManager> manager;
-
-    // A manager whose settings have been loaded, as at every start.
+    // A manager whose settings have been loaded, with the keyring and launch at login.
     void start(bool withKeyring = true) {
-        manager.reset();
-        services = std::make_unique<QuietAgentServices>(*time, identity);
-        AgentEnvironment environment{*time,  *time,           preferences,          identity,   displays,
-                                     events, services->stats, services->advertiser, data.path()};
+        AgentEnvironment environment = fakeEnvironment();
         environment.credentialStore = withKeyring ? &keyring : nullptr;
         environment.loginItem = &loginItem;
-        manager = std::make_unique<ServerManager>(environment);
-        VirtualTime::drainEvents();
+        startManager(environment);
     }
 
     QString lockPassword() const { return manager->settingsState().serverPassword; }
@@ -47,14 +27,7 @@ class TestServerManagerLock : public QObject {
 private Q_SLOTS:
     void initTestCase() { ServerLogManager::shared().setEchoToStandardOutput(false); }
 
-    void init() {
-        time = std::make_unique<VirtualTime>();
-        preferences.values.clear();
-        keyring = FakeCredentialStore();
-        loginItem = FakeLoginItem();
-        ServerLogManager::shared().clearLogs();
-        VirtualTime::drainEvents();
-    }
+    void init() { resetFakes(); }
 
     void cleanup() { manager.reset(); }
 
@@ -182,4 +155,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestServerManagerLock)
-#include "tst_servermanager_lock.moc"
+#include "tst_server_manager_lock.moc"

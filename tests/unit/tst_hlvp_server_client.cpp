@@ -183,4 +183,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestHlvpServerClient)
-#include "tst_hlvpserverclient.moc"
+#include "tst_hlvp_server_client.moc"

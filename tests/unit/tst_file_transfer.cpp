@@ -230,4 +230,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestFileTransfer)
-#include "tst_filetransfer.moc"
+#include "tst_file_transfer.moc"
