@@ -1,15 +1,17 @@
 #include "agent_options.h"
-#include "qt_system_clipboard.h"
 #include "crash_reporter.h"
+#include "desktop_agent.h"
 #include "desktop_permission_service.h"
 #include "linux_display_probe.h"
 #include "linux_system_events.h"
 #include "linux_system_identity.h"
 #include "pam_account_verifier.h"
+#include "qt_system_clipboard.h"
 #include "secret_service_credential_store.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "settings_preferences.h"
+#include "single_instance.h"
 #include "system_clock.h"
 #include "unix_signal_watcher.h"
 #include "update_alerts.h"
@@ -53,8 +55,8 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
     if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
         return std::make_unique<QCoreApplication>(argc, argv);
     }
-    if (hasArgument(argc, argv, "--check-for-updates")) {
-        return std::make_unique<QApplication>(argc, argv); // the update alerts and sheet are widgets
+    if (hasArgument(argc, argv, "--check-for-updates") || wantsDesktop(argc, argv)) {
+        return std::make_unique<QApplication>(argc, argv); // the tray, windows, alerts and sheets are widgets
     }
     return std::make_unique<QGuiApplication>(argc, argv);
 }
@@ -110,6 +112,13 @@ int main(int argc, char** argv) {
         return runUpdateCheck(options);
     }
 
+    // On a desktop a second launch shows the running agent's window instead of starting another.
+    const bool desktop = qobject_cast<QApplication*>(application.get()) != nullptr;
+    SingleInstance instance;
+    if (desktop && instance.claim() == SingleInstance::Claim::heldByAnother) {
+        return 0;
+    }
+
     const QString configDirectory = folderOr(options.configDirectory, QStandardPaths::AppConfigLocation);
     const QString dataDirectory = folderOr(options.dataDirectory, QStandardPaths::AppDataLocation);
 
@@ -152,26 +161,32 @@ int main(int argc, char** argv) {
     environment.makeScreenCapture = [] {
         return std::make_unique<X11ScreenCapture>();
     };
-    ServerManager manager(environment);
-    // Without a window the status line has nowhere else to go: it is written to standard error.
-    QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
-                     [&manager, last = QString()]() mutable {
-                         const QString& status = manager.serverState().statusMessage;
-                         if (status != last) {
-                             last = status;
-                             printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
-                         }
-                     });
-    if (options.startServer) {
-        // Runs after the settings load; with auto-start on, the auto-start does it instead.
-        QMetaObject::invokeMethod(
-            &manager,
-            [&manager] {
-                if (!manager.settingsState().autoStartServer && !manager.serverState().isRunning) {
-                    manager.startServer();
-                }
-            },
-            Qt::QueuedConnection);
+    const auto prepare = [&options](ServerManager& manager) {
+        // Without a window the status line has nowhere else to go: it is written to standard error.
+        QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
+                         [&manager, last = QString()]() mutable {
+                             const QString& status = manager.serverState().statusMessage;
+                             if (status != last) {
+                                 last = status;
+                                 printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
+                             }
+                         });
+        if (options.startServer) {
+            // Runs after the settings load; with auto-start on, the auto-start does it instead.
+            QMetaObject::invokeMethod(
+                &manager,
+                [&manager] {
+                    if (!manager.settingsState().autoStartServer && !manager.serverState().isRunning) {
+                        manager.startServer();
+                    }
+                },
+                Qt::QueuedConnection);
+        }
+    };
+    if (desktop) {
+        return runDesktopAgent(environment, instance, options.updateFeedURL, prepare);
     }
+    ServerManager manager(environment);
+    prepare(manager);
     return QCoreApplication::exec();
 }

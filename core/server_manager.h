@@ -86,6 +86,8 @@ public:
 
     // Server life.
     void loadSettings();
+    // The first run's window has been shown: later starts are not first launches.
+    void finishFirstLaunch();
     void configureSystemCredentials();
     void setupServer();
     bool detectHeadlessMode();
