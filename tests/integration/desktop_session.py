@@ -7,7 +7,10 @@ import time
 
 
 class DesktopSession:
-    def __init__(self, size="1024x768"):
+    """`prefix` runs the bus, the panel and the test's D-Bus calls as another user (the agent's)."""
+
+    def __init__(self, size="1024x768", prefix=()):
+        self.prefix = list(prefix)
         read_end, write_end = os.pipe()
         self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", f"{size}x24",
                                       "-nolisten", "tcp", "-ac", "-noreset"], pass_fds=(write_end,),
@@ -15,7 +18,7 @@ class DesktopSession:
         os.close(write_end)
         with os.fdopen(read_end) as chosen:
             self.display = ":" + chosen.readline().strip()
-        self.bus = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--print-address"],
+        self.bus = subprocess.Popen([*self.prefix, "dbus-daemon", "--session", "--nofork", "--print-address"],
                                     stdout=subprocess.PIPE, text=True)
         self.bus_address = self.bus.stdout.readline().strip()
         self.env = dict(os.environ, DISPLAY=self.display, DBUS_SESSION_BUS_ADDRESS=self.bus_address)
@@ -24,11 +27,11 @@ class DesktopSession:
 
     def start_tray(self):
         """The panel: gtk-sni-tray's StatusNotifierWatcher and host."""
-        self.tray = subprocess.Popen(["gtk-sni-tray-standalone", "--watcher"], env=self.env,
+        self.tray = subprocess.Popen([*self.prefix, "gtk-sni-tray-standalone", "--watcher"], env=self.env,
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def gdbus(self, *args, timeout=30):
-        result = subprocess.run(["gdbus", "call", "--session", *args], env=self.env, capture_output=True,
+        result = subprocess.run([*self.prefix, "gdbus", "call", "--session", *args], env=self.env, capture_output=True,
                                 text=True, timeout=timeout)
         return result.stdout if result.returncode == 0 else None
 
@@ -67,8 +70,10 @@ class DesktopSession:
         return service, match.group(1) if match else None
 
     def menu_entries(self, item):
-        """The top level of the item's menu: (id, label, type, enabled) in order."""
+        """The top level of the item's menu as the panel shows it when opened: (id, label, type,
+        enabled) in order."""
         service, path = self.menu_of(item)
+        self.gdbus("--dest", service, "--object-path", path, "--method", "com.canonical.dbusmenu.AboutToShow", "0")
         layout = self.gdbus("--dest", service, "--object-path", path, "--method",
                             "com.canonical.dbusmenu.GetLayout", "0", "1", "[]") or ""
         entries = []
