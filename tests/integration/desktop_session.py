@@ -19,10 +19,11 @@ class DesktopSession:
         with os.fdopen(read_end) as chosen:
             self.display = ":" + chosen.readline().strip()
         self.bus = subprocess.Popen([*self.prefix, "dbus-daemon", "--session", "--nofork", "--print-address"],
-                                    stdout=subprocess.PIPE, text=True)
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         self.bus_address = self.bus.stdout.readline().strip()
         self.env = dict(os.environ, DISPLAY=self.display, DBUS_SESSION_BUS_ADDRESS=self.bus_address)
         self.env.pop("WAYLAND_DISPLAY", None)
+        self.env["NO_AT_BRIDGE"] = "1"  # no accessibility bus for the panel
         self.tray = None
 
     def start_tray(self):

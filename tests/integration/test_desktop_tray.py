@@ -75,7 +75,7 @@ class DesktopTrayTest(unittest.TestCase):
         self.session.wait_for(lambda: self.session.item_property(item, "IconPixmap") == plain,
                               what="the plain icon once the viewer left")
 
-    def test_an_agent_started_before_the_panel_shows_its_item(self):
+    def test_the_item_appears_when_the_panel_comes_late_or_restarts(self):
         self.start_agent()
         self.agent.wait_until_running()
         time.sleep(3)  # the panel comes later, as at a session start
@@ -83,6 +83,12 @@ class DesktopTrayTest(unittest.TestCase):
         self.session.start_tray()
         item = self.item()
         self.assertEqual(self.session.menu_entries(item)[2][1], "TellwynAgent Status")
+
+        self.session.tray.terminate()
+        self.session.tray.wait(30)
+        self.session.start_tray()
+        self.assertEqual(len(self.item() and self.session.registered_items()), 1)
+        self.assertEqual(self.session.menu_entries(self.item())[2][1], "TellwynAgent Status")
 
     def test_a_second_launch_shows_the_running_agents_window(self):
         self.start_agent()

@@ -18,7 +18,6 @@
 #include <QScreen>
 #include <QTemporaryDir>
 #include <QTest>
-
 #include <cmath>
 
 using namespace Qt::StringLiterals;
@@ -165,7 +164,8 @@ private Q_SLOTS:
         setStatusItemCenterProvider({});
         MenuAnimationController burst(*time, *time);
         burst.play({});
-        QCOMPARE(burst.origin(), fallbackMenuAnimationOrigin(screen->geometry(), screen->availableGeometry()));
+        QCOMPARE(burst.origin(),
+                 fallbackMenuAnimationOrigin(screen->geometry(), screen->availableGeometry()));
         QCOMPARE(burst.origin().x(), screen->availableGeometry().right() + 1 - 14);
         time->advance(2s);
 
@@ -177,7 +177,8 @@ private Q_SLOTS:
         setStatusItemCenterProvider({});
 
         // A top panel 24 high: the burst is in its middle.
-        QCOMPARE(fallbackMenuAnimationOrigin(QRect(0, 0, 1280, 800), QRect(0, 24, 1280, 776)), QPoint(1266, 12));
+        QCOMPARE(fallbackMenuAnimationOrigin(QRect(0, 0, 1280, 800), QRect(0, 24, 1280, 776)),
+                 QPoint(1266, 12));
     }
 
     void particlesFlyOutAndFadeAfterTheirDelay() {

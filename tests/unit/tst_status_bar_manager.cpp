@@ -85,9 +85,13 @@ class TestStatusBarManager : public QObject {
         QVERIFY(agent->start());
         statusBar = std::make_unique<StatusBarManager>(
             *agent->manager,
-            StatusBarServices{agent->preferences, agent->time, administrator,
-                              [](QWidget* parent) { return new QLabel(u"content"_s, parent); }, {},
-                              [this] { ++terminations; }, 0ms});
+            StatusBarServices{agent->preferences,
+                              agent->time,
+                              administrator,
+                              [](QWidget* parent) { return new QLabel(u"content"_s, parent); },
+                              {},
+                              [this] { ++terminations; },
+                              0ms});
     }
 
 private Q_SLOTS:
@@ -103,8 +107,8 @@ private Q_SLOTS:
     void menuListsItsEntriesAndTheFirstFollowsSetupAndServerEachTimeItOpens() {
         start(false);
         QMenu& menu = *statusBar->menu();
-        QCOMPARE(menuTitles(menu), (QStringList{u"Remote access disabled"_s, u"-"_s, u"TellwynAgent Status"_s, u"-"_s,
-                                                u"About"_s, u"-"_s, u"Quit"_s}));
+        QCOMPARE(menuTitles(menu), (QStringList{u"Remote access disabled"_s, u"-"_s, u"TellwynAgent Status"_s,
+                                                u"-"_s, u"About"_s, u"-"_s, u"Quit"_s}));
         QVERIFY(!statusBar->monitoringStatusMenuItem()->isEnabled());
         QCOMPARE(statusBar->statusItem()->contextMenu(), &menu);
 
@@ -181,7 +185,8 @@ private Q_SLOTS:
         QCOMPARE(agent->manager->uiLockFailures(), 0);
 
         type(prompt, u"wrong"_s);
-        QCOMPARE(alertTexts(sheet), (QStringList{u"Invalid Password"_s, u"The password you entered is incorrect."_s}));
+        QCOMPARE(alertTexts(sheet),
+                 (QStringList{u"Invalid Password"_s, u"The password you entered is incorrect."_s}));
         QCOMPARE(window->attachedSheets(), QList<QDialog*>{sheet});
         QCOMPARE(prompt->password(), u"wrong"_s);
         QVERIFY(prompt->showingError()); // stays once shown
@@ -220,7 +225,8 @@ private Q_SLOTS:
 
         type(dialog->view(), u"wrong"_s);
         QCOMPARE(alertTexts(dialog),
-                 (QStringList{u"Invalid Password"_s, u"The password you entered is incorrect. Quit cancelled."_s}));
+                 (QStringList{u"Invalid Password"_s,
+                              u"The password you entered is incorrect. Quit cancelled."_s}));
         QCOMPARE(statusBar->quitDialogWindow(), dialog);
         QCOMPARE(terminations, 0);
 

@@ -3,7 +3,6 @@
 #include "status_icon.h"
 #include "update_check.h"
 
-#include <QCloseEvent>
 #include <QGraphicsOpacityEffect>
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -140,11 +139,6 @@ void AboutWindow::checkForUpdates() {
     if (m_services.updates.network) {
         tellwyn::checkForUpdates(*m_services.updates.network, m_services.request, this, *m_presenter);
     }
-}
-
-void AboutWindow::closeEvent(QCloseEvent* event) {
-    event->ignore();
-    hide();
 }
 
 void AboutWindow::showEvent(QShowEvent* event) {

@@ -42,7 +42,6 @@ public:
     WidgetUpdatePresenter& updatePresenter() { return *m_presenter; }
 
 protected:
-    void closeEvent(QCloseEvent* event) override;
     void showEvent(QShowEvent* event) override;
 
 private:

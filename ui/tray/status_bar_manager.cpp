@@ -80,15 +80,18 @@ void StatusBarManager::setupStatusItem() {
         return;
     }
     // Qt decides once per process, when the first item is made, whether the panel speaks
-    // StatusNotifierItem. At session start the agent may come before the panel: wait for its
-    // watcher and host, and make the item anew whenever a watcher (a restarted panel) appears.
+    // StatusNotifierItem, and falls back to the X11 tray for good when it does not. At session
+    // start the agent may come before the panel: wait for the panel's watcher and host before
+    // making the item. A new watcher (a restarted panel) does not learn of an existing item, so
+    // the item is made anew for it; the watcher the item was made for is remembered, so that its
+    // own late announcement does not give the panel a second eye.
     m_watcherWatch = new QDBusServiceWatcher(watcherService, QDBusConnection::sessionBus(),
                                              QDBusServiceWatcher::WatchForRegistration, this);
     connect(m_watcherWatch, &QDBusServiceWatcher::serviceRegistered, this, [this] {
-        if (m_statusItem) {
-            createStatusItem();
-        } else {
+        if (!m_statusItem) {
             waitForTrayHost();
+        } else if (watcherOwner() != m_itemWatcherOwner) {
+            createStatusItem();
         }
     });
     if (trayHostRegistered() || m_services.trayHostWait.count() == 0) {
@@ -101,6 +104,11 @@ void StatusBarManager::setupStatusItem() {
         }
     });
     waitForTrayHost();
+}
+
+QString StatusBarManager::watcherOwner() const {
+    const QDBusConnectionInterface* bus = QDBusConnection::sessionBus().interface();
+    return bus ? bus->serviceOwner(watcherService).value() : QString();
 }
 
 bool StatusBarManager::trayHostRegistered() const {
@@ -126,6 +134,9 @@ void StatusBarManager::waitForTrayHost() {
 
 void StatusBarManager::createStatusItem() {
     m_trayHostDeadline.reset();
+    if (m_watcherWatch) {
+        m_itemWatcherOwner = watcherOwner();
+    }
     delete m_statusItem;
     m_statusItem = new QSystemTrayIcon(this);
     m_statusItem->setToolTip(tr("TellwynAgent"));

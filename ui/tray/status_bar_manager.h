@@ -75,6 +75,8 @@ private Q_SLOTS:
 private:
     void setupStatusItem();
     bool trayHostRegistered() const;
+    // The unique bus name of the panel's current watcher; empty without one.
+    QString watcherOwner() const;
     void createStatusItem();
     void observeServerState();
     void showUnlockSheet();
@@ -97,6 +99,7 @@ private:
     bool m_tinted = false;
     QDBusServiceWatcher* m_watcherWatch = nullptr;
     bool m_listeningForHost = false;
+    QString m_itemWatcherOwner;
     std::unique_ptr<ScheduledTimer> m_trayHostDeadline;
 };
 

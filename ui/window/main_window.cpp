@@ -1,6 +1,5 @@
 #include "main_window.h"
 
-#include <QCloseEvent>
 #include <QGuiApplication>
 #include <QScreen>
 #include <QVBoxLayout>
@@ -75,12 +74,6 @@ void MainWindow::present() {
     showNormal();
     raise();
     activateWindow();
-}
-
-void MainWindow::closeEvent(QCloseEvent* event) {
-    // The window is kept for the life of the process; its close button only hides it.
-    event->ignore();
-    hide();
 }
 
 void MainWindow::showEvent(QShowEvent* event) {

@@ -7,9 +7,10 @@
 
 namespace tellwyn {
 
-// The agent's one main window: 800 × 600, titled "TellwynAgent". Closing it only hides it, so
-// its content and state live as long as the process. Sheets (window-modal dialogs) can be
-// attached to it; they hide and show with the window and stay attached until ended.
+// The agent's one main window: 800 × 600, titled "TellwynAgent". Closing it only hides it (a
+// window without WA_DeleteOnClose is kept), so its content and state live as long as the
+// process; accepting the close also lets the application's quit close it. Sheets (window-modal dialogs) can
+// be attached to it; they hide and show with the window and stay attached until ended.
 class MainWindow final : public QWidget {
     Q_OBJECT
 public:
@@ -37,7 +38,6 @@ Q_SIGNALS:
     void sheetEnded(QDialog* sheet, int result);
 
 protected:
-    void closeEvent(QCloseEvent* event) override;
     void showEvent(QShowEvent* event) override;
     void hideEvent(QHideEvent* event) override;
 
