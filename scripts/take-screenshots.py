@@ -23,7 +23,7 @@ OUT = os.path.join(root, "docs", "screenshots")
 def visible_windows(session):
     """(x, y, width, height) of each viewable window but the panel."""
     found = []
-    ids = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "."], env=session.env,
+    ids = subprocess.run(["xdotool", "search", "--onlyvisible", "--class", "."], env=session.env,
                          capture_output=True, text=True).stdout.split()
     for window in ids:
         info = subprocess.run(["xdotool", "getwindowgeometry", "--shell", window], env=session.env,
@@ -45,10 +45,9 @@ def shoot(session, name, region=None, margin=16):
     print("wrote", os.path.relpath(path, root))
 
 
-def union(boxes):
-    xs = [b[0] for b in boxes] + [b[0] + b[2] for b in boxes]
-    ys = [b[1] for b in boxes] + [b[1] + b[3] for b in boxes]
-    return min(xs), min(ys), max(xs) - min(xs), max(ys) - min(ys)
+def window_box(session, wanted):
+    """The first visible window whose (x, y, width, height) `wanted` accepts, or None."""
+    return next((box for box in visible_windows(session) if wanted(box)), None)
 
 
 def main():
@@ -69,7 +68,7 @@ def main():
                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         item = session.wait_for(session.registered_items, what="the tray item")[0]
         session.wait_for(lambda: "Enter Password" in session.window_names(), what="the unlock sheet")
-        shoot(session, "unlock-sheet.png")
+        shoot(session, "unlock-sheet.png", region=window_box(session, lambda box: box[2:] == (800, 600)))
 
         # The panel's menu, opened by a right click on the eye (the panel's first icon).
         subprocess.run(["xdotool", "mousemove", "15", "15", "click", "3"], env=session.env)
@@ -80,11 +79,12 @@ def main():
         entries = {label: entry_id for entry_id, label, _, _ in session.menu_entries(item)}
         session.click_menu_entry(item, entries["Quit"])
         session.wait_for(lambda: "Confirm Quit" in session.window_names(), what="the quit dialog")
-        shoot(session, "quit-dialog.png")
+        shoot(session, "quit-dialog.png", region=window_box(session, lambda box: box[2:] == (400, 280)))
 
         session.click_menu_entry(item, entries["About"])
-        session.wait_for(lambda: len(visible_windows(session)) >= 1, what="the About window")
-        shoot(session, "about.png")
+        about = session.wait_for(lambda: window_box(session, lambda box: box[2:] == (580, 400)),
+                                 what="the About window")
+        shoot(session, "about.png", region=about)
     finally:
         if agent:
             agent.terminate()
