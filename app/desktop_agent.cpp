@@ -5,7 +5,6 @@
 #include "app_delegate.h"
 #include "freedesktop_file_revealer.h"
 #include "launch_animation.h"
-#include "linux_display_probe.h"
 #include "menu_animation.h"
 #include "single_instance.h"
 #include "status_bar_manager.h"
@@ -53,7 +52,7 @@ bool wantsDesktop(int argc, char** argv) {
             }
         }
     }
-    return LinuxDisplayProbe::displayReachable();
+    return true;
 }
 
 int runDesktopAgent(const AgentEnvironment& environment, SingleInstance& instance,
