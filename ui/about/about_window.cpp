@@ -3,6 +3,7 @@
 #include "status_icon.h"
 #include "update_check.h"
 
+#include <QGraphicsDropShadowEffect>
 #include <QGraphicsOpacityEffect>
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -153,6 +154,15 @@ void AboutWindow::showEvent(QShowEvent* event) {
     fade->setStartValue(0.0);
     fade->setEndValue(1.0);
     fade->setEasingCurve(QEasingCurve::OutQuad);
+    // Once shown, the logo casts a faint shadow (a widget takes one effect at a time).
+    connect(fade, &QPropertyAnimation::finished, m_logo, [this] {
+        auto* shadow = new QGraphicsDropShadowEffect(m_logo);
+        shadow->setBlurRadius(6);
+        shadow->setOffset(0, 1);
+        shadow->setColor(QColor(0, 0, 0, 41));
+        m_logo->setGraphicsEffect(shadow); // replaces (and deletes) the opacity effect
+        m_logoEffect = nullptr;
+    });
     fade->start(QAbstractAnimation::DeleteWhenStopped);
 }
 

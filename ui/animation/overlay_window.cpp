@@ -61,6 +61,13 @@ OverlayWindow::OverlayWindow(Clock& clock, QRect frame)
     m_frames->start();
 }
 
+void OverlayWindow::showEvent(QShowEvent* event) {
+    QWidget::showEvent(event);
+    raise();
+    // Once more on the next turn of the event loop, over whatever was raised meanwhile.
+    QTimer::singleShot(0, this, [this] { raise(); });
+}
+
 std::chrono::milliseconds OverlayWindow::elapsed() const {
     return std::chrono::milliseconds(std::max<qint64>(0, m_appeared.msecsTo(m_clock.now())));
 }

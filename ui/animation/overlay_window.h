@@ -35,6 +35,8 @@ public:
     std::chrono::milliseconds elapsed() const;
 
 protected:
+    void showEvent(QShowEvent* event) override;
+
     Clock& m_clock;
 
 private:
