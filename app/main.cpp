@@ -1,10 +1,12 @@
 #include "agent_options.h"
 #include "crash_reporter.h"
+#include "desktop_agent.h"
 #include "linux_host_probes.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "service_advertiser.h"
 #include "system_stats_provider.h"
+#include "single_instance.h"
 #include "update_alerts.h"
 #include "update_command.h"
 
@@ -64,8 +66,8 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
     if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
         return std::make_unique<QCoreApplication>(argc, argv);
     }
-    if (hasArgument(argc, argv, "--check-for-updates")) {
-        return std::make_unique<QApplication>(argc, argv); // the update alerts and sheet are widgets
+    if (hasArgument(argc, argv, "--check-for-updates") || wantsDesktop(argc, argv)) {
+        return std::make_unique<QApplication>(argc, argv); // the tray, windows, alerts and sheets are widgets
     }
     return std::make_unique<QGuiApplication>(argc, argv);
 }
@@ -123,6 +125,13 @@ int main(int argc, char** argv) {
         return runUpdateCheck(options);
     }
 
+    // On a desktop a second launch shows the running agent's window instead of starting another.
+    const bool desktop = qobject_cast<QApplication*>(application.get()) != nullptr;
+    SingleInstance instance;
+    if (desktop && instance.claim() == SingleInstance::Claim::heldByAnother) {
+        return 0;
+    }
+
     const QString configDirectory = folderOr(options.configDirectory, QStandardPaths::AppConfigLocation);
     const QString dataDirectory = folderOr(options.dataDirectory, QStandardPaths::AppDataLocation);
 
@@ -178,26 +187,32 @@ int main(int argc, char** argv) {
     environment.makeScreenCapture = [] {
         return std::make_unique<X11ScreenCapture>();
     };
-    ServerManager manager(environment);
-    // Without a window the status line has nowhere else to go: it is written to standard error.
-    QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
-                     [&manager, last = QString()]() mutable {
-                         const QString& status = manager.serverState().statusMessage;
-                         if (status != last) {
-                             last = status;
-                             printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
-                         }
-                     });
-    if (options.startServer) {
-        // Runs after the settings load; with auto-start on, the auto-start does it instead.
-        QMetaObject::invokeMethod(
-            &manager,
-            [&manager] {
-                if (!manager.settingsState().autoStartServer && !manager.serverState().isRunning) {
-                    manager.startServer();
-                }
-            },
-            Qt::QueuedConnection);
+    const auto prepare = [&options](ServerManager& manager) {
+        // Without a window the status line has nowhere else to go: it is written to standard error.
+        QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
+                         [&manager, last = QString()]() mutable {
+                             const QString& status = manager.serverState().statusMessage;
+                             if (status != last) {
+                                 last = status;
+                                 printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
+                             }
+                         });
+        if (options.startServer) {
+            // Runs after the settings load; with auto-start on, the auto-start does it instead.
+            QMetaObject::invokeMethod(
+                &manager,
+                [&manager] {
+                    if (!manager.settingsState().autoStartServer && !manager.serverState().isRunning) {
+                        manager.startServer();
+                    }
+                },
+                Qt::QueuedConnection);
+        }
+    };
+    if (desktop) {
+        return runDesktopAgent(environment, instance, options.updateFeedURL, prepare);
     }
+    ServerManager manager(environment);
+    prepare(manager);
     return QCoreApplication::exec();
 }

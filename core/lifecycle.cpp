@@ -158,6 +158,11 @@ void ServerManager::configureSystemCredentials() {
     log(u"Server configured to use the current macOS account for user: %1"_s.arg(username), u"AUTH"_s);
 }
 
+void ServerManager::finishFirstLaunch() {
+    updateSettingsState([](SettingsState& settings) { settings.isFirstLaunch = false; });
+    m_environment.preferences.set(PreferenceKey::isFirstLaunch, false);
+}
+
 void ServerManager::setupServer() {
     log(u"Setting up HLVP server"_s, u"SERVER"_s);
     if (m_serverRunningCancellable) {

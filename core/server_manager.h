@@ -81,6 +81,9 @@ public:
     qint64 uiLockFailures() const { return m_uiLockFailures; }
     QDateTime uiLockBlockedUntil() const { return m_uiLockBlockedUntil; }
 
+    // The first run's window has been shown: later starts are not first launches.
+    void finishFirstLaunch();
+
     // What the dashboard shows of each connected client.
     QString displayLabel(const QString& key) const;
     QString clientComputerName(const QString& key) const { return m_clientComputerNames.value(key); }

@@ -1,0 +1,109 @@
+#include "desktop_agent.h"
+
+#include "about_window.h"
+#include "administrator_authorization.h"
+#include "app_delegate.h"
+#include "freedesktop_file_revealer.h"
+#include "launch_animation.h"
+#include "menu_animation.h"
+#include "single_instance.h"
+#include "status_bar_manager.h"
+#include "status_icon.h"
+#include "update_check.h"
+
+#include <QApplication>
+#include <QDesktopServices>
+#include <QLabel>
+#include <QNetworkAccessManager>
+#include <QPainter>
+#include <QSvgRenderer>
+#include <cstring>
+
+using namespace Qt::StringLiterals;
+
+namespace tellwyn {
+
+namespace {
+
+// The main window's content until the dashboard takes its place: the logo.
+QWidget* makeLogoContent(QWidget* parent) {
+    loadDesktopArtwork();
+    auto* label = new QLabel(parent);
+    QSvgRenderer renderer(u":/tellwyn/logo.svg"_s);
+    const qreal ratio = parent ? parent->devicePixelRatioF() : 1.0;
+    QPixmap pixmap(QSize(160, 160) * ratio);
+    pixmap.setDevicePixelRatio(ratio);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    renderer.render(&painter, QRectF(0, 0, 160, 160));
+    painter.end();
+    label->setPixmap(pixmap);
+    label->setAlignment(Qt::AlignCenter);
+    return label;
+}
+
+} // namespace
+
+bool wantsDesktop(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        for (const char* oneOff : {"--headless", "--check-for-updates", "--help", "-h", "--version", "-v"}) {
+            if (std::strcmp(argv[i], oneOff) == 0) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+int runDesktopAgent(const AgentEnvironment& environment, SingleInstance& instance,
+                    const std::optional<QString>& updateFeedURL,
+                    std::function<void(ServerManager&)> prepare) {
+    QApplication::setQuitOnLastWindowClosed(false); // the agent lives in the panel
+    QNetworkAccessManager network;
+    FreedesktopFileRevealer revealer;
+    PolkitAuthorization administrator;
+    LaunchAnimationController launchAnimation(environment.clock, environment.scheduler);
+    MenuAnimationController menuAnimation(environment.clock, environment.scheduler);
+    const auto openURL = [](const QUrl& url) {
+        QDesktopServices::openUrl(url);
+    };
+
+    std::unique_ptr<AboutWindow> about;
+    const auto showAbout = [&] {
+        if (!about) {
+            UpdateCheckRequest request;
+            request.feedURL = resolveUpdateFeedURL(updateFeedURL);
+            about = std::make_unique<AboutWindow>(AboutWindow::Services{
+                UpdateSheetServices{environment.scheduler, &network, revealer, openURL, {}}, request,
+                openURL});
+        }
+        about->showWindow();
+    };
+
+    AppDelegate delegate(
+        AppDelegate::Parts{[&] {
+                               auto manager = std::make_unique<ServerManager>(environment);
+                               prepare(*manager);
+                               return manager;
+                           },
+                           [&](ServerManager& manager) {
+                               return std::make_unique<StatusBarManager>(
+                                   manager, StatusBarServices{environment.preferences, environment.scheduler,
+                                                              administrator, makeLogoContent, showAbout, [] {
+                                                                  QCoreApplication::quit();
+                                                              }});
+                           },
+                           launchAnimation, menuAnimation, environment.scheduler});
+    instance.setShowMainWindow([&delegate] {
+        if (StatusBarManager* statusBar = delegate.statusBarManager()) {
+            statusBar->showMainWindow();
+        }
+    });
+    QMetaObject::invokeMethod(
+        &delegate, [&delegate] { delegate.applicationDidFinishLaunching(); }, Qt::QueuedConnection);
+    const int exitCode = QCoreApplication::exec();
+    about.reset();
+    return exitCode;
+}
+
+} // namespace tellwyn
