@@ -1,4 +1,5 @@
 #include "agent_options.h"
+#include "content_window.h"
 #include "qt_system_clipboard.h"
 #include "crash_reporter.h"
 #include "desktop_permission_service.h"
@@ -53,7 +54,7 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
     if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
         return std::make_unique<QCoreApplication>(argc, argv);
     }
-    if (hasArgument(argc, argv, "--check-for-updates")) {
+    if (hasArgument(argc, argv, "--check-for-updates") || contentWindowRequested()) {
         return std::make_unique<QApplication>(argc, argv); // the update alerts and sheet are widgets
     }
     return std::make_unique<QGuiApplication>(argc, argv);
@@ -162,6 +163,10 @@ int main(int argc, char** argv) {
                              printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
                          }
                      });
+    std::unique_ptr<QWidget> contentWindow;
+    if (contentWindowRequested() && qobject_cast<QApplication*>(QCoreApplication::instance())) {
+        contentWindow = openContentWindow(manager, preferences);
+    }
     if (options.startServer) {
         // Runs after the settings load; with auto-start on, the auto-start does it instead.
         QMetaObject::invokeMethod(
