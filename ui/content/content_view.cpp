@@ -61,7 +61,12 @@ ContentView::ContentView(ServerManager& serverManager, QWidget* parent, Preferen
     column->addLayout(toolbar);
     column->addWidget(m_pages, 1);
 
-    connect(m_segments, &QButtonGroup::idClicked, this, &ContentView::setSelectedSegment);
+    // Toggled, not clicked: a screen reader's toggle action switches pages too.
+    connect(m_segments, &QButtonGroup::idToggled, this, [this](int segment, bool checked) {
+        if (checked) {
+            setSelectedSegment(segment);
+        }
+    });
 
     m_statusAnimation->setDuration(500);
     m_statusAnimation->setEasingCurve(QEasingCurve::InQuad);
