@@ -106,9 +106,15 @@ private Q_SLOTS:
     void initTestCase() { ServerLogManager::shared().setEchoToStandardOutput(false); }
 
     void assistantShowsOnAFreshProfileAndEveryDismissalCompletesSetup() {
+        const auto refreshes = [] {
+            return loggedCount(u"[PERMISSIONS] Refreshing all permissions (cache cleared)"_s);
+        };
         for (const QString& dismissal : {u"escape"_s, u"skip"_s, u"done"_s}) {
             Desk desk;
+            ServerLogManager::shared().clearLogs();
             auto view = openContent(desk);
+            // While the assistant shows, opening the window does not refresh the permissions.
+            QCOMPARE(refreshes(), 0);
             SetupWizardView* wizard = view->setupWizard();
             QVERIFY(wizard != nullptr);
             QVERIFY(wizard->isVisible());
@@ -142,9 +148,11 @@ private Q_SLOTS:
             QVERIFY(!view->showingSetupWizard());
             QCOMPARE(desk.preferences.values.value(u"hasCompletedSetup"_s), QVariant(true));
 
-            // The next window opens on the dashboard.
+            // The next window opens on the dashboard and refreshes the permissions as it appears.
+            ServerLogManager::shared().clearLogs();
             auto next = openContent(desk);
             QVERIFY(next->setupWizard() == nullptr);
+            QCOMPARE(refreshes(), 1);
         }
     }
 

@@ -40,12 +40,12 @@ QIcon symbolIcon(const QString& symbol, const QWidget* widget) {
         {u"plus.circle.fill"_s, {u"list-add"_s, QStyle::SP_ArrowUp}},
         {u"checkmark.circle.fill"_s, {u"emblem-ok-symbolic"_s, QStyle::SP_DialogApplyButton}},
         {u"desktopcomputer"_s, {u"computer"_s, QStyle::SP_ComputerIcon}},
-        {u"hand.raised"_s, {u"input-mouse"_s, QStyle::SP_DialogHelpButton}},
+        {u"hand.raised"_s, {u"input-mouse"_s, std::nullopt}},
         {u"server.rack"_s, {u"network-server"_s, QStyle::SP_DriveNetIcon}},
         {u"display"_s, {u"video-display"_s, QStyle::SP_DesktopIcon}},
-        {u"key"_s, {u"dialog-password"_s, QStyle::SP_DialogOkButton}},
+        {u"key"_s, {u"dialog-password"_s, std::nullopt}},
         {u"switch.2"_s, {u"preferences-other"_s, QStyle::SP_FileDialogListView}},
-        {u"power.circle"_s, {u"system-shutdown"_s, QStyle::SP_TitleBarCloseButton}},
+        {u"power.circle"_s, {u"system-shutdown"_s, std::nullopt}},
     };
     const auto it = counterparts.constFind(symbol);
     if (it == counterparts.cend()) {

@@ -19,6 +19,14 @@ namespace tellwyn {
 
 namespace {
 
+// The longer texts, each on one line so that it reads (and is searched for) whole.
+// clang-format off
+constexpr const char* accountText = "Remote clients authenticate with the currently logged-in account on this computer.";
+constexpr const char* passwordNoteText = "This password only protects opening the TellwynAgent window and quitting from the menu bar. It does not control remote access — remote clients still authenticate with the currently logged-in account on this computer.";
+constexpr const char* clipboardNoteText = "While enabled, clipboard text is synchronized with connected viewers during their remote control sessions.";
+constexpr const char* passwordNotSavedText = "TellwynAgent could not store the password in the keyring. Please try again while this computer is unlocked.";
+// clang-format on
+
 constexpr int sectionIconSize = 18;
 
 QLabel* note(const QString& text, QWidget* parent) {
@@ -73,9 +81,7 @@ SettingsView::SettingsView(ServerManager& serverManager, QWidget* parent)
     auto* restart = makeLabel(uiText("⚠️ Restart required to apply port changes"), content, 0.85);
     setTextColour(restart, UiColor::orange());
     service->content()->addWidget(restart);
-    service->content()->addWidget(
-        note(uiText("Remote clients authenticate with the currently logged-in account on this computer."),
-             content));
+    service->content()->addWidget(note(uiText(accountText), content));
     m_serviceStatus = makeLabel({}, content);
     m_serviceStatus->setObjectName(u"serviceStatus"_s);
     service->content()->addWidget(m_serviceStatus);
@@ -139,12 +145,7 @@ SettingsView::SettingsView(ServerManager& serverManager, QWidget* parent)
     setTextColour(savedText, UiColor::green());
     savedLayout->addWidget(savedText, 1);
     passwordColumn->addWidget(m_savedRow);
-    passwordColumn->addWidget(
-        note(uiText("This password only protects opening the TellwynAgent window and quitting "
-                    "from the menu bar. It does not control remote access — remote clients "
-                    "still authenticate with the currently logged-in account on this "
-                    "computer."),
-             m_passwordRows));
+    passwordColumn->addWidget(note(uiText(passwordNoteText), m_passwordRows));
     password->content()->addWidget(m_passwordRows);
     sections->addWidget(password);
 
@@ -155,10 +156,7 @@ SettingsView::SettingsView(ServerManager& serverManager, QWidget* parent)
     features->content()->addWidget(
         note(uiText("When disabled, remote clients cannot upload files to this computer."), content));
     m_clipboardSharing = addToggle(features->content(), "Allow clipboard sharing", u"clipboardSharing"_s);
-    features->content()->addWidget(
-        note(uiText("While enabled, clipboard text is synchronized with connected viewers "
-                    "during their remote control sessions."),
-             content));
+    features->content()->addWidget(note(uiText(clipboardNoteText), content));
     sections->addWidget(features);
 
     // Startup.
@@ -283,9 +281,7 @@ void SettingsView::savePassword() {
         m_passwordAlert = new QMessageBox(QMessageBox::Warning, uiText("Password Not Saved"),
                                           uiText("Password Not Saved"), QMessageBox::NoButton, this);
         m_passwordAlert->setObjectName(u"passwordAlert"_s);
-        m_passwordAlert->setInformativeText(
-            uiText("TellwynAgent could not store the password in the keyring. "
-                   "Please try again while this computer is unlocked."));
+        m_passwordAlert->setInformativeText(uiText(passwordNotSavedText));
         m_passwordAlert->addButton(uiText("OK"), QMessageBox::RejectRole);
         m_passwordAlert->setAttribute(Qt::WA_DeleteOnClose);
         connect(m_passwordAlert, &QMessageBox::finished, this, [this] { m_passwordSaveFailed = false; });

@@ -31,6 +31,17 @@ quint16 clamped(qint64 entered) {
 
 namespace {
 
+// The longer texts, each on one line so that it reads (and is searched for) whole.
+// clang-format off
+constexpr const char* welcomeText = "TellwynAgent runs quietly in the menu bar and lets trusted Tellwyn clients monitor, transfer files, and remotely control this computer when you allow it.";
+constexpr const char* closingText = "Keep TellwynAgent running on every computer you want to supervise. You can change these settings later from the menu bar eye icon.";
+constexpr const char* permissionsText = "Screen capture and accessibility permissions are needed for full functionality. Remote clients will sign in with the username and password of the currently logged-in account on this computer.";
+constexpr const char* relaunchText = "Permission was requested. The desktop may require you to quit and reopen TellwynAgent before screen recording becomes active.";
+constexpr const char* screenCaptureNeededText = "Required to share this computer's screen during remote sessions. After granting access, return here and refresh.";
+constexpr const char* accessibilityNeededText = "Required to send mouse clicks and keyboard input during remote control.";
+constexpr const char* refreshHelpText = "Refresh permission status after granting access in the desktop's settings";
+// clang-format on
+
 constexpr int iconSize = 20;
 
 QLabel* wrapped(QLabel* label) {
@@ -75,18 +86,13 @@ AgentWelcomeStep::AgentWelcomeStep(QWidget* parent) : QWidget(parent) {
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
     column->addWidget(wrapped(makeLabel(uiText("Step 1: Welcome to TellwynAgent"), this, 1.2, QFont::Bold)));
-    column->addWidget(
-        wrapped(makeLabel(uiText("TellwynAgent runs quietly in the menu bar and lets trusted Tellwyn "
-                                 "clients monitor, transfer files, and remotely control this "
-                                 "computer when you allow it."),
-                          this)));
+    column->addWidget(wrapped(makeLabel(uiText(welcomeText), this)));
     column->addSpacing(8);
     column->addWidget(makeLabel(uiText("What happens next"), this, 1.0, QFont::DemiBold));
     const std::pair<QString, const char*> nextItems[] = {
         {u"network"_s, "Choose the local port clients will use to find this computer."},
         {u"lock.shield"_s,
-         "Grant Screen Recording and Accessibility so remote sessions can view and control the "
-         "computer."},
+         "Grant Screen Recording and Accessibility so remote sessions can view and control the computer."},
         {u"person.crop.circle.badge.checkmark"_s,
          "Remote clients sign in with the currently logged-in account on this computer."},
     };
@@ -97,10 +103,7 @@ AgentWelcomeStep::AgentWelcomeStep(QWidget* parent) : QWidget(parent) {
         column->addLayout(row);
     }
     column->addSpacing(8);
-    auto* closing =
-        wrapped(makeLabel(uiText("Keep TellwynAgent running on every computer you want to supervise. "
-                                 "You can change these settings later from the menu bar eye icon."),
-                          this, 0.9));
+    auto* closing = wrapped(makeLabel(uiText(closingText), this, 0.9));
     setTextColour(closing, UiColor::secondary(this));
     column->addWidget(closing);
     column->addStretch(1);
@@ -190,11 +193,7 @@ PermissionsStep::PermissionsStep(ServerManager& serverManager, QWidget* parent)
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
     column->addWidget(wrapped(makeLabel(uiText("Step 3: Grant Permissions"), this, 1.2, QFont::Bold)));
-    column->addWidget(
-        wrapped(makeLabel(uiText("Screen capture and accessibility permissions are needed for full "
-                                 "functionality. Remote clients will sign in with the username and "
-                                 "password of the currently logged-in account on this computer."),
-                          this)));
+    column->addWidget(wrapped(makeLabel(uiText(permissionsText), this)));
     column->addWidget(m_checking);
     m_screenCapture = makeCard(uiText("Screen Capture Permission"), u"screenCapture"_s);
     m_accessibility = makeCard(uiText("Accessibility Permission"), u"accessibility"_s);
@@ -234,29 +233,26 @@ void PermissionsStep::redraw() {
     const auto show = [this](Card& card, const QString& symbol, const QString& text, const QString& button) {
         card.icon->setPixmap(symbolIcon(symbol, this).pixmap(iconSize, iconSize));
         card.text->setText(text);
+        // A granted permission hides the button; it keeps its last title and name.
         card.button->setVisible(!button.isEmpty());
-        card.button->setText(button);
-        nameForAccessibility(card.button, button);
+        if (!button.isEmpty()) {
+            card.button->setText(button);
+            nameForAccessibility(card.button, button);
+        }
     };
     if (permissions.screenCaptureAuthorized) {
         show(m_screenCapture, u"checkmark.circle.fill"_s, uiText("Permission granted successfully"), {});
     } else if (relaunch) {
-        show(m_screenCapture, u"arrow.clockwise.circle.fill"_s,
-             uiText("Permission was requested. The desktop may require you to quit and reopen TellwynAgent "
-                    "before "
-                    "screen recording becomes active."),
+        show(m_screenCapture, u"arrow.clockwise.circle.fill"_s, uiText(relaunchText),
              uiText("Open Desktop Settings"));
     } else {
-        show(m_screenCapture, u"desktopcomputer"_s,
-             uiText("Required to share this computer's screen during remote sessions. After granting access, "
-                    "return here and refresh."),
+        show(m_screenCapture, u"desktopcomputer"_s, uiText(screenCaptureNeededText),
              uiText("Request Permission"));
     }
     if (permissions.accessibilityAuthorized) {
         show(m_accessibility, u"checkmark.circle.fill"_s, uiText("Permission granted successfully"), {});
     } else {
-        show(m_accessibility, u"hand.raised"_s,
-             uiText("Required to send mouse clicks and keyboard input during remote control."),
+        show(m_accessibility, u"hand.raised"_s, uiText(accessibilityNeededText),
              uiText("Request Permission"));
     }
 }
@@ -304,8 +300,7 @@ SetupWizardView::SetupWizardView(ServerManager& serverManager, QWidget* parent)
 
     m_next->setDefault(true);
     m_done->setDefault(true);
-    m_refresh->setToolTip(
-        uiText("Refresh permission status after granting access in the desktop's settings"));
+    m_refresh->setToolTip(uiText(refreshHelpText));
     m_skip->setToolTip(uiText("Skip permission setup and complete setup later"));
     for (QPushButton* button : {m_back, m_next, m_refresh, m_skip, m_done}) {
         nameForAccessibility(button, button->text(), button->toolTip());
