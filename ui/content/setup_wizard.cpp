@@ -72,8 +72,11 @@ QWidget* busyRow(const QString& text, QWidget* parent) {
     return row;
 }
 
-QPushButton* symbolButton(const QString& symbol, const QString& name, QWidget* parent) {
-    auto* button = new QPushButton(symbolIcon(symbol, parent), {}, parent);
+// Without an icon theme the button shows `fallbackText` instead.
+QPushButton* symbolButton(const QString& symbol, const QString& fallbackText, const QString& name,
+                          QWidget* parent) {
+    const QIcon icon = symbolIcon(symbol, parent);
+    auto* button = new QPushButton(icon, icon.isNull() ? fallbackText : QString(), parent);
     button->setFlat(true);
     button->setIconSize({24, 24});
     nameForAccessibility(button, name);
@@ -111,9 +114,9 @@ AgentWelcomeStep::AgentWelcomeStep(QWidget* parent) : QWidget(parent) {
 
 ServerPortStep::ServerPortStep(ServerManager& serverManager, QWidget* parent)
     : QWidget(parent), m_serverManager(serverManager),
-      m_minus(symbolButton(u"minus.circle.fill"_s, uiText("Decrease port"), this)),
+      m_minus(symbolButton(u"minus.circle.fill"_s, u"−"_s, uiText("Decrease port"), this)),
       m_field(new QLineEdit(this)),
-      m_plus(symbolButton(u"plus.circle.fill"_s, uiText("Increase port"), this)),
+      m_plus(symbolButton(u"plus.circle.fill"_s, u"+"_s, uiText("Increase port"), this)),
       m_configuring(busyRow(uiText("Configuring port..."), this)) {
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
