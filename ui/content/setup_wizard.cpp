@@ -77,7 +77,8 @@ QPushButton* symbolButton(const QString& symbol, const QString& fallbackText, co
                           QWidget* parent) {
     const QIcon icon = symbolIcon(symbol, parent);
     auto* button = new QPushButton(icon, icon.isNull() ? fallbackText : QString(), parent);
-    button->setFlat(true);
+    button->setFlat(!icon.isNull());
+    button->setFixedWidth(36);
     button->setIconSize({24, 24});
     nameForAccessibility(button, name);
     return button;
