@@ -3,7 +3,8 @@
 #include "about_window.h"
 #include "administrator_authorization.h"
 #include "app_delegate.h"
-#include "freedesktop_file_revealer.h"
+#include "content_view.h"
+#include "linux/freedesktop_file_revealer.h"
 #include "launch_animation.h"
 #include "menu_animation.h"
 #include "single_instance.h"
@@ -13,36 +14,12 @@
 
 #include <QApplication>
 #include <QDesktopServices>
-#include <QLabel>
 #include <QNetworkAccessManager>
-#include <QPainter>
-#include <QSvgRenderer>
 #include <cstring>
 
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
-
-namespace {
-
-// The main window's content until the dashboard takes its place: the logo.
-QWidget* makeLogoContent(QWidget* parent) {
-    loadDesktopArtwork();
-    auto* label = new QLabel(parent);
-    QSvgRenderer renderer(u":/tellwyn/logo.svg"_s);
-    const qreal ratio = parent ? parent->devicePixelRatioF() : 1.0;
-    QPixmap pixmap(QSize(160, 160) * ratio);
-    pixmap.setDevicePixelRatio(ratio);
-    pixmap.fill(Qt::transparent);
-    QPainter painter(&pixmap);
-    renderer.render(&painter, QRectF(0, 0, 160, 160));
-    painter.end();
-    label->setPixmap(pixmap);
-    label->setAlignment(Qt::AlignCenter);
-    return label;
-}
-
-} // namespace
 
 bool wantsDesktop(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
@@ -89,7 +66,12 @@ int runDesktopAgent(const AgentEnvironment& environment, SingleInstance& instanc
                            [&](ServerManager& manager) {
                                return std::make_unique<StatusBarManager>(
                                    manager, StatusBarServices{environment.preferences, environment.scheduler,
-                                                              administrator, makeLogoContent, showAbout, [] {
+                                                              administrator,
+                                                              [&manager, &environment](QWidget* parent) {
+                                                                  return new ContentView(manager, parent,
+                                                                                         environment.preferences);
+                                                              },
+                                                              showAbout, [] {
                                                                   QCoreApplication::quit();
                                                               }});
                            },

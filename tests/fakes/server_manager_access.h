@@ -30,6 +30,7 @@ public:
         return m.isAuthFailureBlocked(record, limit);
     }
 
+    void loadPasswordProtectionSettings() { m.loadPasswordProtectionSettings(); }
     bool isClipboardMonitorRunning() const { return m.isClipboardMonitorRunning(); }
 
     void screenCaptureStartupPreflight() { m.screenCaptureStartupPreflight(); }

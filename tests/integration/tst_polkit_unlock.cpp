@@ -3,6 +3,7 @@
 
 #include "administrator_authorization.h"
 #include "fake_platform.h"
+#include "fake_services.h"
 #include "main_window.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
@@ -28,6 +29,7 @@ class TestPolkitUnlock : public QObject {
     FakeDisplayProbe displays;
     FakeSystemEvents events;
     QTemporaryDir data;
+    QuietAgentServices services{time, identity};
     PolkitAuthorization polkit;
     std::unique_ptr<ServerManager> manager;
     std::unique_ptr<StatusBarManager> statusBar;
@@ -37,7 +39,8 @@ class TestPolkitUnlock : public QObject {
         preferences.set(u"PasswordProtectionEnabled"_s, true);
         preferences.set(u"ServerPassword"_s, u"sesame"_s);
         manager = std::make_unique<ServerManager>(
-            AgentEnvironment{time, time, preferences, identity, displays, events, data.path()});
+            AgentEnvironment{time, time, preferences, identity, displays, events, services.stats,
+                             services.advertiser, data.path()});
         VirtualTime::drainEvents(); // the settings load
         statusBar = std::make_unique<StatusBarManager>(
             *manager, StatusBarServices{preferences, time, polkit, {}, {}, [] {}, 0ms});

@@ -43,6 +43,7 @@ class TestLaunchSequence : public QObject {
     FakeSystemEvents events;
     RefusingAdministrator administrator;
     QTemporaryDir data;
+    std::unique_ptr<QuietAgentServices> services;
     std::unique_ptr<LaunchAnimationController> launch;
     std::unique_ptr<MenuAnimationController> menu;
     std::unique_ptr<AppDelegate> delegate;
@@ -54,8 +55,10 @@ class TestLaunchSequence : public QObject {
         menu = std::make_unique<MenuAnimationController>(*time, *time);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Parts{
             [this] {
-                return std::make_unique<ServerManager>(
-                    AgentEnvironment{*time, *time, preferences, identity, displays, events, data.path()});
+                services = std::make_unique<QuietAgentServices>(*time, identity);
+                return std::make_unique<ServerManager>(AgentEnvironment{*time, *time, preferences, identity, displays,
+                                                                        events, services->stats,
+                                                                        services->advertiser, data.path()});
             },
             [this](ServerManager& manager) {
                 return std::make_unique<StatusBarManager>(
