@@ -1,21 +1,33 @@
 #include "agent_options.h"
-#include "qt_system_clipboard.h"
 #include "crash_reporter.h"
-#include "desktop_permission_service.h"
-#include "linux_display_probe.h"
-#include "linux_system_events.h"
-#include "linux_system_identity.h"
-#include "pam_account_verifier.h"
-#include "secret_service_credential_store.h"
+#include "desktop_agent.h"
+#include "linux_host_probes.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
-#include "settings_preferences.h"
-#include "system_clock.h"
-#include "unix_signal_watcher.h"
+#include "service_advertiser.h"
+#include "system_stats_provider.h"
+#include "single_instance.h"
 #include "update_alerts.h"
 #include "update_command.h"
-#include "x11_screen_capture.h"
-#include "xdg_autostart_login_item.h"
+
+// The application is where the Linux implementations are chosen and built, one of each.
+#include "linux/avahi_service_publisher.h"
+#include "linux/desktop_permission_service.h"
+#include "linux/freedesktop_file_revealer.h"
+#include "linux/linux_display_probe.h"
+#include "linux/linux_system_events.h"
+#include "linux/linux_system_identity.h"
+#include "linux/logind_desktop_session.h"
+#include "linux/netlink_path_monitor.h"
+#include "linux/pam_account_verifier.h"
+#include "linux/qt_system_clipboard.h"
+#include "linux/secret_service_credential_store.h"
+#include "linux/settings_preferences.h"
+#include "linux/system_clock.h"
+#include "linux/unix_signal_watcher.h"
+#include "linux/x11_screen_capture.h"
+#include "linux/x11_window_system.h"
+#include "linux/xdg_autostart_login_item.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -54,8 +66,8 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
     if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
         return std::make_unique<QCoreApplication>(argc, argv);
     }
-    if (hasArgument(argc, argv, "--check-for-updates")) {
-        return std::make_unique<QApplication>(argc, argv); // the update alerts and sheet are widgets
+    if (hasArgument(argc, argv, "--check-for-updates") || wantsDesktop(argc, argv)) {
+        return std::make_unique<QApplication>(argc, argv); // the tray, windows, alerts and sheets are widgets
     }
     return std::make_unique<QGuiApplication>(argc, argv);
 }
@@ -64,7 +76,9 @@ int runUpdateCheck(const AgentOptions& options) {
     if (qobject_cast<QApplication*>(QCoreApplication::instance())) {
         UpdateCheckRequest request;
         request.feedURL = resolveUpdateFeedURL(options.updateFeedURL);
-        return runWidgetUpdateCheck(request);
+        QtScheduler scheduler;
+        FreedesktopFileRevealer revealer;
+        return runWidgetUpdateCheck(request, scheduler, revealer);
     }
     QNetworkAccessManager network;
     QtScheduler scheduler;
@@ -111,6 +125,13 @@ int main(int argc, char** argv) {
         return runUpdateCheck(options);
     }
 
+    // On a desktop a second launch shows the running agent's window instead of starting another.
+    const bool desktop = qobject_cast<QApplication*>(application.get()) != nullptr;
+    SingleInstance instance;
+    if (desktop && instance.claim() == SingleInstance::Claim::heldByAnother) {
+        return 0;
+    }
+
     const QString configDirectory = folderOr(options.configDirectory, QStandardPaths::AppConfigLocation);
     const QString dataDirectory = folderOr(options.dataDirectory, QStandardPaths::AppDataLocation);
 
@@ -131,51 +152,67 @@ int main(int argc, char** argv) {
         printTo(stderr, u"tellwyn-agent: %1\n"_s.arg(preferences.problem()));
         ServerLogManager::shared().log(preferences.problem(), u"WARN"_s);
     }
-    if (options.port) {
-        // Stored before the settings load, exactly where a port change would store it.
-        preferences.set(PreferenceKey::serverPort, static_cast<int>(*options.port));
-    }
-
     UnixSignalWatcher signals;
     QObject::connect(&signals, &UnixSignalWatcher::terminationRequested, application.get(),
                      [](int) { QCoreApplication::quit(); });
 
+    // Declared before the statistics provider and the core, so destroyed after them: the
+    // provider's worker reads the session, windows and permissions until the provider is gone.
+    const std::unique_ptr<PermissionService> permissions = makeDesktopPermissionService(dataDirectory);
+    LogindDesktopSession desktopSession;
+    X11WindowSystem windowSystem;
+    LinuxHostProbes hostProbes(desktopSession, windowSystem, *permissions,
+                               LinuxHostProbes::systemSources(identity));
+    SystemStatsProvider statsProvider(hostProbes, clock);
+    ServiceAdvertiser advertiser(
+        std::make_unique<AvahiServicePublisher>(),
+        std::make_unique<NetlinkPathMonitor>(QString::fromLatin1(ServiceAdvertiser::monitorQueueLabel)),
+        scheduler, identity);
+
     PamAccountVerifier accountVerifier;
-    AgentEnvironment environment{clock,    scheduler, preferences,   identity,
-                                 displays, events,    dataDirectory, options.listenAddress};
+    SecretServiceCredentialStore credentialStore;
+    XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
+    AgentEnvironment environment{clock,  scheduler,     preferences, identity,     displays,
+                                 events, statsProvider, advertiser,  dataDirectory};
+    environment.listenAddress = options.listenAddress;
+    environment.port = options.port;
     environment.accountVerifier = &accountVerifier;
     environment.systemClipboard = &systemClipboard;
     // Without a session bus there is no keyring to ask (nor a window to lock).
-    SecretServiceCredentialStore credentialStore;
     if (QDBusConnection::sessionBus().isConnected()) {
         environment.credentialStore = &credentialStore;
     }
-    XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
     environment.loginItem = &loginItem;
-    environment.permissions = &desktopPermissionService(dataDirectory);
+    environment.permissions = permissions.get();
     environment.makeScreenCapture = [] {
         return std::make_unique<X11ScreenCapture>();
     };
-    ServerManager manager(environment);
-    // Without a window the status line has nowhere else to go: it is written to standard error.
-    QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
-                     [&manager, last = QString()]() mutable {
-                         const QString& status = manager.serverState().statusMessage;
-                         if (status != last) {
-                             last = status;
-                             printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
-                         }
-                     });
-    if (options.startServer) {
-        // Runs after the settings load; with auto-start on, the auto-start does it instead.
-        QMetaObject::invokeMethod(
-            &manager,
-            [&manager] {
-                if (!manager.settingsState().autoStartServer && !manager.serverState().isRunning) {
-                    manager.startServer();
-                }
-            },
-            Qt::QueuedConnection);
+    const auto prepare = [&options](ServerManager& manager) {
+        // Without a window the status line has nowhere else to go: it is written to standard error.
+        QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
+                         [&manager, last = QString()]() mutable {
+                             const QString& status = manager.serverState().statusMessage;
+                             if (status != last) {
+                                 last = status;
+                                 printTo(stderr, u"tellwyn-agent: status: %1\n"_s.arg(status));
+                             }
+                         });
+        if (options.startServer) {
+            // Runs after the settings load; with auto-start on, the auto-start does it instead.
+            QMetaObject::invokeMethod(
+                &manager,
+                [&manager] {
+                    if (!manager.settingsState().autoStartServer && !manager.serverState().isRunning) {
+                        manager.startServer();
+                    }
+                },
+                Qt::QueuedConnection);
+        }
+    };
+    if (desktop) {
+        return runDesktopAgent(environment, instance, options.updateFeedURL, prepare);
     }
+    ServerManager manager(environment);
+    prepare(manager);
     return QCoreApplication::exec();
 }

@@ -1,14 +1,13 @@
 // Server life: construction, settings, set-up, start, running state, clean-up timer, stop,
 // port change, auto-start, sleep, wake and termination.
 
-#include "server_manager.h"
-
-#include "service_advertiser.h"
 #include "clock.h"
 #include "display_probe.h"
 #include "preferences.h"
 #include "serial_queue.h"
 #include "server_log_manager.h"
+#include "server_manager.h"
+#include "service_advertiser.h"
 #include "system_events.h"
 #include "system_identity.h"
 
@@ -28,9 +27,6 @@ QString enabledText(bool enabled) {
     return enabled ? u"enabled"_s : u"disabled"_s;
 }
 
-ServiceAdvertiser& advertiserOf(const AgentEnvironment& environment) {
-    return environment.advertiser != nullptr ? *environment.advertiser : ServiceAdvertiser::shared();
-}
 } // namespace
 
 ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
@@ -49,7 +45,8 @@ ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
             Qt::DirectConnection);
     connect(&m_environment.events, &SystemEvents::screensDidSleep, this,
             &ServerManager::handleSleepNotification);
-    connect(&m_environment.events, &SystemEvents::screensDidWake, this, &ServerManager::handleWakeNotification);
+    connect(&m_environment.events, &SystemEvents::screensDidWake, this,
+            &ServerManager::handleWakeNotification);
 
     QMetaObject::invokeMethod(this, &ServerManager::loadSettings, Qt::QueuedConnection);
 }
@@ -112,14 +109,20 @@ void ServerManager::loadSettings() {
     updateSettingsState([&](SettingsState& settings) { settings.autoStartServer = autoStart; });
     log(u"Auto-start server setting loaded: %1"_s.arg(enabledText(autoStart)), u"SERVER"_s);
 
+    // A port given on the command line replaces the stored one, and is kept like a port change.
+    if (m_environment.port) {
+        preferences.set(PreferenceKey::serverPort, static_cast<int>(*m_environment.port));
+    }
     const qint64 storedPort = preferences.integerValue(PreferenceKey::serverPort);
     if (storedPort >= 1 && storedPort <= 65535) {
-        updateSettingsState([&](SettingsState& settings) { settings.serverPort = static_cast<quint16>(storedPort); });
+        updateSettingsState(
+            [&](SettingsState& settings) { settings.serverPort = static_cast<quint16>(storedPort); });
     }
     log(u"Loaded server port: %1"_s.arg(m_settingsState.serverPort), u"SERVER"_s);
 
     updateSettingsState([&](SettingsState& settings) {
-        settings.enableFileTransfers = preferences.storedBool(PreferenceKey::enableFileTransfers).value_or(true);
+        settings.enableFileTransfers =
+            preferences.storedBool(PreferenceKey::enableFileTransfers).value_or(true);
         settings.enableClipboardSharing =
             preferences.storedBool(PreferenceKey::enableClipboardSharing).value_or(true);
         settings.enableLoginItems = preferences.boolValue(PreferenceKey::enableLoginItems);
@@ -147,11 +150,17 @@ void ServerManager::configureSystemCredentials() {
     const QString username = m_environment.identity.loginName();
     updateSettingsState([&](SettingsState& settings) { settings.currentUsername = username; });
     m_serverUsername = username;
-    updatePermissionState(
-        [](PermissionState& permissions) { permissions.accountStatus = tr("✅ Using current macOS account"); });
+    updatePermissionState([](PermissionState& permissions) {
+        permissions.accountStatus = tr("✅ Using current macOS account");
+    });
     m_environment.preferences.set(PreferenceKey::useSystemCredentials, true);
     m_environment.preferences.remove(PreferenceKey::customUsername);
     log(u"Server configured to use the current macOS account for user: %1"_s.arg(username), u"AUTH"_s);
+}
+
+void ServerManager::finishFirstLaunch() {
+    updateSettingsState([](SettingsState& settings) { settings.isFirstLaunch = false; });
+    m_environment.preferences.set(PreferenceKey::isFirstLaunch, false);
 }
 
 void ServerManager::setupServer() {
@@ -170,8 +179,9 @@ void ServerManager::setupServer() {
     options.client.agentVersion = QString::fromLatin1(TELLWYN_VERSION);
     m_server = std::make_unique<HLVPServer>(m_settingsState.serverPort, maxConnections, options);
 
-    m_server->setLogFunction(
-        [](const QString& message, const QString& category) { ServerLogManager::shared().log(message, category); });
+    m_server->setLogFunction([](const QString& message, const QString& category) {
+        ServerLogManager::shared().log(message, category);
+    });
     const QPointer<ServerManager> weak(this);
     m_server->setOnNewConnection([weak](const std::shared_ptr<HLVPServerClient>& client, const QString& key) {
         if (weak) {
@@ -215,7 +225,8 @@ void ServerManager::startServer(std::function<void()> completion) {
 
     if (headless) {
         log(u"Headless mode detected - allowing server to run without screen capture"_s, u"SERVER"_s);
-        updatePermissionState([](PermissionState& permissions) { permissions.screenCaptureAuthorized = true; });
+        updatePermissionState(
+            [](PermissionState& permissions) { permissions.screenCaptureAuthorized = true; });
         setStatusMessage(tr("Headless mode - screen capture disabled"));
     } else if (!m_permissionState.screenCaptureAuthorized) {
         log(u"Screen recording permission not granted - server will start but capture will be gated"_s,
@@ -230,14 +241,15 @@ void ServerManager::startServer(std::function<void()> completion) {
         setupServer();
     }
     const QPointer<ServerManager> weak(this);
-    m_server->start(this, [weak, headless, completion = std::move(completion)](std::optional<HLVPError> error) {
-        if (weak) {
-            weak->finishStart(error, headless);
-        }
-        if (completion) {
-            completion();
-        }
-    });
+    m_server->start(this,
+                    [weak, headless, completion = std::move(completion)](std::optional<HLVPError> error) {
+                        if (weak) {
+                            weak->finishStart(error, headless);
+                        }
+                        if (completion) {
+                            completion();
+                        }
+                    });
 }
 
 void ServerManager::finishStart(const std::optional<HLVPError>& error, bool headless) {
@@ -256,7 +268,7 @@ void ServerManager::finishStart(const std::optional<HLVPError>& error, bool head
     updateClipboardMonitor();
     if (m_isAdvertisingEnabled) {
         const QString name = m_environment.identity.localizedComputerName().value_or(u"Unknown Computer"_s);
-        advertiserOf(m_environment).publish(m_settingsState.serverPort, name);
+        m_environment.advertiser.publish(m_settingsState.serverPort, name);
         log(u"Started Bonjour service publishing"_s, u"BONJOUR"_s);
     }
     log(u"Remote service startup completed successfully"_s, u"SERVER"_s);
@@ -289,7 +301,7 @@ void ServerManager::startCleanupTimer() {
 
 void ServerManager::stopServer() {
     log(u"Stopping HLVP server"_s, u"SERVER"_s);
-    advertiserOf(m_environment).stop();
+    m_environment.advertiser.stop();
     log(u"Stopped Bonjour service publishing"_s, u"BONJOUR"_s);
     m_cleanupTimer.reset();
     cancelAllTasks();

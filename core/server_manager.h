@@ -9,13 +9,16 @@
 #include <QMetaObject>
 #include <QMutex>
 #include <QObject>
-
 #include <functional>
 #include <memory>
 #include <optional>
 #include <set>
 
 namespace tellwyn {
+
+namespace testing {
+class ServerManagerTestAccess;
+}
 
 class AccountVerifier;
 class ServiceAdvertiser;
@@ -34,8 +37,9 @@ class SystemEvents;
 class SystemIdentity;
 class SystemStatsProvider;
 
-// What the agent core needs from the machine. The application passes the platform's
-// implementations; tests pass fakes and a virtual clock.
+// What the agent core needs from the machine. The application builds the platform's
+// implementations, exactly one of each for the process, and passes them here; tests pass fakes
+// and a virtual clock. The core never falls back to an instance of its own.
 struct AgentEnvironment {
     Clock& clock;
     Scheduler& scheduler;
@@ -43,12 +47,14 @@ struct AgentEnvironment {
     SystemIdentity& identity;
     DisplayProbe& displays;
     SystemEvents& events;
+    SystemStatsProvider& statsProvider;             // the statistics signed-in viewers receive
+    ServiceAdvertiser& advertiser;                  // publishes the running server by DNS-SD
     QString dataDirectory;                          // the TLS identity lives here
     QHostAddress listenAddress = QHostAddress::Any; // where the server listens
-    SystemStatsProvider* statsProvider = nullptr;   // the process's single provider when null
+    // The port given on the command line: used in place of the stored one, and stored.
+    std::optional<quint16> port = std::nullopt;
     AccountVerifier* accountVerifier = nullptr;     // checks viewers' passwords; none refuses every sign-in
-    ServiceAdvertiser* advertiser = nullptr;    // the process's single advertiser when null
-    SystemClipboard* systemClipboard = nullptr;               // the machine's clipboard; none: nothing is shared
+    SystemClipboard* systemClipboard = nullptr;     // the machine's clipboard; none: nothing is shared
     HLVPCredentialStore* credentialStore = nullptr; // the keyring; none: the lock password stays in memory
     LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails
     PermissionService* permissions = nullptr;       // screen capture and input; none: neither is allowed
@@ -61,14 +67,6 @@ struct AgentEnvironment {
 class ServerManager final : public QObject {
     Q_OBJECT
 public:
-    static constexpr qsizetype maximumPendingAuthentications = 8;
-    static constexpr int maxAuthFailuresPerEndpoint = 5;
-    static constexpr int maxAuthFailuresPerUsername = 15;
-    static constexpr double authFailureWindow = 300.0;
-    static constexpr qsizetype maximumAuthFailureEntries = 512;
-    static constexpr double permissionCacheTimeout = 300.0;
-    static constexpr int maxConnections = 32;
-
     explicit ServerManager(AgentEnvironment environment, QObject* parent = nullptr);
     ~ServerManager() override;
 
@@ -80,96 +78,44 @@ public:
     bool isConfiguringPort() const { return m_isConfiguringPort; }
     bool isRefreshingPermissions() const { return m_isRefreshingPermissions; }
     bool screenCaptureRequiresRelaunch() const { return m_screenCaptureRequiresRelaunch; }
+    qint64 uiLockFailures() const { return m_uiLockFailures; }
+    QDateTime uiLockBlockedUntil() const { return m_uiLockBlockedUntil; }
 
-    HLVPServer* server() const { return m_server.get(); }
-    qsizetype activeTaskCount() const;
+    // The first run's window has been shown: later starts are not first launches.
+    void finishFirstLaunch();
 
-    // Server life.
-    void loadSettings();
-    void configureSystemCredentials();
-    void setupServer();
-    bool detectHeadlessMode();
-    // Asynchronous: `completion` runs once the start attempt has ended, successful or not.
-    void startServer(std::function<void()> completion = {});
-    void handleServerRunningChange(bool isRunning);
-    void startCleanupTimer();
-    void stopServer();
-    void updateServerPort(quint16 port, std::function<void()> completion = {});
-    void setAutoStartServer(bool enabled);
-    void trackTask(const TaskPtr& task);
-    void cancelAllTasks();
-    void handleAppTermination();
-    void handleSleepNotification();
-    void handleWakeNotification();
-
-    // Client sessions.
-    void handleNewConnection(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
-    void handleConnectionClosed(const QString& key);
-    void checkHandshakeDeadline(const QString& key);
-    void handleMessage(const HLVPMessage& message, const QString& key);
-    void cleanupDisconnectedClient(const QString& key);
-    void cleanupStaleClients();
-    void disconnectClient(const QString& key);
-    void startStatsPush(const QString& key);
-    void forwardClientLog(const QString& key, const QString& message, const QString& category);
+    // What the dashboard shows of each connected client.
     QString displayLabel(const QString& key) const;
     QString clientComputerName(const QString& key) const { return m_clientComputerNames.value(key); }
     QString clientRemoteHost(const QString& key) const { return m_clientRemoteHosts.value(key); }
-    std::optional<QDateTime> lastClientActivity(const QString& key) const;
-    bool hasStatsPushTask(const QString& key) const { return m_statsPushTasks.contains(key); }
 
-    // Sign-in.
-    void handleAuthentication(const AuthenticationMessage& message, const QString& key);
-    void handleUserCredentialAuthentication(const AuthenticationMessage& message, const QString& key);
-    AuthRateLimitKeys makeAuthRateLimitKeys(const QString& key, const QString& username) const;
-    bool isAuthFailureBlocked(const std::optional<AuthFailureRecord>& record, qint64 limit) const;
-    bool isAuthenticationRateLimited(const AuthRateLimitKeys& keys) const;
-    void recordAuthFailure(QHash<QString, AuthFailureRecord>& map, const QString& key);
-    // Runs on the authentication queue; touches nothing of the manager.
-    static bool verifySystemCredentials(AccountVerifier* verifier, const QString& loginName, const QString& userName,
-                                        const QString& password);
-    void handleAuthenticationResult(bool valid, const QString& userName, const QString& key,
-                                    const AuthRateLimitKeys& keys);
-    void completeAuthentication(const QString& key);
-    void sendAuthenticationFailure(const QString& key, const QString& reason);
-    void removeClientAfterAuthenticationFailure(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
-    const QHash<QString, AuthFailureRecord>& endpointAuthFailures() const { return m_endpointAuthFailures; }
-    const QHash<QString, AuthFailureRecord>& globalAuthFailures() const { return m_globalAuthFailures; }
-    qsizetype pendingAuthenticationCount() const { return m_authenticationInProgress.size(); }
+    // Server life. Asynchronous: `completion` runs once the attempt has ended, successful or not.
+    void startServer(std::function<void()> completion = {});
+    void stopServer();
+    void updateServerPort(quint16 port, std::function<void()> completion = {});
+    void setAutoStartServer(bool enabled);
+    void disconnectClient(const QString& key);
 
-    // Clipboard sharing and file transfers.
-    QString fileTransferDirectory() const;
-    void updateClipboardMonitor();
-    void pollClipboard();
-    void handleClipboardSnapshot(const QString& text, const QString& key);
-    void applyFeatureSettings();
     // What the settings screen does: change the switches in the settings, then apply them.
     void setFeatureSwitches(bool enableFileTransfers, bool enableClipboardSharing, bool enableLoginItems);
-    bool isClipboardMonitorRunning() const { return m_clipboardMonitorTimer != nullptr; }
+    void registerLoginItem();
+    void unregisterLoginItem();
 
-    // Permissions.
-    void screenCaptureStartupPreflight();
-    void checkScreenCapturePermission();
-    void checkAccessibilityPermission();
-    void refreshAllPermissions();
-    void requestScreenCapturePermission();
-    void requestAccessibilityPermission();
-    void validateScreenCaptureRuntime();
-    void finishScreenCaptureValidation(bool success);
-    void openScreenRecordingSettings();
-    void refreshScreenRecordingPermission();
-    void refreshAccessibilityPermission();
-    std::optional<bool> cachedPermission(const QString& key) const;
-
-    // Launch at login and the menu lock.
-    void loadPasswordProtectionSettings();
+    // The menu lock.
     void setPasswordProtection(bool enabled);
     bool updateLockPassword(const QString& password);
     bool verifyLockPassword(const QString& text);
-    void registerLoginItem();
-    void unregisterLoginItem();
-    qint64 uiLockFailures() const { return m_uiLockFailures; }
-    QDateTime uiLockBlockedUntil() const { return m_uiLockBlockedUntil; }
+
+    // Permissions.
+    void refreshAllPermissions();
+    void requestScreenCapturePermission();
+    void requestAccessibilityPermission();
+    void openScreenRecordingSettings();
+
+    // The application's termination and the screens' sleep and wake.
+    void handleAppTermination();
+    void handleSleepNotification();
+    void handleWakeNotification();
 
 Q_SIGNALS:
     void serverStateChanged();
@@ -182,6 +128,79 @@ Q_SIGNALS:
     void changed();
 
 private:
+    // Tests reach the internal steps through this one seam.
+    friend class testing::ServerManagerTestAccess;
+
+    static constexpr qsizetype maximumPendingAuthentications = 8;
+    static constexpr int maxAuthFailuresPerEndpoint = 5;
+    static constexpr int maxAuthFailuresPerUsername = 15;
+    static constexpr double authFailureWindow = 300.0;
+    static constexpr qsizetype maximumAuthFailureEntries = 512;
+    static constexpr double permissionCacheTimeout = 300.0;
+    static constexpr int maxConnections = 32;
+
+    HLVPServer* server() const { return m_server.get(); }
+    qsizetype activeTaskCount() const;
+
+    // Server life.
+    void loadSettings();
+    void configureSystemCredentials();
+    void setupServer();
+    bool detectHeadlessMode();
+    void handleServerRunningChange(bool isRunning);
+    void startCleanupTimer();
+    void trackTask(const TaskPtr& task);
+    void cancelAllTasks();
+
+    // Client sessions.
+    void handleNewConnection(const std::shared_ptr<HLVPServerClient>& client, const QString& key);
+    void handleConnectionClosed(const QString& key);
+    void checkHandshakeDeadline(const QString& key);
+    void handleMessage(const HLVPMessage& message, const QString& key);
+    void cleanupDisconnectedClient(const QString& key);
+    void cleanupStaleClients();
+    void startStatsPush(const QString& key);
+    void forwardClientLog(const QString& key, const QString& message, const QString& category);
+    std::optional<QDateTime> lastClientActivity(const QString& key) const;
+    bool hasStatsPushTask(const QString& key) const { return m_statsPushTasks.contains(key); }
+
+    // Sign-in.
+    void handleAuthentication(const AuthenticationMessage& message, const QString& key);
+    void handleUserCredentialAuthentication(const AuthenticationMessage& message, const QString& key);
+    AuthRateLimitKeys makeAuthRateLimitKeys(const QString& key, const QString& username) const;
+    bool isAuthFailureBlocked(const std::optional<AuthFailureRecord>& record, qint64 limit) const;
+    bool isAuthenticationRateLimited(const AuthRateLimitKeys& keys) const;
+    void recordAuthFailure(QHash<QString, AuthFailureRecord>& map, const QString& key);
+    // Runs on the authentication queue; touches nothing of the manager.
+    static bool verifySystemCredentials(AccountVerifier* verifier, const QString& loginName,
+                                        const QString& userName, const QString& password);
+    void handleAuthenticationResult(bool valid, const QString& userName, const QString& key,
+                                    const AuthRateLimitKeys& keys);
+    void completeAuthentication(const QString& key);
+    void sendAuthenticationFailure(const QString& key, const QString& reason);
+    void removeClientAfterAuthenticationFailure(const std::shared_ptr<HLVPServerClient>& client,
+                                                const QString& key);
+
+    // Clipboard sharing and file transfers.
+    QString fileTransferDirectory() const;
+    void updateClipboardMonitor();
+    void pollClipboard();
+    void handleClipboardSnapshot(const QString& text, const QString& key);
+    void applyFeatureSettings();
+    bool isClipboardMonitorRunning() const { return m_clipboardMonitorTimer != nullptr; }
+
+    // Permissions.
+    void screenCaptureStartupPreflight();
+    void checkScreenCapturePermission();
+    void checkAccessibilityPermission();
+    void validateScreenCaptureRuntime();
+    void finishScreenCaptureValidation(bool success);
+    void refreshScreenRecordingPermission();
+    void refreshAccessibilityPermission();
+    std::optional<bool> cachedPermission(const QString& key) const;
+
+    void loadPasswordProtectionSettings();
+
     void log(const QString& message, const QString& category) const;
     void installTransferCallbacks(HLVPServerClient& client, const QString& key);
     // Removes a client's name, activity time, state subscription and remote host, and cancels

@@ -1,11 +1,10 @@
 // Client sessions: registration, handshake deadline, connection state, message dispatch,
 // clean-up, idle sweep, user disconnect and the statistics push.
 
+#include "clock.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "system_stats_provider.h"
-
-#include "clock.h"
 
 #include <QCoreApplication>
 #include <QPointer>
@@ -48,7 +47,7 @@ std::optional<QDateTime> ServerManager::lastClientActivity(const QString& key) c
 }
 
 SystemStatsProvider& ServerManager::statsProvider() const {
-    return m_environment.statsProvider != nullptr ? *m_environment.statsProvider : SystemStatsProvider::shared();
+    return m_environment.statsProvider;
 }
 
 void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>& client, const QString& key) {
@@ -78,7 +77,8 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
     client->setOnMessageReceived([weak, key](const HLVPMessage& message) {
         postToMainQueue([weak, key, message] {
             const QString label = weak ? weak->displayLabel(key) : fallbackLabel(key);
-            logLine(u"onMessageReceived callback called for %1 with message: %2"_s.arg(label, messageTypeName(message)),
+            logLine(u"onMessageReceived callback called for %1 with message: %2"_s.arg(
+                        label, messageTypeName(message)),
                     u"MESSAGE"_s);
             if (!weak) {
                 logLine(u"ServerManager is nil in onMessageReceived callback"_s, u"ERROR"_s);
@@ -104,7 +104,8 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
     const HLVP::ConnectionState current = client->connectionState();
     m_clientCancellables[key].push_back(connect(
         client.get(), &HLVPServerClient::connectionStateChanged, this,
-        [this, key](HLVP::ConnectionState state) { handleClientConnectionState(key, state); }, Qt::QueuedConnection));
+        [this, key](HLVP::ConnectionState state) { handleClientConnectionState(key, state); },
+        Qt::QueuedConnection));
     // A subscription also delivers the value current at the time it was made.
     QMetaObject::invokeMethod(
         this, [this, key, current] { handleClientConnectionState(key, current); }, Qt::QueuedConnection);
@@ -134,7 +135,8 @@ void ServerManager::handleClientConnectionState(const QString& key, HLVP::Connec
 }
 
 void ServerManager::handleConnectionClosed(const QString& key) {
-    log(u"Server-level connection closed callback triggered for %1"_s.arg(displayLabel(key)), u"CONNECTION"_s);
+    log(u"Server-level connection closed callback triggered for %1"_s.arg(displayLabel(key)),
+        u"CONNECTION"_s);
     cleanupDisconnectedClient(key);
 }
 
@@ -171,7 +173,7 @@ void ServerManager::handleMessage(const HLVPMessage& message, const QString& key
         log(u"Heartbeat response received from %1"_s.arg(displayLabel(key)), u"HEARTBEAT"_s);
     } else if (const auto* goodbye = std::get_if<DisconnectMessage>(&message)) {
         log(u"%1 requested disconnect with reason: '%2' - TYPE: DisconnectMessage"_s.arg(displayLabel(key),
-                                                                                       goodbye->reason),
+                                                                                         goodbye->reason),
             u"CONNECT"_s);
         cleanupDisconnectedClient(key);
     } else {
@@ -183,7 +185,8 @@ void ServerManager::handleMessage(const HLVPMessage& message, const QString& key
 void ServerManager::cleanupDisconnectedClient(const QString& key) {
     if (QThread::currentThread() != thread()) {
         QMetaObject::invokeMethod(
-            this, [weak = QPointer<ServerManager>(this), key] {
+            this,
+            [weak = QPointer<ServerManager>(this), key] {
                 if (weak) {
                     weak->cleanupDisconnectedClient(key);
                 }
@@ -251,14 +254,14 @@ void ServerManager::disconnectClient(const QString& key) {
         return;
     }
     log(u"Disconnecting %1"_s.arg(displayLabel(key)), u"CONNECT"_s);
-    client->sendEncryptedMessage(DisconnectMessage{u"Normal disconnect"_s, std::nullopt},
-                                 [](const std::optional<HLVPError>& error) {
-                                     if (error) {
-                                         logLine(u"Failed to send encrypted message to client: %1"_s.arg(
-                                                     error->localizedDescription()),
-                                                 u"ERROR"_s);
-                                     }
-                                 });
+    client->sendEncryptedMessage(
+        DisconnectMessage{u"Normal disconnect"_s, std::nullopt}, [](const std::optional<HLVPError>& error) {
+            if (error) {
+                logLine(
+                    u"Failed to send encrypted message to client: %1"_s.arg(error->localizedDescription()),
+                    u"ERROR"_s);
+            }
+        });
     client->disconnect();
 
     updateServerState([&](ServerState& state) {
@@ -305,7 +308,7 @@ void ServerManager::runStatsPushStep(const std::weak_ptr<Task>& weakTask, const 
             }
             if (error) {
                 weak->log(u"Failed to send system stats to %1: %2"_s.arg(weak->displayLabel(key),
-                                                                        error->localizedDescription()),
+                                                                         error->localizedDescription()),
                           u"ERROR"_s);
             }
             pushTask->sleep(weak->m_environment.scheduler, statsPushInterval, weak, [weak, weakTask, key] {

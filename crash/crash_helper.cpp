@@ -3,7 +3,7 @@
 #include "crash_record.h"
 #include "crash_report.h"
 #include "crash_reporter.h"
-#include "linux_display_probe.h"
+#include "linux/linux_display_probe.h"
 #include "stack_symbolizer.h"
 
 #include <QApplication>

@@ -1,13 +1,10 @@
 #include "service_advertiser.h"
 
-#include "avahi_service_publisher.h"
 #include "clock.h"
-#include "linux_system_identity.h"
-#include "netlink_path_monitor.h"
+#include "hlvp.h"
 #include "network_path_monitor.h"
 #include "server_log_manager.h"
 #include "service_publisher.h"
-#include "system_clock.h"
 #include "system_identity.h"
 
 using namespace Qt::StringLiterals;
@@ -20,15 +17,6 @@ constexpr auto republishDelay = 1000ms;
 // Host name when the computer has none to give.
 constexpr auto fallbackHostName = "Linux";
 } // namespace
-
-ServiceAdvertiser& ServiceAdvertiser::shared() {
-    static QtScheduler scheduler;
-    static LinuxSystemIdentity identity;
-    static ServiceAdvertiser* const instance = new ServiceAdvertiser(
-        std::make_unique<AvahiServicePublisher>(),
-        std::make_unique<NetlinkPathMonitor>(QString::fromLatin1(monitorQueueLabel)), scheduler, identity);
-    return *instance;
-}
 
 ServiceAdvertiser::ServiceAdvertiser(std::unique_ptr<ServicePublisher> publisher,
                                      std::unique_ptr<NetworkPathMonitor> pathMonitor, Scheduler& scheduler,
@@ -59,7 +47,7 @@ void ServiceAdvertiser::publish(quint16 port, const std::optional<QString>& comp
 
     ServiceDescription description;
     description.domain = QString::fromLatin1(serviceDomain);
-    description.type = QString::fromLatin1(serviceType);
+    description.type = QString::fromLatin1(HLVP::serviceType);
     description.name = QString::fromLatin1(serviceName) + u" - "_s + displayName;
     description.port = port;
     if (computerName && !computerName->isEmpty()) {

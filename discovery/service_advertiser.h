@@ -16,23 +16,20 @@ class ServicePublisher;
 class SystemIdentity;
 
 // Advertises the running server on the local network by DNS-SD, and advertises it afresh after
-// every change of the host's network path. Lives on the main thread.
+// every change of the host's network path. Lives on the main thread; the application makes one
+// for the process.
 class ServiceAdvertiser final : public QObject {
     Q_OBJECT
 public:
-    static constexpr auto serviceType = "_hlvp._tcp";
     static constexpr auto serviceDomain = "local.";
     static constexpr auto serviceName = "TellwynAgent";
     // Name of the thread on which path updates arrive.
     static constexpr auto monitorQueueLabel = "hlvp.dnssd.monitor";
 
-    // The process's advertiser, on the local Avahi daemon; created on first use, never destroyed.
-    static ServiceAdvertiser& shared();
-
     // Path monitoring starts here and runs for the life of the manager.
     ServiceAdvertiser(std::unique_ptr<ServicePublisher> publisher,
-                          std::unique_ptr<NetworkPathMonitor> pathMonitor, Scheduler& scheduler,
-                          SystemIdentity& identity, QObject* parent = nullptr);
+                      std::unique_ptr<NetworkPathMonitor> pathMonitor, Scheduler& scheduler,
+                      SystemIdentity& identity, QObject* parent = nullptr);
     ~ServiceAdvertiser() override;
 
     // Starts publishing unless a service is published already.

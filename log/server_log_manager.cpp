@@ -6,6 +6,7 @@
 #include <QRegularExpression>
 #include <QThread>
 
+#include <algorithm>
 #include <cstdio>
 
 using namespace Qt::StringLiterals;
@@ -83,9 +84,11 @@ void ServerLogManager::log(const QString& message, const QString& category) {
 
 void ServerLogManager::append(const QString& line) {
     m_logs.append(line);
-    if (m_logs.size() > maxLogs) {
-        m_logs.remove(0, m_logs.size() - maxLogs);
+    const qsizetype dropped = std::max<qsizetype>(m_logs.size() - maxLogs, 0);
+    if (dropped > 0) {
+        m_logs.remove(0, dropped);
     }
+    Q_EMIT linesAppended(1, dropped);
     Q_EMIT logsChanged();
 }
 

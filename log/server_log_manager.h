@@ -49,6 +49,9 @@ public:
 
 Q_SIGNALS:
     void logsChanged();
+    // Emitted before logsChanged when lines were added at the end, with how many older lines
+    // the cap dropped from the front at the same time.
+    void linesAppended(qsizetype appended, qsizetype dropped);
 
 private:
     ServerLogManager();

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <QString>
-
 #include <functional>
 
 namespace HLVP {
 
 // The port the setup screens recommend.
 inline constexpr quint16 defaultPort = 5905;
+// The DNS-SD service type under which agents are advertised and viewers look for them.
+inline constexpr auto serviceType = "_hlvp._tcp";
 // Clipboard texts larger than this (in UTF-8) are refused on receipt and never sent.
 inline constexpr qsizetype maxClipboardBytes = 1024 * 1024;
 // The protocol version this library speaks, and the oldest one it accepts from a viewer.

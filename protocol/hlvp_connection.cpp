@@ -10,7 +10,8 @@ using namespace Qt::StringLiterals;
 
 namespace tellwyn {
 
-HLVPConnection::HLVPConnection(QObject* parent) : QObject(parent) {}
+HLVPConnection::HLVPConnection(QObject* parent) : QObject(parent) {
+}
 
 HLVPConnection::~HLVPConnection() {
     if (m_socket) {
@@ -113,6 +114,11 @@ void HLVPConnection::readFrames() {
             return;
         }
         const HLVPMessage message = std::get<HLVPMessage>(std::move(decoded));
+        if (messageTraits(message).direction == Direction::viewerToAgent) {
+            fail(u"the agent sent a \"%1\" message, which only viewers send"_s.arg(wireTypeName(message)),
+                 protocolError);
+            return;
+        }
         if (const auto* response = std::get_if<HandshakeResponseMessage>(&message); response && !m_ready) {
             m_ready = true;
             Q_EMIT ready(*response);

@@ -2,12 +2,10 @@
 
 #include "file_transfer_receiver.h"
 #include "hlvp_codec.h"
-
 #include "system_clipboard.h"
 
 #include <QSslSocket>
 #include <QTimer>
-
 #include <algorithm>
 
 using namespace Qt::StringLiterals;
@@ -18,26 +16,11 @@ namespace {
 
 constexpr auto closeGracePeriod = std::chrono::seconds(2);
 
-// What a viewer may send before it has signed in.
-bool allowedBeforeSignIn(const HLVPMessage& message) {
-    return std::holds_alternative<HandshakeMessage>(message) || std::holds_alternative<AuthenticationMessage>(message) ||
-           std::holds_alternative<HeartbeatMessage>(message) ||
-           std::holds_alternative<HeartbeatResponseMessage>(message) ||
-           std::holds_alternative<DisconnectMessage>(message);
-}
-
-// Messages only the agent sends; a viewer that sends one does not speak the protocol.
-bool sentOnlyByAgent(const HLVPMessage& message) {
-    return std::holds_alternative<HandshakeResponseMessage>(message) ||
-           std::holds_alternative<AuthenticationResponseMessage>(message) ||
-           std::holds_alternative<SystemStatsMessage>(message) || std::holds_alternative<ScreenCaptureMessage>(message) ||
-           std::holds_alternative<FileAcceptMessage>(message) ||
-           std::holds_alternative<FileChunkAckMessage>(message) || std::holds_alternative<FileResultMessage>(message);
-}
-
 bool isFileTransferMessage(const HLVPMessage& message) {
-    return std::holds_alternative<FileOfferMessage>(message) || std::holds_alternative<FileChunkMessage>(message) ||
-           std::holds_alternative<FileCompleteMessage>(message) || std::holds_alternative<FileCancelMessage>(message);
+    return std::holds_alternative<FileOfferMessage>(message) ||
+           std::holds_alternative<FileChunkMessage>(message) ||
+           std::holds_alternative<FileCompleteMessage>(message) ||
+           std::holds_alternative<FileCancelMessage>(message);
 }
 
 } // namespace
@@ -102,8 +85,6 @@ void HLVPServerClient::log(const QString& message, const QString& category) cons
 }
 
 void HLVPServerClient::configureFileTransfers(bool enabled, const QString& destinationDirectory) {
-    m_fileTransfersEnabled = enabled;
-    m_fileTransferDirectory = destinationDirectory;
     m_transfers->configure(enabled, destinationDirectory);
 }
 
@@ -149,7 +130,8 @@ void HLVPServerClient::sendEncryptedMessage(const HLVPMessage& message, SendComp
     const QByteArray frame = wire::encodeFrame(message);
     const qint64 pending = m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite();
     if (pending + frame.size() > m_settings.maxPendingOutputBytes) {
-        log(u"the viewer is not reading (%1 bytes waiting); closing the connection"_s.arg(pending), u"SECURITY"_s);
+        log(u"the viewer is not reading (%1 bytes waiting); closing the connection"_s.arg(pending),
+            u"SECURITY"_s);
         completeLater(std::move(completion),
                       HLVPError(HLVPError::Code::sendFailed,
                                 u"The viewer stopped reading; the connection was closed."_s));
@@ -158,8 +140,8 @@ void HLVPServerClient::sendEncryptedMessage(const HLVPMessage& message, SendComp
         return;
     }
     if (m_socket->write(frame) != frame.size()) {
-        completeLater(std::move(completion),
-                      HLVPError(HLVPError::Code::sendFailed, u"Sending failed: %1"_s.arg(m_socket->errorString())));
+        completeLater(std::move(completion), HLVPError(HLVPError::Code::sendFailed,
+                                                       u"Sending failed: %1"_s.arg(m_socket->errorString())));
         return;
     }
     completeLater(std::move(completion), std::nullopt);
@@ -167,13 +149,15 @@ void HLVPServerClient::sendEncryptedMessage(const HLVPMessage& message, SendComp
 
 void HLVPServerClient::receiveClipboard(const ClipboardMessage& message) {
     if (!m_clipboardSharingEnabled || m_settings.systemClipboard == nullptr) {
-        refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s, u"clipboard"_s);
+        refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s,
+               u"clipboard"_s);
         return;
     }
     const qsizetype bytes = message.text.toUtf8().size();
     if (bytes > HLVP::maxClipboardBytes) {
         refuse(u"clipboardTooLarge"_s,
-               u"Clipboard text of %1 bytes is over the limit of %2 bytes."_s.arg(bytes).arg(HLVP::maxClipboardBytes),
+               u"Clipboard text of %1 bytes is over the limit of %2 bytes."_s.arg(bytes).arg(
+                   HLVP::maxClipboardBytes),
                u"clipboard"_s);
         return;
     }
@@ -239,7 +223,8 @@ void HLVPServerClient::onSocketDisconnected() {
     setConnectionState(HLVP::ConnectionState::disconnected);
 }
 
-void HLVPServerClient::closeForProtocolError(const QString& code, const QString& reason, const QString& category) {
+void HLVPServerClient::closeForProtocolError(const QString& code, const QString& reason,
+                                             const QString& category) {
     if (!isOpen()) {
         return;
     }
@@ -249,14 +234,16 @@ void HLVPServerClient::closeForProtocolError(const QString& code, const QString&
     disconnect();
 }
 
-void HLVPServerClient::refuse(const QString& code, const QString& text, const std::optional<QString>& refersTo) {
+void HLVPServerClient::refuse(const QString& code, const QString& text,
+                              const std::optional<QString>& refersTo) {
     log(u"refused %1: %2"_s.arg(refersTo.value_or(u"a message"_s), text), u"SECURITY"_s);
     sendEncryptedMessage(ErrorMessage{code, text, refersTo, std::nullopt});
 }
 
 bool HLVPServerClient::takeFrameToken(bool isFileChunk) {
     const bool authenticated = m_state == HLVP::ConnectionState::authenticated;
-    const double burst = authenticated ? m_settings.authenticatedFrameBurst : m_settings.unauthenticatedFrameBurst;
+    const double burst =
+        authenticated ? m_settings.authenticatedFrameBurst : m_settings.unauthenticatedFrameBurst;
     const double rate =
         authenticated ? m_settings.authenticatedFramesPerSecond : m_settings.unauthenticatedFramesPerSecond;
     const double elapsed = double(m_tokenClock.restart()) / 1000.0;
@@ -297,7 +284,8 @@ void HLVPServerClient::readFrames() {
         }
         HLVPMessage message = std::get<HLVPMessage>(std::move(decoded));
         if (!takeFrameToken(std::holds_alternative<FileChunkMessage>(message))) {
-            closeForProtocolError(u"rateLimited"_s, u"more than %1 messages per second"_s.arg(
+            closeForProtocolError(u"rateLimited"_s,
+                                  u"more than %1 messages per second"_s.arg(
                                       authenticated ? m_settings.authenticatedFramesPerSecond
                                                     : m_settings.unauthenticatedFramesPerSecond),
                                   u"SECURITY"_s);
@@ -309,23 +297,24 @@ void HLVPServerClient::readFrames() {
 
 void HLVPServerClient::handleMessage(HLVPMessage message) {
     const QString wireType = wireTypeName(message);
-    if (sentOnlyByAgent(message)) {
+    const MessageTraits& traits = messageTraits(message);
+    if (traits.direction == Direction::agentToViewer) {
         closeForProtocolError(u"unexpectedMessage"_s,
                               u"a viewer does not send \"%1\" messages"_s.arg(wireType), u"PROTOCOL"_s);
         return;
     }
-    if (m_state != HLVP::ConnectionState::authenticated && !allowedBeforeSignIn(message)) {
+    if (m_state != HLVP::ConnectionState::authenticated && traits.beforeSignIn != BeforeSignIn::allowed) {
         refuse(u"notAuthenticated"_s, u"Sign in before sending \"%1\" messages."_s.arg(wireType), wireType);
         return;
     }
 
     if (const auto* handshake = std::get_if<HandshakeMessage>(&message)) {
         if (handshake->protocolVersion < HLVP::minimumProtocolVersion) {
-            closeForProtocolError(
-                u"unsupportedVersion"_s,
-                u"protocol version %1 is older than the oldest this agent speaks (%2)"_s.arg(handshake->protocolVersion)
-                    .arg(HLVP::minimumProtocolVersion),
-                u"PROTOCOL"_s);
+            closeForProtocolError(u"unsupportedVersion"_s,
+                                  u"protocol version %1 is older than the oldest this agent speaks (%2)"_s
+                                      .arg(handshake->protocolVersion)
+                                      .arg(HLVP::minimumProtocolVersion),
+                                  u"PROTOCOL"_s);
             return;
         }
         m_handshakeReceived = true;
@@ -348,10 +337,11 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
             refuse(u"clipboardSharingDisabled"_s, u"Clipboard sharing is switched off on this computer."_s,
                    wireType);
         } else if (text && text->toUtf8().size() > HLVP::maxClipboardBytes) {
-            refuse(u"clipboardTooLarge"_s, u"The clipboard text is larger than %1 bytes."_s.arg(HLVP::maxClipboardBytes),
-                   wireType);
+            refuse(u"clipboardTooLarge"_s,
+                   u"The clipboard text is larger than %1 bytes."_s.arg(HLVP::maxClipboardBytes), wireType);
         } else {
-            sendEncryptedMessage(ClipboardMessage{text.value_or(QString()), std::get<ClipboardRequestMessage>(message).sequenceNumber});
+            sendEncryptedMessage(ClipboardMessage{text.value_or(QString()),
+                                                  std::get<ClipboardRequestMessage>(message).sequenceNumber});
         }
         return;
     } else if (isFileTransferMessage(message)) {

@@ -77,8 +77,6 @@ public:
 
     void configureFileTransfers(bool enabled, const QString& destinationDirectory);
     void configureClipboardSharing(bool enabled);
-    bool fileTransfersEnabled() const { return m_fileTransfersEnabled; }
-    QString fileTransferDirectory() const { return m_fileTransferDirectory; }
     bool clipboardSharingEnabled() const { return m_clipboardSharingEnabled; }
 
     bool markAuthenticated();
@@ -124,8 +122,6 @@ private:
     MessageHandler m_onMessageReceived;
     ClipboardHandler m_onClipboardReceived;
     ActivityHandler m_onFileTransferActivity;
-    bool m_fileTransfersEnabled = false;
-    QString m_fileTransferDirectory;
     bool m_clipboardSharingEnabled = false;
     std::unique_ptr<FileTransferReceiver> m_transfers;
     QTimer* m_closeDeadline = nullptr;

@@ -9,6 +9,18 @@ jobs="$(nproc)"
 
 cmake -S "$root" -B "$root/build/test-run" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$root/build/test-run" -j "$jobs"
+
+# The command-line viewer runs on machines without a desktop: it must not load Qt Gui, Qt D-Bus
+# or xcb (the Avahi client's own libdbus-1 is fine).
+viewer="$root/build/test-run/viewer/tellwyn"
+ldd "$viewer" >/dev/null # fails the run when the viewer is missing or unreadable
+if desktop_libraries="$(ldd "$viewer" | grep -E 'libQt6Gui|libQt6DBus|libxcb')"; then
+    echo "FAIL: the viewer $viewer loads desktop libraries:" >&2
+    echo "$desktop_libraries" >&2
+    echo "Link the viewer against tellwyn_platform only, never tellwyn_platform_desktop." >&2
+    exit 1
+fi
+
 (cd "$root/build/test-run" && ctest --output-on-failure -j "$jobs")
 
 cmake -S "$root" -B "$root/build/sanitize" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTELLWYN_SANITIZE=ON >/dev/null

@@ -4,11 +4,13 @@
 set -euo pipefail
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools libgl-dev libssl-dev libpam0g-dev
-                libxcb1-dev libxcb-randr0-dev qtkeychain-qt6-dev libavahi-client-dev)
+                libxcb1-dev libxcb-randr0-dev qtkeychain-qt6-dev libavahi-client-dev qt6-svg-dev polkitd libqt6svg6)
 test_packages=(openssl python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
-               xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2)
+               xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2
+               haskell-gtk-sni-tray-utils libglib2.0-bin qt6-qpa-plugins python3-pil
+               at-spi2-core python3-pyatspi gir1.2-atspi-2.0 imagemagick)
 bench_packages=(prometheus-node-exporter)
-package_packages=(debhelper lintian debootstrap man-db systemd ccache)
+package_packages=(debhelper lintian debootstrap man-db systemd ccache librsvg2-bin)
 
 wanted=()
 for group in "$@"; do
@@ -55,6 +57,13 @@ for group in "$@"; do
                 echo "setup.sh: installing /etc/pam.d/tellwyn-agent"
                 "${as_root[@]}" install -m 0644 "$root/data/pam/tellwyn-agent" /etc/pam.d/tellwyn-agent
             fi
+            # The polkit action behind "Forgot Password…": an administrator opens the menu lock.
+            policy=/usr/share/polkit-1/actions/com.brevane.tellwynagent.policy
+            if ! cmp -s "$root/data/polkit/com.brevane.tellwynagent.policy" "$policy"; then
+                need_root "install $policy"
+                echo "setup.sh: installing $policy"
+                "${as_root[@]}" install -m 0644 "$root/data/polkit/com.brevane.tellwynagent.policy" "$policy"
+            fi
             ;;
         test)
             # An account for the sign-in tests: no home, no login shell, a password the tests know
@@ -66,6 +75,14 @@ for group in "$@"; do
                     --home-dir /nonexistent --shell /usr/sbin/nologin tellwyn-test
                 echo 'tellwyn-test:Tellwyn-Test-Passw0rd' | "${as_root[@]}" chpasswd
                 echo "test account of TellwynAgent's sign-in tests" | "${as_root[@]}" tee /etc/tellwyn-test-account >/dev/null
+            fi
+            # A polkit rule that lets the polkit test answer the unlock action yes or no; it does
+            # nothing unless the test's folder /run/tellwyn-polkit-test exists.
+            rule=/etc/polkit-1/rules.d/49-tellwyn-test.rules
+            if ! cmp -s "$root/tests/integration/polkit/49-tellwyn-test.rules" "$rule"; then
+                need_root "install $rule"
+                echo "setup.sh: installing $rule"
+                "${as_root[@]}" install -m 0644 "$root/tests/integration/polkit/49-tellwyn-test.rules" "$rule"
             fi
             ;;
     esac

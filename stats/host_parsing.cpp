@@ -1,7 +1,6 @@
 #include "host_parsing.h"
 
 #include <QCollator>
-#include <QRegularExpression>
 #include <QTextBoundaryFinder>
 #include <algorithm>
 
@@ -133,35 +132,6 @@ QString osReleasePrettyName(const QByteArray& osRelease) {
         return QString::fromUtf8(value.replace("\\\"", "\"").replace("\\\\", "\\")).trimmed();
     }
     return {};
-}
-
-bool diskEncryptionStatusIsOn(const QString& output) {
-    return output.toLower().contains(u"filevault is on"_s);
-}
-
-bool integrityProtectionStatusIsEnabled(const QString& output) {
-    return output.toLower().contains(u"enabled"_s);
-}
-
-bool assessmentStatusIsEnabled(const QString& output) {
-    return output.toLower().contains(u"assessments enabled"_s);
-}
-
-bool enrollmentStatusIsEnrolled(const QString& output) {
-    static const QRegularExpression enrolled(QString::fromUtf16(uR"((?im)^\s*MDM enrollment:\s*yes\b)"));
-    return enrolled.match(output).hasMatch();
-}
-
-std::optional<QString> registryValue(const QString& output, const QString& key) {
-    const QRegularExpression pattern(u"\""_s + key + u"\"\\s*=\\s*\"([^\"]+)\""_s);
-    if (!pattern.isValid()) {
-        return std::nullopt;
-    }
-    const QRegularExpressionMatch match = pattern.match(output);
-    if (!match.hasMatch()) {
-        return std::nullopt;
-    }
-    return match.captured(1);
 }
 
 QString latestLogLine(const QString& output, const QStringList& markers) {

@@ -53,14 +53,6 @@ double cpuBusyFraction(const CpuTicks& previous, const CpuTicks& current);
 // PRETTY_NAME of an os-release file, unquoted; empty when missing.
 QString osReleasePrettyName(const QByteArray& osRelease);
 
-// Matches on the answers of the security status tools.
-bool diskEncryptionStatusIsOn(const QString& output);
-bool integrityProtectionStatusIsEnabled(const QString& output);
-bool assessmentStatusIsEnabled(const QString& output);
-bool enrollmentStatusIsEnrolled(const QString& output);
-// The quoted value of a quoted key in a hardware registry listing ("key" = "value").
-std::optional<QString> registryValue(const QString& output, const QString& key);
-
 // The last line of `output` that contains `word` (case-insensitive), trimmed and cut to 120
 // user-perceived characters ("..." after the first 117 when longer); empty when none.
 QString latestLogLine(const QString& output, const QStringList& markers);

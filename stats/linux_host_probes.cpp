@@ -1,15 +1,10 @@
 #include "linux_host_probes.h"
 
-#include "desktop_permission_service.h"
 #include "desktop_session.h"
-#include "linux_system_identity.h"
-#include "logind_desktop_session.h"
 #include "permission_service.h"
 #include "run_tool.h"
-#include "system_clock.h"
-#include "system_stats_provider.h"
+#include "system_identity.h"
 #include "window_system.h"
-#include "x11_window_system.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -94,13 +89,13 @@ QString trimmedText(const QByteArray& bytes) {
 
 } // namespace
 
-LinuxHostProbes::Sources LinuxHostProbes::systemSources() {
+LinuxHostProbes::Sources LinuxHostProbes::systemSources(const SystemIdentity& identity) {
     Sources sources;
     sources.runTool = &tellwyn::runTool;
     sources.capacity = &statvfsCapacity;
     sources.interfaces = &systemInterfaces;
     sources.uptime = &bootTimeSeconds;
-    sources.ownLoginName = LinuxSystemIdentity().loginName();
+    sources.ownLoginName = identity.loginName();
     sources.ownPid = ::getpid();
     for (const QString& folder : QStandardPaths::standardLocations(QStandardPaths::GenericDataLocation)) {
         sources.applicationFolders.append(folder + u"/applications"_s);
@@ -472,19 +467,6 @@ QList<HLVPDiskVolumeInfo> LinuxHostProbes::volumes() {
     }
     sortVolumes(volumes);
     return volumes;
-}
-
-// The process's provider reads this machine. Created on first use and never destroyed, like
-// the services it reads through.
-SystemStatsProvider& SystemStatsProvider::shared() {
-    static SystemStatsProvider* const instance = [] {
-        auto* session = new LogindDesktopSession;
-        auto* windows = new X11WindowSystem;
-        auto* probes = new LinuxHostProbes(*session, *windows, desktopPermissionService());
-        auto* clock = new SystemClock;
-        return new SystemStatsProvider(*probes, *clock);
-    }();
-    return *instance;
 }
 
 } // namespace tellwyn

@@ -11,6 +11,7 @@ namespace tellwyn {
 
 class DesktopSession;
 class PermissionService;
+class SystemIdentity;
 class WindowSystem;
 
 // The figures of a Linux machine: /proc, /sys and /etc files, statvfs, getifaddrs and
@@ -29,10 +30,10 @@ public:
         qint64 ownPid = 0;
         QStringList applicationFolders; // where desktop entries are looked up
     };
-    static Sources systemSources();
+    static Sources systemSources(const SystemIdentity& identity);
 
     LinuxHostProbes(DesktopSession& session, WindowSystem& windows, PermissionService& permissions,
-                    Sources sources = systemSources());
+                    Sources sources);
 
     std::optional<QString> activeApplicationName() override;
     void observeSleepAndWake(QObject* context, std::function<void(bool goingToSleep)> handler) override;

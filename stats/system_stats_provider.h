@@ -19,8 +19,8 @@ class Clock;
 class HostProbes;
 class SerialQueue;
 
-// Assembles the statistics record of this machine. One instance serves the whole process; every
-// snapshot runs on its own serial queue, so the caches below need no lock.
+// Assembles the statistics record of this machine. The application makes one for the whole
+// process; every snapshot runs on its own serial queue, so the caches below need no lock.
 class SystemStatsProvider {
 public:
     using SnapshotHandler = std::function<void(SystemStatsMessage snapshot)>;
@@ -28,7 +28,6 @@ public:
     static constexpr double securityCacheTTL = 300.0;
     static inline const QString snapshotQueueLabel = QStringLiteral("org.tellwyn.agent.system-stats");
 
-    static SystemStatsProvider& shared();
     // A provider reading `probes` and `clock`, which must outlive it.
     SystemStatsProvider(HostProbes& probes, Clock& clock);
     virtual ~SystemStatsProvider();

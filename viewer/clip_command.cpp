@@ -1,11 +1,9 @@
 // tellwyn clip get|put|watch: read, set and follow the agent's clipboard.
 
+#include "hlvp.h"
 #include "viewer_command.h"
 
-#include "hlvp.h"
-
 #include <QTimer>
-
 #include <cstdio>
 
 using namespace Qt::StringLiterals;
@@ -27,12 +25,14 @@ QString readAllOfStandardInput() {
 
 } // namespace
 
-int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                const ViewerPlatform& platform) {
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        u"get: print the agent's clipboard text. put: set it to TEXT, or to standard input without TEXT (after "
-        u"the password line with --password-stdin). watch: print each text the agent's clipboard takes, until "
-        u"Ctrl-C. Signs in first, as 'tellwyn stats' does."_s);
+    parser.setApplicationDescription(u"get: print the agent's clipboard text. put: set it to TEXT, or to "
+                                     u"standard input without TEXT (after "
+                                     u"the password line with --password-stdin). watch: print each text the "
+                                     u"agent's clipboard takes, until "
+                                     u"Ctrl-C. Signs in first, as 'tellwyn stats' does."_s);
     CommonOptions common;
     SignInOptions signIn;
     parser.addOptions({common.help, common.name, common.knownAgents, signIn.user, signIn.passwordStdin});
@@ -48,13 +48,15 @@ int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
     if (action != u"get"_s && action != u"put"_s && action != u"watch"_s) {
         return usageError(err, u"clip"_s, u"say get, put or watch"_s);
     }
-    const bool sizeFits = action == u"put"_s ? positional.size() == 2 || positional.size() == 3 : positional.size() == 2;
+    const bool sizeFits =
+        action == u"put"_s ? positional.size() == 2 || positional.size() == 3 : positional.size() == 2;
     if (!sizeFits) {
-        return usageError(err, u"clip"_s, u"give HOST[:PORT]"_s + (action == u"put"_s ? u" and, if you like, TEXT"_s
-                                                                                        : QString()));
+        return usageError(err, u"clip"_s,
+                          u"give HOST[:PORT]"_s +
+                              (action == u"put"_s ? u" and, if you like, TEXT"_s : QString()));
     }
     QString error;
-    const auto target = parseTarget(positional.at(1), parser, common, &error);
+    const auto target = parseTarget(positional.at(1), parser, common, platform, &error);
     if (!target) {
         return usageError(err, u"clip"_s, error);
     }
@@ -63,25 +65,30 @@ int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
     if (!credentials) {
         return exitCode;
     }
-    const QString text = action == u"put"_s ? (positional.size() == 3 ? positional.at(2) : readAllOfStandardInput())
-                                            : QString();
+    const QString text = action == u"put"_s
+                             ? (positional.size() == 3 ? positional.at(2) : readAllOfStandardInput())
+                             : QString();
 
     ViewerSession session(target->address, target->name, target->knownAgents, out, err);
     QTimer keepAlive;
     keepAlive.setInterval(keepAliveInterval);
-    QObject::connect(&keepAlive, &QTimer::timeout, &session, [&session] { session.send(HeartbeatMessage{}); });
+    QObject::connect(&keepAlive, &QTimer::timeout, &session,
+                     [&session] { session.send(HeartbeatMessage{}); });
     constexpr quint32 putConfirmation = 1;
-    signInWhenReady(session, std::move(*credentials), [&] {
-        if (action == u"get"_s) {
-            session.send(ClipboardRequestMessage{});
-        } else if (action == u"put"_s) {
-            // The agent answers in order: a refusal of the text would come before this reply.
-            session.send(ClipboardMessage{text, std::nullopt});
-            session.send(HeartbeatMessage{putConfirmation});
-        } else {
-            keepAlive.start();
-        }
-    }, err);
+    signInWhenReady(
+        session, std::move(*credentials),
+        [&] {
+            if (action == u"get"_s) {
+                session.send(ClipboardRequestMessage{});
+            } else if (action == u"put"_s) {
+                // The agent answers in order: a refusal of the text would come before this reply.
+                session.send(ClipboardMessage{text, std::nullopt});
+                session.send(HeartbeatMessage{putConfirmation});
+            } else {
+                keepAlive.start();
+            }
+        },
+        err);
     QObject::connect(&session, &ViewerSession::messageReceived, &session, [&](const HLVPMessage& message) {
         if (const auto* refusal = std::get_if<ErrorMessage>(&message)) {
             err << u"tellwyn: the agent refused: %1"_s.arg(refusal->message) << Qt::endl;
@@ -98,7 +105,7 @@ int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
             session.finish(exitOk);
         }
     });
-    return runSession(session);
+    return runSession(session, platform);
 }
 
 } // namespace tellwyn

@@ -1,7 +1,7 @@
 // tellwyn discover: list the agents advertised on the local network, and find one by its name.
 
-#include "avahi_service_browser.h"
-#include "unix_signal_watcher.h"
+#include "hlvp.h"
+#include "service_browser_backend.h"
 #include "viewer_command.h"
 
 #include <QCoreApplication>
@@ -16,7 +16,7 @@ namespace tellwyn {
 
 namespace {
 
-const auto agentServiceType = u"_hlvp._tcp"_s;
+const auto agentServiceType = QString::fromLatin1(HLVP::serviceType);
 const auto agentServiceDomain = u"local"_s;
 const auto noResponderText = u"no DNS-SD responder could be reached (is avahi-daemon running?)"_s;
 
@@ -43,9 +43,10 @@ AgentKey agentKey(const ResolvedService& service) {
 
 } // namespace
 
-std::optional<AgentAddress> findAdvertisedAgent(const QString& instanceName,
+std::optional<AgentAddress> findAdvertisedAgent(const ViewerPlatform& platform, const QString& instanceName,
                                                 std::chrono::milliseconds timeout, QString* error) {
-    AvahiServiceBrowserBackend browser;
+    const std::unique_ptr<ServiceBrowserBackend> browserOwner = platform.makeServiceBrowser();
+    ServiceBrowserBackend& browser = *browserOwner;
     QEventLoop loop;
     std::optional<AgentAddress> found;
     QObject::connect(&browser, &ServiceBrowserBackend::serviceResolved, &loop,
@@ -71,7 +72,8 @@ std::optional<AgentAddress> findAdvertisedAgent(const QString& instanceName,
     return found;
 }
 
-int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                    const ViewerPlatform& platform) {
     QCommandLineParser parser;
     parser.setApplicationDescription(
         u"Lists the agents advertised on the local network by DNS-SD, one per line: instance name, host, "
@@ -99,7 +101,8 @@ int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream&
     }
     const bool watching = parser.isSet(watch);
 
-    AvahiServiceBrowserBackend browser;
+    const std::unique_ptr<ServiceBrowserBackend> browserOwner = platform.makeServiceBrowser();
+    ServiceBrowserBackend& browser = *browserOwner;
     std::map<AgentKey, ResolvedService> agents;
     int exitCode = exitOk;
     QObject::connect(&browser, &ServiceBrowserBackend::serviceResolved, &browser,
@@ -132,9 +135,7 @@ int discoverCommand(const QStringList& arguments, QTextStream& out, QTextStream&
         return exitFailure;
     }
 
-    UnixSignalWatcher signalWatcher;
-    QObject::connect(&signalWatcher, &UnixSignalWatcher::terminationRequested, &browser,
-                     [](int) { QCoreApplication::exit(exitOk); });
+    const auto termination = platform.watchTermination(&browser, [] { QCoreApplication::exit(exitOk); });
     if (!watching) {
         QTimer::singleShot(std::chrono::milliseconds(qRound64(listenSeconds * 1000.0)), &browser,
                            [] { QCoreApplication::exit(exitOk); });

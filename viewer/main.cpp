@@ -2,9 +2,13 @@
 
 #include "viewer_command.h"
 
+// The viewer's own composition: the Linux implementations its commands use.
+#include "linux/avahi_service_browser.h"
+#include "linux/linux_system_identity.h"
+#include "linux/unix_signal_watcher.h"
+
 #include <QCoreApplication>
 #include <QTextStream>
-
 #include <functional>
 
 using namespace Qt::StringLiterals;
@@ -12,7 +16,7 @@ using namespace Qt::StringLiterals;
 namespace tellwyn {
 namespace {
 
-using Command = std::function<int(const QStringList&, QTextStream&, QTextStream&)>;
+using Command = std::function<int(const QStringList&, QTextStream&, QTextStream&, const ViewerPlatform&)>;
 
 // Every command, with the line that introduces it in `tellwyn --help`.
 struct CommandEntry {
@@ -23,27 +27,36 @@ struct CommandEntry {
 
 const QList<CommandEntry>& commands() {
     static const QList<CommandEntry> list{
-        {u"connect"_s, u"connect HOST[:PORT]   connect, keep the connection alive and print what the agent sends"_s,
+        {u"connect"_s,
+         u"connect HOST[:PORT]   connect, keep the connection alive and print what the agent sends"_s,
          connectCommand},
-        {u"stats"_s, u"stats HOST[:PORT] -u USER\n                        sign in and print the agent's first statistics record"_s,
+        {u"stats"_s,
+         u"stats HOST[:PORT] -u USER\n                        sign in and print the agent's first statistics record"_s,
          statsCommand},
-        {u"watch"_s, u"watch HOST[:PORT] -u USER\n                        sign in and show the statistics live as they arrive"_s, watchCommand},
-        {u"clip"_s, u"clip get|put|watch HOST[:PORT] -u USER [TEXT]\n                        read, set or follow the agent's clipboard"_s,
+        {u"watch"_s,
+         u"watch HOST[:PORT] -u USER\n                        sign in and show the statistics live as they arrive"_s,
+         watchCommand},
+        {u"clip"_s,
+         u"clip get|put|watch HOST[:PORT] -u USER [TEXT]\n                        read, set or follow the agent's clipboard"_s,
          clipCommand},
-        {u"send"_s, u"send HOST[:PORT] -u USER FILE...\n                        upload files into the agent's Downloads/Tellwyn folder"_s,
+        {u"send"_s,
+         u"send HOST[:PORT] -u USER FILE...\n                        upload files into the agent's Downloads/Tellwyn folder"_s,
          sendCommand},
-        {u"discover"_s, u"discover [--watch]     list the agents advertised on the local network"_s, discoverCommand},
+        {u"discover"_s, u"discover [--watch]     list the agents advertised on the local network"_s,
+         discoverCommand},
     };
     return list;
 }
 
 QString mainHelp() {
-    QString text = u"Usage: tellwyn COMMAND [OPTIONS] ...\nThe command-line viewer of TellwynAgent.\n\nCommands:\n"_s;
+    QString text =
+        u"Usage: tellwyn COMMAND [OPTIONS] ...\nThe command-line viewer of TellwynAgent.\n\nCommands:\n"_s;
     for (const CommandEntry& command : commands()) {
         text += u"  "_s + command.summary + u'\n';
     }
-    return text + u"\nRun 'tellwyn COMMAND --help' for the options of a command.\n"
-                  u"Agents are pinned on first contact in ~/.config/tellwyn/known_agents.\n\n"_s +
+    return text +
+           u"\nRun 'tellwyn COMMAND --help' for the options of a command.\n"
+           u"Agents are pinned on first contact in ~/.config/tellwyn/known_agents.\n\n"_s +
            exitCodesText;
 }
 
@@ -69,9 +82,18 @@ int main(int argc, char* argv[]) {
         return exitOk;
     }
     arguments.removeAt(1);
+    LinuxSystemIdentity identity;
+    const ViewerPlatform platform{
+        identity, [] { return std::make_unique<AvahiServiceBrowserBackend>(); },
+        [](QObject* context, std::function<void()> handler) -> std::unique_ptr<QObject> {
+            auto watcher = std::make_unique<UnixSignalWatcher>();
+            QObject::connect(watcher.get(), &UnixSignalWatcher::terminationRequested, context,
+                             [handler = std::move(handler)](int) { handler(); });
+            return watcher;
+        }};
     for (const CommandEntry& entry : commands()) {
         if (entry.name == command) {
-            return entry.run(arguments, out, err);
+            return entry.run(arguments, out, err, platform);
         }
     }
     err << u"tellwyn: unknown command '%1'\nTry 'tellwyn --help'."_s.arg(command) << Qt::endl;

@@ -1,16 +1,14 @@
 // tellwyn send: upload files into the agent's folder for received files, with a progress bar.
 
-#include "viewer_command.h"
-
 #include "hlvp.h"
 #include "sha256.h"
+#include "viewer_command.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QLocale>
 #include <QUuid>
-
 #include <cstdio>
 #include <unistd.h>
 
@@ -28,7 +26,9 @@ QString sizeText(double bytes) {
 
 QString durationText(double seconds) {
     const auto total = qint64(seconds + 0.5);
-    return total >= 3600 ? u"%1:%2:%3"_s.arg(total / 3600).arg(total / 60 % 60, 2, 10, QChar(u'0')).arg(total % 60, 2, 10, QChar(u'0'))
+    return total >= 3600 ? u"%1:%2:%3"_s.arg(total / 3600)
+                               .arg(total / 60 % 60, 2, 10, QChar(u'0'))
+                               .arg(total % 60, 2, 10, QChar(u'0'))
                          : u"%1:%2"_s.arg(total / 60).arg(total % 60, 2, 10, QChar(u'0'));
 }
 
@@ -114,18 +114,22 @@ private:
     }
 
     void onMessage(const HLVPMessage& message) {
-        if (const auto* accept = std::get_if<FileAcceptMessage>(&message); accept && accept->transferID == m_id) {
+        if (const auto* accept = std::get_if<FileAcceptMessage>(&message);
+            accept && accept->transferID == m_id) {
             m_window = std::max<quint32>(accept->windowBytes, quint32(chunkBytes));
             pump();
-        } else if (const auto* ack = std::get_if<FileChunkAckMessage>(&message); ack && ack->transferID == m_id) {
+        } else if (const auto* ack = std::get_if<FileChunkAckMessage>(&message);
+                   ack && ack->transferID == m_id) {
             m_acknowledged = qint64(ack->receivedBytes);
             progress(false);
             pump();
-        } else if (const auto* result = std::get_if<FileResultMessage>(&message); result && result->transferID == m_id) {
+        } else if (const auto* result = std::get_if<FileResultMessage>(&message);
+                   result && result->transferID == m_id) {
             if (result->success) {
                 m_acknowledged = m_size;
                 progress(true);
-                m_out << u"%1 -> %2"_s.arg(m_paths.at(m_index), result->savedName.value_or(QString())) << Qt::endl;
+                m_out << u"%1 -> %2"_s.arg(m_paths.at(m_index), result->savedName.value_or(QString()))
+                      << Qt::endl;
                 ++m_index;
                 next();
             } else {
@@ -134,7 +138,8 @@ private:
                 }
                 fail(result->errorMessage.value_or(u"refused"_s));
             }
-        } else if (const auto* cancel = std::get_if<FileCancelMessage>(&message); cancel && cancel->transferID == m_id) {
+        } else if (const auto* cancel = std::get_if<FileCancelMessage>(&message);
+                   cancel && cancel->transferID == m_id) {
             fail(cancel->reason);
         } else if (const auto* refusal = std::get_if<ErrorMessage>(&message)) {
             m_err << u"tellwyn: the agent refused: %1"_s.arg(refusal->message) << Qt::endl;
@@ -162,11 +167,13 @@ private:
 
 } // namespace
 
-int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                const ViewerPlatform& platform) {
     QCommandLineParser parser;
     parser.setApplicationDescription(
         u"Uploads FILEs into the folder for received files on the agent's computer (\"Tellwyn\" in the "
-        u"Downloads folder), one after the other, and prints the name each was saved under. Signs in first, as "
+        u"Downloads folder), one after the other, and prints the name each was saved under. Signs in first, "
+        u"as "
         u"'tellwyn stats' does."_s);
     CommonOptions common;
     SignInOptions signIn;
@@ -188,7 +195,7 @@ int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
         }
     }
     QString error;
-    const auto target = parseTarget(positional.at(0), parser, common, &error);
+    const auto target = parseTarget(positional.at(0), parser, common, platform, &error);
     if (!target) {
         return usageError(err, u"send"_s, error);
     }
@@ -199,8 +206,9 @@ int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
     }
     ViewerSession session(target->address, target->name, target->knownAgents, out, err);
     Upload upload(session, positional.mid(1), out, err);
-    signInWhenReady(session, std::move(*credentials), [&upload] { upload.start(); }, err);
-    return runSession(session);
+    signInWhenReady(
+        session, std::move(*credentials), [&upload] { upload.start(); }, err);
+    return runSession(session, platform);
 }
 
 } // namespace tellwyn

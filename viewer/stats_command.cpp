@@ -1,14 +1,12 @@
 // tellwyn stats: sign in and print the first statistics record. The signing-in and printing
 // are shared with tellwyn watch, which keeps printing records as they arrive.
 
-#include "viewer_command.h"
-
 #include "hlvp.h"
 #include "message_text.h"
 #include "password_prompt.h"
+#include "viewer_command.h"
 
 #include <QTimer>
-
 #include <cstdio>
 #include <unistd.h>
 
@@ -21,14 +19,17 @@ namespace {
 constexpr std::chrono::seconds heartbeatInterval{20};
 } // namespace
 
-int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStream& err, const QString& command,
-                      bool live) {
+int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                      const ViewerPlatform& platform, const QString& command, bool live) {
     QCommandLineParser parser;
     parser.setApplicationDescription(
-        (live ? u"Signs in to the agent at HOST with the user name and password of the account the agent runs as "
-                u"and shows each statistics record as it arrives (about every 10 s), redrawing the screen on a "
+        (live ? u"Signs in to the agent at HOST with the user name and password of the account the agent "
+                u"runs as "
+                u"and shows each statistics record as it arrives (about every 10 s), redrawing the screen on "
+                u"a "
                 u"terminal, until interrupted. "_s
-              : u"Signs in to the agent at HOST with the user name and password of the account the agent runs as, "
+              : u"Signs in to the agent at HOST with the user name and password of the account the agent "
+                u"runs as, "
                 u"prints the first statistics record and leaves. "_s) +
         u"The password is asked for without echo, or read "
         u"from standard input with --password-stdin; it is never taken from the command line."_s);
@@ -40,12 +41,11 @@ int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStrea
                                            u"Read the password from the first line of standard input."_s);
     parser.addOptions({common.help, common.name, common.knownAgents, user, passwordStdin, json});
     parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
-    if (const std::optional<int> finished =
-            parseCommandLine(parser, arguments, common, command, out, err)) {
+    if (const std::optional<int> finished = parseCommandLine(parser, arguments, common, command, out, err)) {
         return *finished;
     }
     QString error;
-    const auto target = parseTarget(parser, common, &error);
+    const auto target = parseTarget(parser, common, platform, &error);
     if (!target) {
         return usageError(err, command, error);
     }
@@ -58,8 +58,9 @@ int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStrea
             ? readPasswordLine()
             : promptForPassword(u"Password for %1 on %2: "_s.arg(userName, target->address.display()));
     if (!password) {
-        err << (parser.isSet(passwordStdin) ? u"tellwyn: no password on standard input"_s
-                                            : u"tellwyn: no terminal to ask for the password; use --password-stdin"_s)
+        err << (parser.isSet(passwordStdin)
+                    ? u"tellwyn: no password on standard input"_s
+                    : u"tellwyn: no terminal to ask for the password; use --password-stdin"_s)
             << Qt::endl;
         return exitFailure;
     }
@@ -88,7 +89,8 @@ int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStrea
                     heartbeats.start();
                 }
             } else {
-                err << u"tellwyn: sign-in refused: %1"_s.arg(response->errorMessage.value_or(u"(no reason given)"_s))
+                err << u"tellwyn: sign-in refused: %1"_s.arg(
+                           response->errorMessage.value_or(u"(no reason given)"_s))
                     << Qt::endl;
                 session.finish(exitSignInRefused);
             }
@@ -114,11 +116,12 @@ int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStrea
             session.finish(exitProtocolError);
         }
     });
-    return runSession(session);
+    return runSession(session, platform);
 }
 
-int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
-    return statisticsSession(arguments, out, err, u"stats"_s, false);
+int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                 const ViewerPlatform& platform) {
+    return statisticsSession(arguments, out, err, platform, u"stats"_s, false);
 }
 
 } // namespace tellwyn

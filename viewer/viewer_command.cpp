@@ -2,9 +2,8 @@
 
 #include "hlvp.h"
 #include "known_agents.h"
-#include "linux_system_identity.h"
 #include "password_prompt.h"
-#include "unix_signal_watcher.h"
+#include "system_identity.h"
 
 #include <QCoreApplication>
 
@@ -12,14 +11,15 @@ using namespace Qt::StringLiterals;
 
 namespace tellwyn {
 
-const QString exitCodesText = u"Exit codes:\n"
-                              u"  0  success, or the session ended normally\n"
-                              u"  1  a local problem (a file could not be read or written)\n"
-                              u"  2  wrong usage\n"
-                              u"  3  the agent could not be reached, or the connection was lost\n"
-                              u"  4  the agent's identity differs from the one pinned in the known-agents file\n"
-                              u"  5  the agent refused a message, or sent something unreadable\n"
-                              u"  6  sign-in refused\n"_s;
+const QString exitCodesText =
+    u"Exit codes:\n"
+    u"  0  success, or the session ended normally\n"
+    u"  1  a local problem (a file could not be read or written)\n"
+    u"  2  wrong usage\n"
+    u"  3  the agent could not be reached, or the connection was lost\n"
+    u"  4  the agent's identity differs from the one pinned in the known-agents file\n"
+    u"  5  the agent refused a message, or sent something unreadable\n"
+    u"  6  sign-in refused\n"_s;
 
 int usageError(QTextStream& err, const QString& command, const QString& text) {
     err << u"tellwyn: "_s << text << u"\nTry 'tellwyn "_s << command << u" --help'."_s << Qt::endl;
@@ -44,36 +44,38 @@ std::optional<int> parseCommandLine(QCommandLineParser& parser, const QStringLis
     return std::nullopt;
 }
 
-int runSession(ViewerSession& session) {
-    UnixSignalWatcher signalWatcher;
-    QObject::connect(&signalWatcher, &UnixSignalWatcher::terminationRequested, &session,
-                     [&session](int) { session.finish(exitOk); });
+int runSession(ViewerSession& session, const ViewerPlatform& platform) {
+    const auto termination = platform.watchTermination(&session, [&session] { session.finish(exitOk); });
     QObject::connect(&session, &ViewerSession::finished, QCoreApplication::instance(),
                      [](int code) { QCoreApplication::exit(code); });
     session.start();
     return QCoreApplication::exec();
 }
 
-std::optional<Target> parseTarget(const QCommandLineParser& parser, const CommonOptions& common, QString* error) {
+std::optional<Target> parseTarget(const QCommandLineParser& parser, const CommonOptions& common,
+                                  const ViewerPlatform& platform, QString* error) {
     if (parser.positionalArguments().size() != 1) {
         *error = u"give exactly one HOST[:PORT]"_s;
         return std::nullopt;
     }
-    return parseTarget(parser.positionalArguments().constFirst(), parser, common, error);
+    return parseTarget(parser.positionalArguments().constFirst(), parser, common, platform, error);
 }
 
 std::optional<Target> parseTarget(const QString& hostAndPort, const QCommandLineParser& parser,
-                                  const CommonOptions& common, QString* error) {
+                                  const CommonOptions& common, const ViewerPlatform& platform,
+                                  QString* error) {
     // Advertised names ("TellwynAgent - Office") are not host names; look them up on the network.
-    const auto address = hostAndPort.contains(u' ') ? findAdvertisedAgent(hostAndPort, std::chrono::seconds(5), error)
-                                                    : parseAgentAddress(hostAndPort, HLVP::defaultPort, error);
+    const auto address = hostAndPort.contains(u' ')
+                             ? findAdvertisedAgent(platform, hostAndPort, std::chrono::seconds(5), error)
+                             : parseAgentAddress(hostAndPort, HLVP::defaultPort, error);
     if (!address) {
         return std::nullopt;
     }
-    return Target{*address,
-                  parser.isSet(common.name) ? parser.value(common.name)
-                                            : LinuxSystemIdentity().localizedComputerName().value_or(u"tellwyn"_s),
-                  parser.isSet(common.knownAgents) ? parser.value(common.knownAgents) : KnownAgents::defaultPath()};
+    return Target{
+        *address,
+        parser.isSet(common.name) ? parser.value(common.name)
+                                  : platform.identity.localizedComputerName().value_or(u"tellwyn"_s),
+        parser.isSet(common.knownAgents) ? parser.value(common.knownAgents) : KnownAgents::defaultPath()};
 }
 
 std::optional<Credentials> readCredentials(const QCommandLineParser& parser, const SignInOptions& options,
@@ -102,14 +104,15 @@ std::optional<Credentials> readCredentials(const QCommandLineParser& parser, con
 void signInWhenReady(ViewerSession& session, Credentials credentials, std::function<void()> onSignedIn,
                      QTextStream& err) {
     auto pending = std::make_shared<Credentials>(std::move(credentials));
-    QObject::connect(&session, &ViewerSession::ready, &session, [&session, pending](const HandshakeResponseMessage&) {
-        AuthenticationMessage signIn;
-        signIn.method = HLVP::AuthenticationMethod::password;
-        signIn.credentials = {{u"username"_s, pending->user}, {u"password"_s, pending->password}};
-        session.send(signIn);
-        pending->password.fill(u'\0');
-        pending->password.clear();
-    });
+    QObject::connect(
+        &session, &ViewerSession::ready, &session, [&session, pending](const HandshakeResponseMessage&) {
+            AuthenticationMessage signIn;
+            signIn.method = HLVP::AuthenticationMethod::password;
+            signIn.credentials = {{u"username"_s, pending->user}, {u"password"_s, pending->password}};
+            session.send(signIn);
+            pending->password.fill(u'\0');
+            pending->password.clear();
+        });
     QObject::connect(&session, &ViewerSession::messageReceived, &session,
                      [&session, &err, onSignedIn = std::move(onSignedIn)](const HLVPMessage& message) {
                          const auto* response = std::get_if<AuthenticationResponseMessage>(&message);

@@ -6,8 +6,9 @@ using namespace Qt::StringLiterals;
 
 namespace tellwyn {
 
-int watchCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
-    return statisticsSession(arguments, out, err, u"watch"_s, true);
+int watchCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                 const ViewerPlatform& platform) {
+    return statisticsSession(arguments, out, err, platform, u"watch"_s, true);
 }
 
 } // namespace tellwyn

@@ -5,19 +5,21 @@
 //   bench_stats [--rounds N] [--scrapes N] [--node-exporter PATH]
 
 #include "clock.h"
-#include "desktop_permission_service.h"
+#include "linux/desktop_permission_service.h"
+#include "linux/linux_system_identity.h"
+#include "linux/logind_desktop_session.h"
+#include "linux/system_clock.h"
+#include "linux/x11_window_system.h"
 #include "linux_host_probes.h"
-#include "logind_desktop_session.h"
 #include "run_tool.h"
-#include "system_clock.h"
 #include "system_stats_provider.h"
-#include "x11_window_system.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFile>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QThread>
@@ -171,7 +173,10 @@ int main(int argc, char* argv[]) {
 
     LogindDesktopSession session;
     X11WindowSystem windows;
-    LinuxHostProbes probes(session, windows, desktopPermissionService());
+    LinuxSystemIdentity identity;
+    const std::unique_ptr<PermissionService> permissions =
+        makeDesktopPermissionService(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation));
+    LinuxHostProbes probes(session, windows, *permissions, LinuxHostProbes::systemSources(identity));
     SystemClock clock;
 
     std::vector<Sample> cold;

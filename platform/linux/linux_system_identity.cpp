@@ -2,13 +2,51 @@
 
 #include <QFile>
 #include <QSysInfo>
-
 #include <pwd.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
+
+namespace {
+
+// PRETTY_HOSTNAME of machine-info(5), the file hostnamed keeps it in: a shell-style assignment
+// whose value may be quoted and backslash-escaped. Read directly, so that no D-Bus is needed.
+QString prettyHostName(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    const QByteArray key = "PRETTY_HOSTNAME=";
+    while (!file.atEnd()) {
+        const QByteArray line = file.readLine().trimmed();
+        if (!line.startsWith(key)) {
+            continue;
+        }
+        const QString raw = QString::fromUtf8(line.mid(key.size()));
+        QString value;
+        QChar quote;
+        for (qsizetype i = 0; i < raw.size(); ++i) {
+            const QChar c = raw.at(i);
+            if (c == u'\\' && i + 1 < raw.size() && quote != u'\'') {
+                value += raw.at(++i);
+            } else if ((c == u'"' || c == u'\'') && (quote.isNull() || quote == c)) {
+                quote = quote.isNull() ? c : QChar();
+            } else {
+                value += c;
+            }
+        }
+        return value.trimmed();
+    }
+    return {};
+}
+
+} // namespace
+
+LinuxSystemIdentity::LinuxSystemIdentity(QString machineInfoPath)
+    : m_machineInfoPath(std::move(machineInfoPath)) {
+}
 
 QString LinuxSystemIdentity::loginName() const {
     // getpwuid_r: the agent's other threads may look up accounts too.
@@ -24,47 +62,15 @@ QString LinuxSystemIdentity::loginName() const {
 }
 
 std::optional<QString> LinuxSystemIdentity::localizedComputerName() const {
-    // hostnamed keeps the pretty name in this file; reading it directly answers at once, where
-    // asking hostnamed on the bus could hold the caller for seconds while it starts on demand.
-    QFile machineInfo(m_machineInfoPath);
-    if (machineInfo.open(QIODevice::ReadOnly)) {
-        const QString pretty = prettyHostname(machineInfo.read(64 * 1024));
-        if (!pretty.isEmpty()) {
-            return pretty;
-        }
+    const QString pretty = prettyHostName(m_machineInfoPath);
+    if (!pretty.isEmpty()) {
+        return pretty;
     }
     const QString hostName = QSysInfo::machineHostName().trimmed();
     if (hostName.isEmpty()) {
         return std::nullopt;
     }
     return hostName;
-}
-
-QString LinuxSystemIdentity::prettyHostname(const QByteArray& machineInfo) {
-    for (const QByteArray& rawLine : machineInfo.split('\n')) {
-        const QByteArray line = rawLine.trimmed();
-        if (!line.startsWith("PRETTY_HOSTNAME=")) {
-            continue;
-        }
-        QString value = QString::fromUtf8(line.mid(16));
-        // Shell-style quoting, as the file is written: '…' literally, "…" with backslash escapes.
-        if (value.size() >= 2 && value.front() == u'\'' && value.back() == u'\'') {
-            return value.mid(1, value.size() - 2).trimmed();
-        }
-        const bool doubleQuoted = value.size() >= 2 && value.front() == u'"' && value.back() == u'"';
-        if (doubleQuoted) {
-            value = value.mid(1, value.size() - 2);
-        }
-        QString unescaped;
-        for (qsizetype i = 0; i < value.size(); ++i) {
-            if (value.at(i) == u'\\' && i + 1 < value.size()) {
-                ++i;
-            }
-            unescaped.append(value.at(i));
-        }
-        return unescaped.trimmed();
-    }
-    return {};
 }
 
 } // namespace tellwyn

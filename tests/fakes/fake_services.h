@@ -3,15 +3,16 @@
 // Fakes of the agent's other seams: the account check and the statistics provider.
 
 #include "account_verifier.h"
+#include "fake_discovery.h"
 #include "hlvp_credential_store.h"
 #include "login_item.h"
+#include "service_advertiser.h"
 #include "system_stats_provider.h"
 
 #include <QMetaObject>
 #include <QMutex>
 #include <QSemaphore>
 #include <QStringList>
-
 #include <atomic>
 
 namespace tellwyn::testing {
@@ -60,9 +61,19 @@ public:
     void makeSnapshot(QObject* context, SnapshotHandler done) override {
         SystemStatsMessage stats;
         stats.totalMemory = ++snapshots;
-        QMetaObject::invokeMethod(context, [done = std::move(done), stats] { done(stats); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            context, [done = std::move(done), stats] { done(stats); }, Qt::QueuedConnection);
     }
     quint64 snapshots = 0;
+};
+
+// The statistics and the advertiser every agent core is given, for tests that look at neither.
+struct QuietAgentServices {
+    QuietAgentServices(Scheduler& scheduler, SystemIdentity& identity)
+        : advertiser(std::make_unique<FakeServicePublisher>(), std::make_unique<FakeNetworkPathMonitor>(),
+                     scheduler, identity) {}
+    FakeStatsProvider stats;
+    ServiceAdvertiser advertiser;
 };
 
 // A keyring in memory; `failure` makes every call fail with that text.

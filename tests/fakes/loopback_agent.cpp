@@ -27,12 +27,11 @@ LoopbackAgent::~LoopbackAgent() {
 bool LoopbackAgent::start() {
     ServerLogManager::shared().setEchoToStandardOutput(false);
     port = freeLoopbackPort();
-    preferences.set(u"serverPort"_s, port);
-    AgentEnvironment environment{time,   time, preferences, identity, displays, events, dataDirectory.path(),
-                                 QHostAddress(QHostAddress::LocalHost)};
+    AgentEnvironment environment{time,  time,       preferences,         identity, displays, events,
+                                 stats, advertiser, dataDirectory.path()};
+    environment.listenAddress = QHostAddress(QHostAddress::LocalHost);
+    environment.port = port;
     environment.accountVerifier = &verifier;
-    environment.statsProvider = &stats;
-    environment.advertiser = &advertiser;
     environment.systemClipboard = &systemClipboard;
     manager = std::make_unique<ServerManager>(environment);
     VirtualTime::drainEvents();

@@ -3,8 +3,6 @@
 // An agent core on loopback TLS with fakes for every platform seam and virtual time, and viewers
 // that connect to it in the same process.
 
-#include "service_advertiser.h"
-#include "fake_discovery.h"
 #include "fake_platform.h"
 #include "fake_services.h"
 #include "hlvp_connection.h"

@@ -31,7 +31,7 @@ class Agent:
     """One agent process with its own configuration and data folders, listening on loopback."""
 
     def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None,
-                 display=None, preferences=None, prefix=()):
+                 display=None, preferences=None, prefix=(), extra_env=None):
         self._scratch = tempfile.TemporaryDirectory(prefix="tellwyn-it-")
         self.port = port or free_port()
         self.config_dir = config_dir or os.path.join(self._scratch.name, "config")
@@ -59,6 +59,7 @@ class Agent:
         if display:
             env["DISPLAY"] = display
             env["QT_QPA_PLATFORM"] = "xcb"
+        env.update(extra_env or {})
         self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
                                         text=True, encoding="utf-8", errors="replace")
         self.stdout_lines = []

@@ -1,7 +1,7 @@
 // Crashes on purpose, in the way named by its first argument, with the crash reporter installed.
 // Run by the crash reporter's integration tests; it is also its own crash helper.
 //
-//   crashing_program HOW [--gui] [--install-twice]
+//   crashing_program HOW [--gui]
 
 #include "crash_reporter.h"
 #include "serial_queue.h"
@@ -134,24 +134,19 @@ int main(int argc, char** argv) {
         return CrashReporter::runHelper(std::atoi(argv[2]), argc, argv);
     }
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s HOW [--gui] [--install-twice]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s HOW [--gui]\n", argv[0]);
         return 2;
     }
     const std::string how = argv[1];
     bool gui = false;
-    bool twice = false;
     for (int i = 2; i < argc; ++i) {
         gui = gui || std::strcmp(argv[i], "--gui") == 0;
-        twice = twice || std::strcmp(argv[i], "--install-twice") == 0;
     }
     std::unique_ptr<QGuiApplication> application;
     if (gui) {
         application = std::make_unique<QGuiApplication>(argc, argv);
     }
     CrashReporter::install();
-    if (twice) {
-        CrashReporter::install();
-    }
 
     if (how == "segv") {
         crashBySegmentationFault();

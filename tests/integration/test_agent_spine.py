@@ -9,7 +9,7 @@ import tempfile
 import unittest
 
 from hlvp_client import HLVPClient
-from agent_process import AGENT, Agent, free_port
+from agent_process import AGENT, Agent
 
 
 def tls_client_context(maximum=None):
@@ -99,22 +99,6 @@ class AgentSpineTest(unittest.TestCase):
                 for connection in connections:
                     connection.close()
             self.assertEqual(agent.stop(), 0)
-
-    def test_a_port_in_use_fails_the_start_with_status_and_errors(self):
-        with socket.socket() as occupant:
-            occupant.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            occupant.bind(("127.0.0.1", 0))
-            occupant.listen()
-            port = occupant.getsockname()[1]
-            with Agent(port=port) as agent:
-                reason = f"Port {port} is already in use by another program."
-                agent.wait_for_log("ERROR", f"Remote service startup failed: {reason}")
-                agent.wait_for_log("ERROR", f'Failed to start remote service: HLVPError.addressInUse("{reason}")')
-                agent.wait_for_log("SERVER", "Check logs for connection attempts")
-                agent.wait_for(lambda: f"tellwyn-agent: status: Failed to start remote service: {reason}"
-                               in agent.stderr_lines, what="failure status")
-                self.assertIsNone(agent.process.poll())  # the agent runs on
-                self.assertEqual(agent.stop(), 0)
 
     def test_termination_signals_end_through_the_termination_path(self):
         for sig in (signal.SIGTERM, signal.SIGINT):

@@ -253,14 +253,6 @@ class CrashingProgramTest(CrashReportTestCase):
                     self.assertEqual(len(server.wait_for_posts(run + 1)), run + 1)
                     self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
 
-    def test_installing_twice_reports_once(self):
-        with ReportServer() as server:
-            result, _, _ = crash("runtime-error", server.url, "--install-twice")
-            self.assertEqual(result.returncode, -signal.SIGABRT)
-            self.assertEqual(len(server.wait_for_posts(1)), 1)
-            self.assertEqual(result.stderr.count(b"terminate called after throwing"), 1)
-            self.assertEqual(result.stderr.count(b"Crash Report\n"), 1)
-
     def test_the_alert_holds_the_crashed_process_for_its_wait(self):
         # A GUI application on the offscreen platform: the alert is shown and nobody dismisses it.
         with ReportServer() as server:
@@ -329,15 +321,15 @@ class AgentCrashTest(CrashReportTestCase):
         return code, before, "\n".join(agent.stderr_lines)
 
     def test_a_crashed_agent_uploads_its_report_and_dies_by_the_signal(self):
-        for number, text in [(signal.SIGSEGV, "SIGSEGV (Segmentation Violation)"), (signal.SIGABRT, "SIGABRT (Abort)")]:
-            with self.subTest(text), ReportServer() as server:
-                code, before, stderr = self.crash_agent(number, server.url)
-                self.assertEqual(code, -number)
-                posts = server.wait_for_posts(1)
-                self.assertEqual(len(posts), 1)
-                report = self.assertExactUpload(posts[0], before)
-                self.assertRegex(self.body_of(report), f"^Signal Type: {re.escape(text)}\n\nCall Stack:\n0   ")
-                self.assertIn(report, stderr)
+        with ReportServer() as server:
+            code, before, stderr = self.crash_agent(signal.SIGSEGV, server.url)
+            self.assertEqual(code, -signal.SIGSEGV)
+            posts = server.wait_for_posts(1)
+            self.assertEqual(len(posts), 1)
+            report = self.assertExactUpload(posts[0], before)
+            self.assertTrue(self.body_of(report).startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\n"
+                                                            "Call Stack:\n0   "))
+            self.assertIn(report, stderr)
 
     def test_the_option_and_the_preference_leave_the_reporter_off(self):
         for name, args, preferences in [("option", ["--no-crash-reporter"], None),

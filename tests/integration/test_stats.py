@@ -59,61 +59,41 @@ class StatsTest(unittest.TestCase):
     def tearDown(self):
         self.agent.close()
 
-    def test_a_signed_in_viewer_gets_a_record_at_once_and_another_ten_seconds_later(self):
-        client = HLVPClient(self.agent.port)
-        client.handshake("Stats Viewer")
-        client.send({"type": "authentication", "method": "password",
-                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
-        self.assertTrue(client.receive_until("authenticationResponse", timeout=15)["success"])
-        signed_in = time.monotonic()
-        first = client.receive_until("systemStats", timeout=10)
-        first_at = time.monotonic()
-        second = client.receive_until("systemStats", timeout=20)
-        second_at = time.monotonic()
-        client.close()
+    def test_a_signed_in_viewer_gets_the_machines_real_figures(self):
+        # The cadence of the records is pinned in virtual time by the unit tests; here the figures.
+        record = sign_in_and_receive(self.agent)
+        missing = [field for field in ALWAYS_PRESENT if field not in record]
+        self.assertEqual(missing, [])
+        self.assertNotIn("sequenceNumber", record)
+        self.assertEqual(record["totalMemory"], mem_total_bytes())
+        self.assertGreater(record["freeMemory"], 0)
+        self.assertLessEqual(record["freeMemory"], record["totalMemory"])
+        self.assertGreaterEqual(record["cpuUsage"], 0.0)
+        self.assertLessEqual(record["cpuUsage"], 1.0)
+        root = os.statvfs("/")
+        self.assertEqual(record["totalDiskSpace"], root.f_blocks * root.f_frsize)
+        self.assertAlmostEqual(record["freeDiskSpace"], root.f_bavail * root.f_frsize, delta=1 << 30)
+        self.assertEqual(record["diskVolumes"][0]["path"], "/")
+        self.assertEqual(record["diskVolumes"][0]["totalBytes"], record["totalDiskSpace"])
+        self.assertTrue(all(volume["totalBytes"] > 0 for volume in record["diskVolumes"]))
+        self.assertLessEqual(abs(record["uptimeSeconds"] - uptime_seconds()), 15)
+        boot = record["lastBootTime"]
+        if isinstance(boot, str):
+            boot = datetime.datetime.fromisoformat(boot.replace("Z", "+00:00"))
+        self.assertLess(abs(boot.timestamp() - (time.time() - uptime_seconds())), 15)
+        if pretty_name():
+            self.assertEqual(record["osVersion"], pretty_name())
+        self.assertTrue(record["macModel"])
+        self.assertEqual(record["agentVersion"], self.agent_version())
+        # Without a display: nothing in front, no screens, nobody on a seat but the agent's account.
+        self.assertEqual(record["activeProcess"], "System")
+        self.assertEqual(record["displayCount"], 0)
+        self.assertEqual(record["mainDisplayResolution"], "")
+        self.assertFalse(record["screenCaptureAuthorized"])
+        if not os.path.exists("/run/systemd/seats/seat0"):
+            self.assertEqual(record["loggedInUser"], TEST_USER)
 
-        self.assertLess(first_at - signed_in, 5.0)  # at once, not after one interval
-        self.assertGreater(second_at - first_at, 8.0)
-        self.assertLess(second_at - first_at, 13.0)
-
-        for record in (first, second):
-            missing = [field for field in ALWAYS_PRESENT if field not in record]
-            self.assertEqual(missing, [])
-            self.assertNotIn("sequenceNumber", record)
-            self.assertEqual(record["totalMemory"], mem_total_bytes())
-            self.assertGreater(record["freeMemory"], 0)
-            self.assertLessEqual(record["freeMemory"], record["totalMemory"])
-            self.assertGreaterEqual(record["cpuUsage"], 0.0)
-            self.assertLessEqual(record["cpuUsage"], 1.0)
-            root = os.statvfs("/")
-            self.assertEqual(record["totalDiskSpace"], root.f_blocks * root.f_frsize)
-            self.assertAlmostEqual(record["freeDiskSpace"], root.f_bavail * root.f_frsize, delta=1 << 30)
-            self.assertEqual(record["diskVolumes"][0]["path"], "/")
-            self.assertEqual(record["diskVolumes"][0]["totalBytes"], record["totalDiskSpace"])
-            self.assertTrue(all(volume["totalBytes"] > 0 for volume in record["diskVolumes"]))
-            self.assertLessEqual(abs(record["uptimeSeconds"] - uptime_seconds()), 15)
-            boot = record["lastBootTime"]
-            if isinstance(boot, str):
-                boot = datetime.datetime.fromisoformat(boot.replace("Z", "+00:00"))
-            expected_boot = time.time() - uptime_seconds()
-            self.assertLess(abs(boot.timestamp() - expected_boot), 15)
-            if pretty_name():
-                self.assertEqual(record["osVersion"], pretty_name())
-            self.assertTrue(record["macModel"])
-            self.assertEqual(record["agentVersion"], self.agent_version())
-            # Without a display: nothing in front, no screens, nobody on a seat but the agent's account.
-            self.assertEqual(record["activeProcess"], "System")
-            self.assertEqual(record["displayCount"], 0)
-            self.assertEqual(record["mainDisplayResolution"], "")
-            self.assertFalse(record["screenCaptureAuthorized"])
-            if not os.path.exists("/run/systemd/seats/seat0"):
-                self.assertEqual(record["loggedInUser"], TEST_USER)
-        # Figures computed once are the same in both records.
-        for field in ("osVersion", "macModel", "serialNumber", "hardwareUUID"):
-            self.assertEqual(first[field], second[field])
-        self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
-
-    def test_the_viewer_prints_the_record_readably_and_as_json(self):
+    def test_the_viewer_prints_the_record_readably(self):
         def stats(*extra):
             viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
                                      "--password-stdin", "--known-agents", self.known, *extra],
@@ -121,11 +101,6 @@ class StatsTest(unittest.TestCase):
                                     env=dict(os.environ, LC_ALL="C.UTF-8"))
             self.assertEqual(viewer.returncode, 0, viewer.stderr)
             return viewer.stdout
-
-        record = json.loads(stats("--json"))
-        self.assertEqual(record["totalMemory"], mem_total_bytes())
-        self.assertEqual(record["diskVolumes"][0]["path"], "/")
-        self.assertNotIn("sequenceNumber", record)
 
         text = stats()
         gib = mem_total_bytes() / (1 << 30)

@@ -111,23 +111,6 @@ class ViewerSessionTest(unittest.TestCase):
                                           for c, m in impostor.log()), what="the refused connection to close")
             self.assertFalse(any(c == "HANDSHAKE" for c, _ in impostor.log()))
 
-    def test_a_connection_without_handshake_is_dropped_after_five_seconds(self):
-        with Agent() as agent:
-            agent.wait_until_running()
-            ghost = HLVPClient(agent.port)
-            started = time.monotonic()
-            self.assertTrue(ghost.is_closed_by_agent(timeout=15))
-            self.assertGreaterEqual(time.monotonic() - started, 4.5)
-            # The line reaches the agent's output around the time the socket closes, not before.
-            def ghost_lines():
-                return [m for c, m in agent.log() if c == "SECURITY" and "GHOST CLIENT DETECTED" in m]
-            agent.wait_for(lambda: ghost_lines(), what="the ghost-client line")
-            ghosts = ghost_lines()
-            self.assertEqual(len(ghosts), 1)
-            self.assertRegex(ghosts[0], r"^🚫 GHOST CLIENT DETECTED: Client [0-9A-F]{8} sent no handshake in 5s\. "
-                                        r"Disconnecting\.$")
-            ghost.close()
-
     def test_a_goodbye_carries_its_reason_into_the_log(self):
         with Agent() as agent:
             agent.wait_until_running()

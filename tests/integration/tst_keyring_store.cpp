@@ -1,7 +1,7 @@
 // The credential store against a real Secret Service (gnome-keyring in a private D-Bus session,
 // started by test_keyring.py), and without one.
 
-#include "secret_service_credential_store.h"
+#include "linux/secret_service_credential_store.h"
 
 #include <QTest>
 

@@ -1,7 +1,7 @@
 // The portal permission service against a scripted desktop portal on a private session bus (run
 // inside dbus-run-session): what is allowed, what is asked, and what is remembered.
 
-#include "portal_permission_service.h"
+#include "linux/portal_permission_service.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>

@@ -2,13 +2,14 @@
 // and with no display at all; and the agent core on that display with them.
 
 #include "fake_platform.h"
-#include "linux_display_probe.h"
+#include "fake_services.h"
+#include "linux/linux_display_probe.h"
+#include "linux/x11_permission_service.h"
+#include "linux/x11_screen_capture.h"
 #include "log_lines.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "virtual_time.h"
-#include "x11_permission_service.h"
-#include "x11_screen_capture.h"
 
 #include <QImage>
 #include <QTemporaryDir>
@@ -62,8 +63,10 @@ private Q_SLOTS:
         LinuxDisplayProbe displays;
         FakeSystemEvents events;
         X11PermissionService permissions;
+        QuietAgentServices services(time, identity);
         QTemporaryDir data;
-        AgentEnvironment environment{time, time, preferences, identity, displays, events, data.path()};
+        AgentEnvironment environment{time,   time,           preferences,         identity,   displays,
+                                     events, services.stats, services.advertiser, data.path()};
         environment.permissions = &permissions;
         environment.makeScreenCapture = [] {
             return std::make_unique<X11ScreenCapture>();

@@ -70,6 +70,14 @@ for page in tellwyn-agent tellwyn; do
 done
 unit="$contents/usr/lib/systemd/user/tellwyn-agent.service"
 grep -qx 'ExecStart=/usr/bin/tellwyn-agent --headless --start' "$unit" || fail "unit does not start /usr/bin's agent"
+# The desktop entry's icon in the icon theme, and the polkit action the agent asks for.
+icon="$(sed -n 's/^Icon=//p' "$contents/usr/share/applications/tellwyn-agent.desktop")"
+for size in scalable 16x16 48x48 256x256; do
+    ls "$contents/usr/share/icons/hicolor/$size/apps/$icon".* >/dev/null 2>&1 || fail "no $size icon named $icon"
+done
+action="$(grep -o '"com\.brevane\.tellwynagent\.[a-z]*"' "$root/ui/tray/administrator_authorization.h" | head -1)"
+grep -q "<action id=$action>" "$contents/usr/share/polkit-1/actions/com.brevane.tellwynagent.policy" ||
+    fail "the polkit action $action is not installed"
 # The unit, with the unpacked agent in place of /usr/bin's and the unpacked manual pages for its
 # Documentation=, against a runtime folder of its own (there is no user session here).
 verify_dir="$work/verify"

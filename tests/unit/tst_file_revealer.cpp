@@ -1,4 +1,4 @@
-#include "freedesktop_file_revealer.h"
+#include "linux/freedesktop_file_revealer.h"
 
 #include <QDBusConnection>
 #include <QProcess>

@@ -189,6 +189,7 @@ private Q_SLOTS:
         // The wired default route has the lower metric.
         laptop.interfaces = {{u"lo"_s, true, true, true, u"127.0.0.1"_s},
                              {u"wlp0s20f3"_s, false, true, false, std::nullopt},
+                             {u"virbr0"_s, true, false, false, u"192.168.122.1"_s}, // down
                              up(u"docker0"_s, u"172.17.0.1"_s),
                              up(u"wlp0s20f3"_s, u"192.168.0.23"_s),
                              up(u"enp0s31f6"_s, u"192.168.1.40"_s)};
@@ -305,65 +306,6 @@ private Q_SLOTS:
         QFETCH(QString, line);
         QFETCH(QString, expected);
         QCOMPARE(latestLogLine(u"first wake\n"_s + line + u"\n\nno match\n"_s, {u"Wake"_s}), expected);
-    }
-
-    void securityToolAnswers_data() {
-        QTest::addColumn<int>("probe");
-        QTest::addColumn<QString>("output");
-        QTest::addColumn<bool>("expected");
-        QTest::newRow("encryption on") << 0 << u"FileVault is On.\n"_s << true;
-        QTest::newRow("encryption off") << 0 << u"FileVault is Off.\n"_s << false;
-        QTest::newRow("integrity enabled")
-            << 1 << u"System Integrity Protection status: enabled.\n"_s << true;
-        QTest::newRow("integrity disabled")
-            << 1 << u"System Integrity Protection status: disabled.\n"_s << false;
-        QTest::newRow("assessments on") << 2 << u"assessments enabled\n"_s << true;
-        QTest::newRow("assessments off") << 2 << u"assessments disabled\n"_s << false;
-        QTest::newRow("enrolled") << 3 << u"Enrolled via DEP: No\nMDM enrollment: Yes (User Approved)\n"_s
-                                  << true;
-        QTest::newRow("enrolled, indented") << 3 << u"   mdm ENROLLMENT:yes\n"_s << true;
-        QTest::newRow("not enrolled") << 3 << u"Enrolled via DEP: No\nMDM enrollment: No\n"_s << false;
-        QTest::newRow("yes running on") << 3 << u"MDM enrollment: yesterday\n"_s << false;
-        QTest::newRow("not at line start") << 3 << u"note: MDM enrollment: Yes\n"_s << false;
-        QTest::newRow("empty") << 3 << QString() << false;
-    }
-    void securityToolAnswers() {
-        QFETCH(int, probe);
-        QFETCH(QString, output);
-        QFETCH(bool, expected);
-        const bool results[] = {diskEncryptionStatusIsOn(output), integrityProtectionStatusIsEnabled(output),
-                                assessmentStatusIsEnabled(output), enrollmentStatusIsEnrolled(output)};
-        QCOMPARE(results[probe], expected);
-    }
-
-    void registryValues() {
-        const QString listing = u"+-o J314sAP  <class IOPlatformExpertDevice, id 0x100000220>\n"
-                                u"    {\n"
-                                u"      \"IOPlatformSerialNumber\" = \"C02XK1ABJGH5\"\n"
-                                u"      \"IOPlatformUUID\"=\"8A1B2C3D-0000-1111-2222-333344445555\"\n"
-                                u"      \"manufacturer\" = <\"Apple Inc.\">\n"
-                                u"    }\n"_s;
-        QCOMPARE(registryValue(listing, u"IOPlatformSerialNumber"_s),
-                 std::optional<QString>(u"C02XK1ABJGH5"_s));
-        QCOMPARE(registryValue(listing, u"IOPlatformUUID"_s),
-                 std::optional<QString>(u"8A1B2C3D-0000-1111-2222-333344445555"_s));
-        QCOMPARE(registryValue(listing, u"manufacturer"_s), std::nullopt);
-        QCOMPARE(registryValue(listing, u"broken("_s), std::nullopt);
-    }
-
-    void interfaceChoice() {
-        const QList<InterfaceCandidate> list{{u"lo"_s, true, true, true, u"127.0.0.1"_s},
-                                             {u"bridge0"_s, true, false, false, u"10.0.0.1"_s},
-                                             {u"en5"_s, false, true, false, u"fe80::1"_s},
-                                             up(u"utun2"_s, u"10.8.0.2"_s),
-                                             up(u"en1"_s, u"192.168.0.23"_s),
-                                             up(u"en0"_s, u"192.168.1.40"_s)};
-        const QStringList preferred{u"en0"_s, u"en1"_s};
-        QCOMPARE(choosePrimaryInterface(list, preferred),
-                 std::optional(InterfaceAddress{u"en1"_s, u"192.168.0.23"_s}));
-        QCOMPARE(choosePrimaryInterface(list.mid(0, 4), preferred),
-                 std::optional(InterfaceAddress{u"utun2"_s, u"10.8.0.2"_s}));
-        QCOMPARE(choosePrimaryInterface(list.mid(0, 3), preferred), std::nullopt);
     }
 
     void volumeOrder() {

@@ -1,5 +1,5 @@
 #include "fake_platform.h"
-#include "settings_preferences.h"
+#include "linux/settings_preferences.h"
 
 #include <QDir>
 #include <QFile>
@@ -42,7 +42,8 @@ private Q_SLOTS:
         preferences.set(u"key"_s, stored);
         QCOMPARE(preferences.boolValue(u"key"_s), asBool);
         QCOMPARE(preferences.integerValue(u"key"_s), asInteger);
-        const std::optional<bool> expected = storedBool < 0 ? std::nullopt : std::optional<bool>(storedBool == 1);
+        const std::optional<bool> expected =
+            storedBool < 0 ? std::nullopt : std::optional<bool>(storedBool == 1);
         QCOMPARE(preferences.storedBool(u"key"_s), expected);
     }
 

@@ -295,21 +295,6 @@ private Q_SLOTS:
         QCOMPARE(snapshot().activeProcess, u"Terminal"_s);
     }
 
-    void agentVersionText_data() {
-        QTest::addColumn<QString>("shortVersion");
-        QTest::addColumn<QString>("build");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("both") << u"1.5.1"_s << u"42"_s << u"1.5.1 (42)"_s;
-        QTest::newRow("no build") << u"1.5.1"_s << QString() << u"1.5.1"_s;
-        QTest::newRow("no version") << QString() << u"42"_s << u"Unknown"_s;
-    }
-    void agentVersionText() {
-        QFETCH(QString, shortVersion);
-        QFETCH(QString, build);
-        QFETCH(QString, expected);
-        QCOMPARE(tellwyn::agentVersionText(shortVersion, build), expected);
-    }
-
     void sleepAndWakeCausesComeFromTheLogAndTheNotifications() {
         probes->setPowerLog(u"Sleep"_s, u"systemd-sleep: Entering sleep state 'suspend'..."_s);
         probes->setPowerLog(u"Wake"_s, u"kernel: PM: wakeup from lid switch"_s);

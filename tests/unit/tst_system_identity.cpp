@@ -1,7 +1,11 @@
-#include "linux_system_identity.h"
+// The computer's display name: machine-info's pretty host name, read without D-Bus, with its
+// quoting undone; the host name when none is set.
 
+#include "linux/linux_system_identity.h"
+
+#include <QFile>
 #include <QSysInfo>
-#include <QTemporaryFile>
+#include <QTemporaryDir>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -11,30 +15,27 @@ class TestSystemIdentity : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void prettyNameAsHostnamedWritesIt_data() {
-        QTest::addColumn<QByteArray>("machineInfo");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("plain") << QByteArray("CHASSIS=laptop\nPRETTY_HOSTNAME=Lab-PC\n") << u"Lab-PC"_s;
-        QTest::newRow("double quotes and escapes")
-            << QByteArray("PRETTY_HOSTNAME=\"Anna's \\\"Büro\\\" PC\"\n") << u"Anna's \"Büro\" PC"_s;
-        QTest::newRow("single quotes") << QByteArray("PRETTY_HOSTNAME='Lab \\ PC'") << u"Lab \\ PC"_s;
-        QTest::newRow("not set") << QByteArray("DEPLOYMENT=production\n") << QString();
+    void theDisplayNameIsThePrettyHostName_data() {
+        QTest::addColumn<QByteArray>("machineInfo"); // empty: no file at all
+        QTest::addColumn<QString>("expected");       // empty: the host name
+        QTest::newRow("double quotes, escapes")
+            << QByteArray("CHASSIS=laptop\nPRETTY_HOSTNAME=\"Ana's \\\"PC\\\"\"\n") << u"Ana's \"PC\""_s;
+        QTest::newRow("single quotes keep backslashes")
+            << QByteArray("PRETTY_HOSTNAME='Lab\\3'\n") << u"Lab\\3"_s;
+        QTest::newRow("bare word") << QByteArray("PRETTY_HOSTNAME=Kitchen\n") << u"Kitchen"_s;
+        QTest::newRow("empty value") << QByteArray("PRETTY_HOSTNAME=\n") << QString();
+        QTest::newRow("no file") << QByteArray() << QString();
     }
-    void prettyNameAsHostnamedWritesIt() {
+    void theDisplayNameIsThePrettyHostName() {
         QFETCH(QByteArray, machineInfo);
         QFETCH(QString, expected);
-        QCOMPARE(LinuxSystemIdentity::prettyHostname(machineInfo), expected);
-    }
-
-    void withoutAPrettyNameTheHostNameIsUsed() {
-        QTemporaryFile machineInfo;
-        QVERIFY(machineInfo.open());
-        machineInfo.write("PRETTY_HOSTNAME=\"Front Desk\"\n");
-        machineInfo.flush();
-        QCOMPARE(LinuxSystemIdentity(machineInfo.fileName()).localizedComputerName(),
-                 std::optional<QString>(u"Front Desk"_s));
-        QCOMPARE(LinuxSystemIdentity(u"/nonexistent/machine-info"_s).localizedComputerName(),
-                 std::optional<QString>(QSysInfo::machineHostName()));
+        QTemporaryDir folder;
+        QFile file(folder.filePath(u"machine-info"_s));
+        QVERIFY(machineInfo.isEmpty() || (file.open(QIODevice::WriteOnly) && file.write(machineInfo) > 0));
+        file.close();
+        const QString name = expected.isEmpty() ? QSysInfo::machineHostName().trimmed() : expected;
+        QCOMPARE(LinuxSystemIdentity(file.fileName()).localizedComputerName(),
+                 name.isEmpty() ? std::nullopt : std::optional<QString>(name));
     }
 };
 

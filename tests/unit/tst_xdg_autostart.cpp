@@ -1,7 +1,7 @@
 // The autostart entry for launch at login: written where desktops look, valid by
 // desktop-file-validate, starting the right program with awkward paths, and removed again.
 
-#include "xdg_autostart_login_item.h"
+#include "linux/xdg_autostart_login_item.h"
 
 #include <QDir>
 #include <QProcess>

@@ -1,7 +1,5 @@
 #include "update_alerts.h"
 
-#include "freedesktop_file_revealer.h"
-#include "system_clock.h"
 #include "update_command.h"
 #include "update_texts.h"
 
@@ -70,11 +68,9 @@ void WidgetUpdatePresenter::presentUpdateDownload(const UpdateDownloadPresentati
     sheet->show();
 }
 
-int runWidgetUpdateCheck(const UpdateCheckRequest& request) {
+int runWidgetUpdateCheck(const UpdateCheckRequest& request, Scheduler& scheduler, FileRevealer& revealer) {
     QApplication::setQuitOnLastWindowClosed(false); // the exit code says how it ended
     QNetworkAccessManager network;
-    QtScheduler scheduler;
-    FreedesktopFileRevealer revealer;
     WidgetUpdatePresenter presenter(UpdateSheetServices{
         scheduler, &network, revealer, [](const QUrl& url) { QDesktopServices::openUrl(url); }, {}});
     QObject::connect(&presenter, &WidgetUpdatePresenter::alertClosed, &presenter,

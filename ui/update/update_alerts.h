@@ -44,6 +44,7 @@ private:
 
 // `tellwyn-agent --check-for-updates` on a desktop: runs the check, shows its alert or the sheet
 // and returns the exit code of the outcome once that is closed. Needs a running QApplication.
-int runWidgetUpdateCheck(const UpdateCheckRequest& request);
+// `scheduler` times the download sheet; `revealer` shows the downloaded file.
+int runWidgetUpdateCheck(const UpdateCheckRequest& request, Scheduler& scheduler, FileRevealer& revealer);
 
 } // namespace tellwyn

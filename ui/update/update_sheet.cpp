@@ -145,9 +145,8 @@ QString UpdateDownloadSheet::vendorSiteButtonTitle() {
     return localizedText("Visit %1").arg(host);
 }
 
-UpdateDownloadSheet::UpdateDownloadSheet(UpdateInfo info, QUrl downloadURL,
-                                                   UpdateSheetServices services,
-                                                   std::function<void()> onDismiss, QWidget* parent)
+UpdateDownloadSheet::UpdateDownloadSheet(UpdateInfo info, QUrl downloadURL, UpdateSheetServices services,
+                                         std::function<void()> onDismiss, QWidget* parent)
     : QDialog(parent), m_info(std::move(info)), m_downloadURL(std::move(downloadURL)),
       m_services(std::move(services)), m_onDismiss(std::move(onDismiss)), m_session(m_services.scheduler),
       m_choices(new QWidget(this)), m_progress(nullptr),
@@ -171,8 +170,8 @@ UpdateDownloadSheet::UpdateDownloadSheet(UpdateInfo info, QUrl downloadURL,
     auto* header = new QVBoxLayout;
     header->setSpacing(4);
     header->addWidget(title);
-    header->addWidget(new QLabel(
-        localizedText("Version %1 is ready to download.").arg(m_info.version), this));
+    header->addWidget(
+        new QLabel(localizedText("Version %1 is ready to download.").arg(m_info.version), this));
     column->addLayout(header);
 
     if (m_info.releaseNotes && !m_info.releaseNotes->isEmpty()) {

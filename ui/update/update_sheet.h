@@ -58,7 +58,7 @@ public:
     static constexpr int releaseNotesMaximumHeight = 140;
 
     UpdateDownloadSheet(UpdateInfo info, QUrl downloadURL, UpdateSheetServices services,
-                             std::function<void()> onDismiss, QWidget* parent = nullptr);
+                        std::function<void()> onDismiss, QWidget* parent = nullptr);
 
     BrevaneInstallerDownloadSession& session() { return m_session; }
     bool userStartedInAppDownload() const { return m_userStartedInAppDownload; }

@@ -1,0 +1,284 @@
+// Sign-in: the methods, the account check on its queue, the refusals, and the back-off and
+// blocking of repeated failures, with a fake account check and virtual time.
+
+#include "log_lines.h"
+#include "loopback_agent.h"
+#include "server_log_manager.h"
+#include "server_manager_access.h"
+
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+using namespace tellwyn;
+using namespace tellwyn::testing;
+
+namespace {
+const QString rightPassword = u"correct horse"_s;
+}
+
+class TestServerManagerAuthentication : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<LoopbackAgent> agent;
+
+    ServerManager& manager() { return *agent->manager; }
+    ServerManagerTestAccess access() { return ServerManagerTestAccess(*agent->manager); }
+
+    // Signs in on a new connection and waits for the answer; the refusal text, or empty on success.
+    QString attempt(const QString& user, const QString& password, const QString& name = u"Viewer"_s) {
+        auto viewer = agent->connectViewer(name);
+        if (!viewer) {
+            return u"(no connection)"_s;
+        }
+        LoopbackAgent::signIn(*viewer, user, password);
+        if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; }, 5000)) {
+            return u"(no answer)"_s;
+        }
+        // A copy: the list of received messages grows while events are processed below.
+        const AuthenticationResponseMessage response = *viewer->last<AuthenticationResponseMessage>();
+        if (!response.success) {
+            // Every refusal ends the connection.
+            if (!QTest::qWaitFor([&] { return viewer->closed; }, 5000)) {
+                return u"(left open)"_s;
+            }
+        }
+        LoopbackAgent::settle();
+        return response.success ? QString() : response.errorMessage.value_or(u"(no text)"_s);
+    }
+
+    qint64 endpointCount(const QString& user = u"alice"_s) {
+        return access().endpointAuthFailures().value(u"127.0.0.1|"_s + user).count;
+    }
+
+private Q_SLOTS:
+    void init() {
+        agent = std::make_unique<LoopbackAgent>();
+        QVERIFY(agent->start());
+    }
+
+    void cleanup() {
+        agent->verifier.release(100);
+        agent.reset();
+    }
+
+    void rightPasswordSignsInAndStatisticsFollowAtOnceThenEveryTenSeconds() {
+        auto viewer = agent->connectViewer(u"Dana's Laptop"_s);
+        QVERIFY(viewer);
+        LoopbackAgent::signIn(*viewer, u"alice"_s, rightPassword);
+        QTRY_VERIFY(viewer->last<SystemStatsMessage>());
+        const auto* response = viewer->last<AuthenticationResponseMessage>();
+        QVERIFY(response && response->success);
+        QVERIFY(!response->sessionToken && !response->errorMessage && !response->sequenceNumber);
+        QVERIFY(manager().serverState().authenticatedClients.contains(viewer->key));
+        QVERIFY(loggedInOrder({u"[AUTH] Authentication attempt from Dana's Laptop with method password"_s,
+                               u"[AUTH] Processing user credential authentication for Dana's Laptop"_s,
+                               u"[AUTH] Validating macOS account credentials for Dana's Laptop"_s,
+                               u"[AUTH] System authentication successful for user: alice"_s,
+                               u"[AUTH] Dana's Laptop authenticated successfully"_s,
+                               u"[AUTH] Authentication successful for Dana's Laptop"_s,
+                               u"[CONNECTION] Dana's Laptop connection state changed to: authenticated"_s}));
+
+        QCOMPARE(viewer->count<SystemStatsMessage>(), 1);
+        agent->time.advance(9999ms);
+        LoopbackAgent::settle();
+        QCOMPARE(viewer->count<SystemStatsMessage>(), 1);
+        agent->time.advance(1ms);
+        QTRY_COMPARE(viewer->count<SystemStatsMessage>(), 2);
+        QCOMPARE(viewer->last<SystemStatsMessage>()->totalMemory, 2U);
+
+        // Once the viewer leaves, the push ends with it.
+        viewer->connection->disconnectFromAgent(u"bye"_s);
+        QTRY_VERIFY(!manager().serverState().connectedClients.contains(viewer->key));
+        QVERIFY(!access().hasStatsPushTask(viewer->key));
+        const quint64 taken = agent->stats.snapshots;
+        agent->time.advance(30s);
+        LoopbackAgent::settle();
+        QCOMPARE(agent->stats.snapshots, taken);
+    }
+
+    void refusalsAnswerCloseAndAreNotCounted_data() {
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QVariantMap>("credentials");
+        QTest::addColumn<QString>("loginName");
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<QString>("logLine");
+        const QVariantMap full{{u"username"_s, u"alice"_s}, {u"password"_s, rightPassword}};
+        QTest::newRow("no authentication")
+            << u"none"_s << full << u"alice"_s << u"Authentication is required - no authentication method not allowed"_s
+            << u"[SECURITY] Rejected no-authentication request from Viewer - authentication is required"_s;
+        QTest::newRow("challenge-response")
+            << u"challengeResponse"_s << full << u"alice"_s
+            << u"Unsupported authentication method. Server requires username/password authentication."_s
+            << u"[AUTH] Rejected unsupported challenge-response authentication from Viewer"_s;
+        QTest::newRow("unknown method") << u"kerberos"_s << full << u"alice"_s << u"Unsupported authentication method"_s
+                                        << u"[ERROR] Unknown authentication method: kerberos"_s;
+        QTest::newRow("no password") << u"password"_s << QVariantMap{{u"username"_s, u"alice"_s}} << u"alice"_s
+                                     << u"Missing username or password"_s
+                                     << u"[AUTH] Missing username or password for Viewer"_s;
+        QTest::newRow("account unknown")
+            << u"password"_s << full << QString()
+            << u"Server account information is unavailable. Sign in to macOS on this Mac and try again."_s
+            << u"[AUTH] Processing user credential authentication for Viewer"_s;
+    }
+
+    void refusalsAnswerCloseAndAreNotCounted() {
+        QFETCH(QString, method);
+        QFETCH(QVariantMap, credentials);
+        QFETCH(QString, loginName);
+        QFETCH(QString, answer);
+        QFETCH(QString, logLine);
+        if (loginName != agent->identity.login) {
+            agent->identity.login = loginName;
+            agent->manager.reset();
+            QVERIFY(agent->start());
+        }
+        auto viewer = agent->connectViewer(u"Viewer"_s);
+        QVERIFY(viewer);
+        AuthenticationMessage message;
+        message.methodName = method;
+        message.method = HLVP::authenticationMethodFromString(method);
+        for (auto it = credentials.cbegin(); it != credentials.cend(); ++it) {
+            message.credentials.insert(it.key(), it.value().toString());
+        }
+        viewer->connection->send(message);
+        QTRY_VERIFY(viewer->closed);
+        const auto* response = viewer->last<AuthenticationResponseMessage>();
+        QVERIFY(response && !response->success);
+        QCOMPARE(response->errorMessage, std::optional<QString>(answer));
+        QVERIFY(loggedInOrder({logLine, u"[ERROR] Authentication failed for Viewer: "_s + answer,
+                               u"[AUTH] Authentication failure response sent to Viewer"_s}));
+        QVERIFY(!manager().serverState().connectedClients.contains(viewer->key));
+        QVERIFY(manager().clientComputerName(viewer->key).isEmpty());
+        QVERIFY(access().endpointAuthFailures().isEmpty());
+        QVERIFY(access().globalAuthFailures().isEmpty());
+        QVERIFY(agent->verifier.checkedUsers().isEmpty());
+    }
+
+    void wrongPasswordsBackOffThenBlockTheEndpointUntilTheWindowEnds() {
+        QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid macOS account credentials"_s);
+        QVERIFY(loggedInOrder({u"[AUTH] System authentication failed for user alice: Authentication failure"_s,
+                               u"[AUTH] macOS account credential validation failed for user 'alice'"_s}));
+        QCOMPARE(endpointCount(), 1);
+        // Within the 1 s back-off even the right password is not checked, and the refusal is not counted.
+        QCOMPARE(attempt(u"alice"_s, rightPassword), u"Too many failed authentication attempts. Try again later."_s);
+        QVERIFY(loggedInOrder({u"[SECURITY] Authentication rate-limited for Viewer"_s}));
+        QCOMPARE(endpointCount(), 1);
+
+        // Failures 2 to 5, each after the previous wait of 1, 2, 4, 8 s.
+        for (const auto wait : {1s, 2s, 4s, 8s}) {
+            agent->time.advance(wait);
+            QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid macOS account credentials"_s);
+        }
+        QCOMPARE(endpointCount(), 5);
+        QCOMPARE(access().globalAuthFailures().value(u"user:alice"_s).count, 5);
+        // The fifth failure blocks the endpoint outright: long after the 16 s back-off, still refused.
+        agent->time.advance(200s);
+        QCOMPARE(attempt(u"alice"_s, rightPassword), u"Too many failed authentication attempts. Try again later."_s);
+        // 300 s after the first failure the record has expired and the account is checked again.
+        agent->time.advance(86s); // 1+2+4+8+200+86 = 301 s after the first failure
+        QCOMPARE(attempt(u"alice"_s, rightPassword), QString());
+        QVERIFY(access().endpointAuthFailures().isEmpty());
+        QVERIFY(access().globalAuthFailures().isEmpty());
+    }
+
+    void userNamesAreComparedExactlyButCountedNormalised() {
+        QCOMPARE(attempt(u"Alice"_s, rightPassword), u"Invalid macOS account credentials"_s);
+        QVERIFY(loggedInOrder({u"[AUTH] Username mismatch: expected alice, got Alice"_s}));
+        agent->time.advance(1s);
+        QCOMPARE(attempt(u" alice\n"_s, rightPassword), u"Invalid macOS account credentials"_s);
+        QCOMPARE(endpointCount(), 2);
+        QCOMPARE(access().endpointAuthFailures().size(), 1);
+        QCOMPARE(access().endpointAuthFailures().value(u"127.0.0.1|alice"_s).blockedUntil,
+                 agent->time.now().addSecs(2));
+        // The account check itself was never asked: the mismatch is decided first.
+        QVERIFY(agent->verifier.checkedUsers().isEmpty());
+    }
+
+    void aSecondRequestWhileCheckingGetsNoAnswer() {
+        agent->verifier.holdChecks = true;
+        auto viewer = agent->connectViewer(u"Viewer"_s);
+        QVERIFY(viewer);
+        LoopbackAgent::signIn(*viewer, u"alice"_s, rightPassword);
+        QTRY_COMPARE(agent->verifier.startedChecks(), 1);
+        LoopbackAgent::signIn(*viewer, u"alice"_s, rightPassword);
+        QTRY_VERIFY(loggedLines().contains(u"[AUTH] Authentication is already being validated for Viewer"_s));
+        agent->verifier.release();
+        QTRY_VERIFY(viewer->last<AuthenticationResponseMessage>());
+        LoopbackAgent::settle();
+        QCOMPARE(viewer->count<AuthenticationResponseMessage>(), 1);
+        QVERIFY(!viewer->closed);
+        QCOMPARE(agent->verifier.checkedUsers().size(), 1);
+    }
+
+    void aNinthPendingCheckIsRefusedAsBusy() {
+        agent->verifier.holdChecks = true;
+        std::vector<std::unique_ptr<LoopbackViewer>> waiting;
+        for (int i = 0; i < 8; ++i) {
+            waiting.push_back(agent->connectViewer(u"Viewer %1"_s.arg(i)));
+            QVERIFY(waiting.back());
+            LoopbackAgent::signIn(*waiting.back(), u"alice"_s, rightPassword);
+        }
+        QTRY_COMPARE(access().pendingAuthenticationCount(), 8);
+        QCOMPARE(attempt(u"alice"_s, rightPassword, u"Ninth"_s), u"Authentication service is busy. Try again shortly."_s);
+        QVERIFY(loggedInOrder({u"[SECURITY] Authentication worker queue is full"_s}));
+        // The queue runs the held checks one at a time, in order.
+        agent->verifier.release(8);
+        for (const auto& viewer : waiting) {
+            QTRY_VERIFY(viewer->last<AuthenticationResponseMessage>());
+            QVERIFY(viewer->last<AuthenticationResponseMessage>()->success);
+        }
+        QCOMPARE(access().pendingAuthenticationCount(), 0);
+    }
+
+    void aResultForAViewerThatLeftIsDiscardedUncounted() {
+        agent->verifier.holdChecks = true;
+        auto viewer = agent->connectViewer(u"Viewer"_s);
+        QVERIFY(viewer);
+        LoopbackAgent::signIn(*viewer, u"alice"_s, u"wrong"_s);
+        QTRY_COMPARE(agent->verifier.startedChecks(), 1);
+        viewer->connection->abort();
+        QTRY_VERIFY(!manager().serverState().connectedClients.contains(viewer->key));
+        agent->verifier.release();
+        QTRY_VERIFY(loggedLines().contains(
+            u"[AUTH] Discarded authentication result for disconnected client %1"_s.arg(viewer->key.left(8))));
+        QVERIFY(access().endpointAuthFailures().isEmpty());
+        QVERIFY(access().globalAuthFailures().isEmpty());
+    }
+
+    void failureRecordsExpireAndStayWithinTheirCap() {
+        QHash<QString, AuthFailureRecord> map;
+        // A record older than the window restarts at one failure and one second.
+        access().recordAuthFailure(map, u"a"_s);
+        access().recordAuthFailure(map, u"a"_s);
+        QCOMPARE(map.value(u"a"_s).count, 2);
+        agent->time.advance(301s);
+        QVERIFY(!access().isAuthFailureBlocked(map.value(u"a"_s), 1));
+        access().recordAuthFailure(map, u"a"_s);
+        QCOMPARE(map.value(u"a"_s).count, 1);
+        QCOMPARE(map.value(u"a"_s).blockedUntil, agent->time.now().addSecs(1));
+
+        // The wait doubles up to 60 s.
+        for (int i = 2; i <= 8; ++i) {
+            access().recordAuthFailure(map, u"a"_s);
+        }
+        QCOMPARE(map.value(u"a"_s).blockedUntil, agent->time.now().addSecs(60));
+
+        // The 513th record evicts the one with the oldest first failure.
+        map.clear();
+        for (int i = 0; i < 513; ++i) {
+            access().recordAuthFailure(map, u"key %1"_s.arg(i));
+            agent->time.advance(100ms);
+        }
+        QCOMPARE(map.size(), 512);
+        QVERIFY(!map.contains(u"key 0"_s));
+        QVERIFY(map.contains(u"key 1"_s) && map.contains(u"key 512"_s));
+        // Expired records are pruned when the next failure is counted.
+        agent->time.advance(400s);
+        access().recordAuthFailure(map, u"fresh"_s);
+        QCOMPARE(map.size(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestServerManagerAuthentication)
+#include "tst_server_manager_authentication.moc"

@@ -1,0 +1,158 @@
+// The menu-lock password (its keyring copy, the move of an older plain copy, the waits after
+// wrong entries) and launch at login, with fakes and virtual time.
+
+#include "log_lines.h"
+#include "manager_fixture.h"
+
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+using namespace tellwyn;
+using namespace tellwyn::testing;
+
+class TestServerManagerLock : public QObject, ManagerFixture {
+    Q_OBJECT
+
+    // A manager whose settings have been loaded, with the keyring and launch at login.
+    void start(bool withKeyring = true) {
+        AgentEnvironment environment = fakeEnvironment();
+        environment.credentialStore = withKeyring ? &keyring : nullptr;
+        environment.loginItem = &loginItem;
+        startManager(environment);
+    }
+
+    QString lockPassword() const { return manager->settingsState().serverPassword; }
+
+private Q_SLOTS:
+    void initTestCase() { ServerLogManager::shared().setEchoToStandardOutput(false); }
+
+    void init() { resetFakes(); }
+
+    void cleanup() { manager.reset(); }
+
+    void wrongEntriesWaitLongerEachTimeUpToThirtySeconds() {
+        keyring.stored = u"sesame"_s;
+        start();
+        QCOMPARE(lockPassword(), u"sesame"_s);
+        QVERIFY(!manager->verifyLockPassword(u"wrong"_s));
+        QCOMPARE(manager->uiLockFailures(), 1);
+        // Within the wait even the right password is refused, unchecked and uncounted.
+        time->advance(999ms);
+        QVERIFY(!manager->verifyLockPassword(u"sesame"_s));
+        QVERIFY(!manager->verifyLockPassword(u"wrong"_s));
+        QCOMPARE(manager->uiLockFailures(), 1);
+        QCOMPARE(manager->uiLockBlockedUntil(), time->now().addMSecs(1));
+
+        const QList<qint64> waits{2, 4, 8, 16, 30, 30, 30, 30, 30};
+        for (const qint64 wait : waits) {
+            time->advance(60s);
+            QVERIFY(!manager->verifyLockPassword(u"wrong"_s));
+            QCOMPARE(manager->uiLockBlockedUntil(), time->now().addSecs(wait));
+        }
+        QCOMPARE(manager->uiLockFailures(), 10);
+        time->advance(30s);
+        QVERIFY(manager->verifyLockPassword(u"sesame"_s));
+        QCOMPARE(manager->uiLockFailures(), 0);
+        QVERIFY(manager->verifyLockPassword(u"sesame"_s));
+    }
+
+    void passwordsMustMatchExactly_data() {
+        QTest::addColumn<QString>("stored");
+        QTest::addColumn<QString>("entered");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("same") << u"pässword"_s << u"pässword"_s << true;
+        QTest::newRow("longer entry") << u"abc"_s << u"abcd"_s << false;
+        QTest::newRow("shorter entry") << u"abcd"_s << u"abc"_s << false;
+        QTest::newRow("differs in case") << u"Secret"_s << u"secret"_s << false;
+        QTest::newRow("no password stored") << QString() << u"anything"_s << false;
+        QTest::newRow("lengths differ by 256") << QString(256, u'a') << QString() << false;
+    }
+
+    void passwordsMustMatchExactly() {
+        QFETCH(QString, stored);
+        QFETCH(QString, entered);
+        QFETCH(bool, accepted);
+        keyring.stored = stored;
+        start();
+        QCOMPARE(manager->verifyLockPassword(entered), accepted);
+    }
+
+    void anOlderPlainCopyMovesToTheKeyringOnceItCan() {
+        preferences.set(u"ServerPassword"_s, u"legacy"_s);
+        keyring.failure = u"The keyring is locked."_s;
+        start();
+        // Not moved, but it works from memory for this run, and the copy stays for the next try.
+        QCOMPARE(lockPassword(), u"legacy"_s);
+        QVERIFY(preferences.values.contains(u"ServerPassword"_s));
+        QVERIFY(
+            loggedLines().contains(u"[ERROR] Agent password migration deferred: The keyring is locked."_s));
+
+        keyring.failure.reset();
+        ServerLogManager::shared().clearLogs();
+        start();
+        QCOMPARE(keyring.stored, std::optional<QString>(u"legacy"_s));
+        QVERIFY(!preferences.values.contains(u"ServerPassword"_s));
+        QVERIFY(loggedLines().contains(u"[AUTH] Migrated agent UI-lock password to Keychain"_s));
+        QCOMPARE(lockPassword(), u"legacy"_s);
+
+        // Later starts read the keyring; when it cannot be read the lock password is empty.
+        keyring.failure = u"No keyring."_s;
+        start();
+        QCOMPARE(lockPassword(), QString());
+        QVERIFY(loggedLines().contains(u"[ERROR] Agent password migration deferred: No keyring."_s));
+    }
+
+    void withoutADesktopSessionThereIsNoKeyringAndNoError() {
+        preferences.set(u"ServerPassword"_s, u"legacy"_s);
+        start(false);
+        QCOMPARE(lockPassword(), u"legacy"_s);
+        QVERIFY(preferences.values.contains(u"ServerPassword"_s));
+        QCOMPARE(loggedLines().filter(u"keyring"_s, Qt::CaseInsensitive),
+                 QStringList({u"[INFO] No desktop session: no keyring for the lock password and no window to lock"_s}));
+    }
+
+    void changingThePasswordKeepsTheOldOneWhenTheKeyringRefuses() {
+        keyring.stored = u"old"_s;
+        start();
+        keyring.failure = u"denied"_s;
+        QVERIFY(!manager->updateLockPassword(u"new"_s));
+        QCOMPARE(lockPassword(), u"old"_s);
+        QVERIFY(loggedLines().contains(u"[ERROR] Failed to update agent UI-lock password: denied"_s));
+        keyring.failure.reset();
+        QVERIFY(manager->updateLockPassword(QString())); // no rule on content: empty is stored too
+        QCOMPARE(keyring.stored, std::optional<QString>(QString()));
+        QVERIFY(loggedLines().contains(u"[AUTH] Agent UI-lock password updated in Keychain"_s));
+        QVERIFY(!preferences.values.contains(u"ServerPassword"_s));
+    }
+
+    void theLockSwitchIsStoredAndLogged() {
+        start();
+        manager->setPasswordProtection(true);
+        QVERIFY(manager->settingsState().passwordProtectionEnabled);
+        QCOMPARE(preferences.values.value(u"PasswordProtectionEnabled"_s), QVariant(true));
+        manager->setPasswordProtection(false);
+        QVERIFY(loggedInOrder(
+            {u"[AUTH] Password protection enabled"_s, u"[AUTH] Password protection disabled"_s}));
+        start();
+        QVERIFY(!manager->settingsState().passwordProtectionEnabled);
+    }
+
+    void loginItemFailuresAreOnlyLogged() {
+        start();
+        manager->registerLoginItem();
+        QVERIFY(loginItem.registered);
+        manager->unregisterLoginItem();
+        QVERIFY(!loginItem.registered);
+        loginItem.failure = u"AutostartError.writeFailed(path: \"x\", reason: \"disk full\")"_s;
+        manager->registerLoginItem();
+        QVERIFY(
+            loggedInOrder({u"[SERVER] Registered app with SMAppService for launch at login"_s,
+                           u"[SERVER] Unregistered app from SMAppService"_s,
+                           u"[ERROR] Failed to register with SMAppService: AutostartError.writeFailed(path: "
+                           u"\"x\", reason: \"disk full\")"_s}));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestServerManagerLock)
+#include "tst_server_manager_lock.moc"
