@@ -18,6 +18,8 @@ namespace tellwyn {
 namespace {
 
 constexpr auto handshakeDeadline = std::chrono::seconds(5);
+// A connection holds one of the few slots; one that has not signed in by then gives it back.
+constexpr auto signInDeadline = std::chrono::seconds(120);
 constexpr auto statsPushInterval = std::chrono::seconds(10);
 constexpr double idleTimeoutSeconds = 60.0;
 
@@ -115,6 +117,17 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
         if (weak) {
             weak->checkHandshakeDeadline(key);
         }
+    });
+    m_environment.scheduler.runAfter(signInDeadline, this, [this, key] {
+        // A check under way decides the connection's fate itself when it comes back.
+        if (!m_serverState.connectedClients.contains(key) ||
+            m_serverState.authenticatedClients.contains(key) || m_authenticationInProgress.contains(key)) {
+            return;
+        }
+        log(u"%1 did not sign in within %2 s. Disconnecting."_s.arg(displayLabel(key))
+                .arg(signInDeadline.count()),
+            u"SECURITY"_s);
+        cleanupDisconnectedClient(key);
     });
 }
 
