@@ -65,6 +65,12 @@ for group in "$@"; do
                 echo 'tellwyn-test:Tellwyn-Test-Passw0rd' | "${as_root[@]}" chpasswd
                 echo "test account of TellwynAgent's sign-in tests" | "${as_root[@]}" tee /etc/tellwyn-test-account >/dev/null
             fi
+            # A PAM service that refuses by remote host, for the test of what the agent tells PAM.
+            if ! cmp -s "$root/tests/integration/pam/tellwyn-test-by-host" /etc/pam.d/tellwyn-test-by-host; then
+                need_root "install /etc/pam.d/tellwyn-test-by-host"
+                "${as_root[@]}" install -m 0644 "$root/tests/integration/pam/tellwyn-test-by-host" \
+                    /etc/pam.d/tellwyn-test-by-host
+            fi
             ;;
     esac
 done
