@@ -99,7 +99,8 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
     const QPointer<ServerManager> weak(this);
     m_authenticationQueue->async([weak, verifier = m_environment.accountVerifier,
                                   identity = &m_environment.identity, userName = *username,
-                                  secret = *password, key, keys, timings = m_accountCheckTimings]() mutable {
+                                  secret = QString(password->constData(), password->size()), key, keys,
+         timings = m_accountCheckTimings]() mutable {
         const bool valid = verifySystemCredentials(verifier, identity->loginName(), userName, secret,
                                                    hostOfEndpoint(keys.endpoint), *timings);
         wipeSecret(secret);

@@ -1,6 +1,7 @@
 // Client sessions: registration, handshake deadline, connection state, message dispatch,
 // clean-up, idle sweep, user disconnect and the statistics push.
 
+#include "account_verifier.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "system_stats_provider.h"
@@ -175,6 +176,9 @@ void ServerManager::handleMessage(const HLVPMessage& message, const QString& key
             u"HANDSHAKE"_s);
     } else if (const auto* authentication = std::get_if<AuthenticationMessage>(&message)) {
         handleAuthentication(*authentication, key);
+        // The check works on a copy of its own; this wipes the text every copy of the message shares.
+        QString password = authentication->credentials.value(u"password"_s);
+        wipeSecret(password);
     } else if (std::holds_alternative<ScreenCaptureRequest>(message) ||
                std::holds_alternative<InputEventMessage>(message)) {
         // Screen streaming and input are served by the protocol library.
