@@ -90,6 +90,7 @@ HLVPServer::~HLVPServer() {
     // Dropped without stop(): connections end with the server object.
     m_onConnectionClosed = nullptr;
     m_onNewConnection = nullptr;
+    abortNegotiations();
     for (const auto& client : std::as_const(m_clients)) {
         client->QObject::disconnect(this);
     }
@@ -209,16 +210,25 @@ void HLVPServer::start(QObject* context, StartCompletion completion) {
     setRunning(true);
 }
 
-void HLVPServer::stop() {
+void HLVPServer::abortNegotiations() {
+    // Silently: these negotiations are ended by the server itself, not by their peers.
     if (m_listener) {
-        m_listener->close();
-        m_listener.reset();
+        m_listener->QObject::disconnect(this);
     }
     const auto negotiating = std::exchange(m_negotiating, {});
     for (const auto& negotiation : negotiating) {
         if (negotiation.socket) {
+            QObject::disconnect(negotiation.socket, nullptr, this, nullptr);
             negotiation.socket->abort();
         }
+    }
+}
+
+void HLVPServer::stop() {
+    abortNegotiations();
+    if (m_listener) {
+        m_listener->close();
+        m_listener.reset();
     }
     const auto clients = m_clients;
     for (const auto& client : clients) {

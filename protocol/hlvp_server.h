@@ -70,6 +70,7 @@ private:
     void setRunning(bool running);
     bool admitConnection(qintptr descriptor);
     void beginNegotiation(QSslSocket* socket);
+    void abortNegotiations();
     void endNegotiation(QSslSocket* socket, const QString& reason);
     void acceptPendingConnections();
     void onClientStateChanged(const QString& key, HLVP::ConnectionState state);
