@@ -1,13 +1,16 @@
 // Server life: construction, settings, set-up, start, running state, clean-up timer, stop,
 // port change, auto-start, sleep, wake and termination.
 
+#include "server_manager.h"
+
+#include "account_check_timings.h"
 #include "clock.h"
 #include "display_probe.h"
 #include "preferences.h"
 #include "serial_queue.h"
 #include "server_log_manager.h"
-#include "server_manager.h"
 #include "service_advertiser.h"
+#include "sign_in_memory.h"
 #include "system_events.h"
 #include "system_identity.h"
 
@@ -37,6 +40,10 @@ ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
       m_uiLockBlockedUntil(QDateTime(QDate(1, 1, 1), QTime(0, 0), Qt::UTC)) {
     m_serverState.statusMessage = tr("Agent not started");
     m_permissionState.accountStatus = tr("Initializing...");
+    m_signInMemory = std::make_unique<SignInMemory>(
+        m_environment.dataDirectory.isEmpty() ? QString()
+                                              : m_environment.dataDirectory + u"/signed-in-hosts.json"_s);
+    m_accountCheckTimings = std::make_shared<AccountCheckTimings>();
 
     log(u"AgentManager initialized"_s, u"INIT"_s);
 

@@ -43,6 +43,9 @@ void HLVPConnection::connectToAgent(const QString& host, quint16 port, const QSt
             Q_EMIT closed();
         }
     });
+    if (!m_localAddress.isNull()) {
+        m_socket->bind(m_localAddress);
+    }
     m_socket->connectToHostEncrypted(host, port);
 }
 

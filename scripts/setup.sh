@@ -82,6 +82,12 @@ for group in "$@"; do
                 echo "setup.sh: installing $rule"
                 "${as_root[@]}" install -m 0644 "$root/tests/integration/polkit/49-tellwyn-test.rules" "$rule"
             fi
+            # A PAM service that refuses by remote host, for the test of what the agent tells PAM.
+            if ! cmp -s "$root/tests/integration/pam/tellwyn-test-by-host" /etc/pam.d/tellwyn-test-by-host; then
+                need_root "install /etc/pam.d/tellwyn-test-by-host"
+                "${as_root[@]}" install -m 0644 "$root/tests/integration/pam/tellwyn-test-by-host" \
+                    /etc/pam.d/tellwyn-test-by-host
+            fi
             ;;
     esac
 done
