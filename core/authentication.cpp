@@ -72,7 +72,7 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
     }
     if (m_serverUsername.isEmpty()) {
         sendAuthenticationFailure(
-            key, u"Server account information is unavailable. Sign in to macOS on this Mac and try again."_s);
+            key, u"Server account information is unavailable. Sign in to this computer and try again."_s);
         return;
     }
     const AuthRateLimitKeys keys = makeAuthRateLimitKeys(key, *username);
@@ -95,7 +95,7 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
     // limits before the first of them comes back.
     m_queuedAuthChecks[keys.endpoint] += 1;
     m_queuedAuthChecks[keys.username] += 1;
-    log(u"Validating macOS account credentials for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+    log(u"Validating this computer's account credentials for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
     const QPointer<ServerManager> weak(this);
     m_authenticationQueue->async([weak, verifier = m_environment.accountVerifier,
                                   identity = &m_environment.identity, userName = *username,
@@ -246,8 +246,8 @@ void ServerManager::handleAuthenticationResult(bool valid, const QString& userNa
     }
     recordAuthFailure(m_endpointAuthFailures, keys.endpoint);
     recordAuthFailure(m_globalAuthFailures, keys.username);
-    log(u"macOS account credential validation failed for user '%1'"_s.arg(userName), u"AUTH"_s);
-    sendAuthenticationFailure(key, u"Invalid macOS account credentials"_s);
+    log(u"Computer account credential validation failed for user '%1'"_s.arg(userName), u"AUTH"_s);
+    sendAuthenticationFailure(key, u"Invalid credentials for this computer's account"_s);
 }
 
 void ServerManager::completeAuthentication(const QString& key) {

@@ -158,11 +158,11 @@ void ServerManager::configureSystemCredentials() {
     updateSettingsState([&](SettingsState& settings) { settings.currentUsername = username; });
     m_serverUsername = username;
     updatePermissionState([](PermissionState& permissions) {
-        permissions.accountStatus = tr("✅ Using current macOS account");
+        permissions.accountStatus = tr("✅ Using this computer's current account");
     });
     m_environment.preferences.set(PreferenceKey::useSystemCredentials, true);
     m_environment.preferences.remove(PreferenceKey::customUsername);
-    log(u"Server configured to use the current macOS account for user: %1"_s.arg(username), u"AUTH"_s);
+    log(u"Server configured to use this computer's current account for user: %1"_s.arg(username), u"AUTH"_s);
 }
 
 void ServerManager::finishFirstLaunch() {
@@ -276,7 +276,7 @@ void ServerManager::finishStart(const std::optional<HLVPError>& error, bool head
     if (m_isAdvertisingEnabled) {
         const QString name = m_environment.identity.localizedComputerName().value_or(u"Unknown Computer"_s);
         m_environment.advertiser.publish(m_settingsState.serverPort, name);
-        log(u"Started Bonjour service publishing"_s, u"BONJOUR"_s);
+        log(u"Started DNS-SD service publishing"_s, u"DNS-SD"_s);
     }
     log(u"Remote service startup completed successfully"_s, u"SERVER"_s);
     log(u"HLVP Server startup sequence completed - Port: %1, Mode: %2"_s.arg(m_settingsState.serverPort)
@@ -309,7 +309,7 @@ void ServerManager::startCleanupTimer() {
 void ServerManager::stopServer() {
     log(u"Stopping HLVP server"_s, u"SERVER"_s);
     m_environment.advertiser.stop();
-    log(u"Stopped Bonjour service publishing"_s, u"BONJOUR"_s);
+    log(u"Stopped DNS-SD service publishing"_s, u"DNS-SD"_s);
     m_cleanupTimer.reset();
     cancelAllTasks();
     for (const TaskPtr& task : std::as_const(m_statsPushTasks)) {

@@ -71,10 +71,10 @@ def main():
         for i in range(args.samples):
             home = f"127.0.1.{i + 1}"
             took, answer = sign_in(agent.port, home, TEST_USER, "not the password")
-            assert answer.get("errorMessage") == "Invalid macOS account credentials", answer
+            assert answer.get("errorMessage") == "Invalid credentials for this computer's account", answer
             wrong_password.append(took)
             took, answer = sign_in(agent.port, f"127.0.2.{i + 1}", f"nobody{i}", "not the password")
-            assert answer.get("errorMessage") == "Invalid macOS account credentials", answer
+            assert answer.get("errorMessage") == "Invalid credentials for this computer's account", answer
             wrong_name.append(took)
     for name, values in (("wrong password", wrong_password), ("wrong user name", wrong_name)):
         values = sorted(values)

@@ -49,8 +49,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("category");
         QTest::addColumn<QString>("message");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("ordinary") << u"BONJOUR"_s << u"Started Bonjour service publishing"_s
-                                  << u"[3:04:05 PM] [BONJOUR] Started Bonjour service publishing"_s;
+        QTest::newRow("ordinary") << u"DNS-SD"_s << u"Started DNS-SD service publishing"_s
+                                  << u"[3:04:05 PM] [DNS-SD] Started DNS-SD service publishing"_s;
         QTest::newRow("empty message") << u"INFO"_s << QString() << u"[3:04:05 PM] [INFO] "_s;
         QTest::newRow("empty category") << QString() << u"text"_s << u"[3:04:05 PM] [] text"_s;
         QTest::newRow("brackets and newline kept") << u"WARN"_s << u"a ] b [c]\nsecond"_s

@@ -76,7 +76,7 @@ private Q_SLOTS:
         QVERIFY(manager().serverState().authenticatedClients.contains(viewer->key));
         QVERIFY(loggedInOrder({u"[AUTH] Authentication attempt from Dana's Laptop with method password"_s,
                                u"[AUTH] Processing user credential authentication for Dana's Laptop"_s,
-                               u"[AUTH] Validating macOS account credentials for Dana's Laptop"_s,
+                               u"[AUTH] Validating this computer's account credentials for Dana's Laptop"_s,
                                u"[AUTH] System authentication successful for user: alice"_s,
                                u"[AUTH] Dana's Laptop authenticated successfully"_s,
                                u"[AUTH] Authentication successful for Dana's Laptop"_s,
@@ -121,7 +121,7 @@ private Q_SLOTS:
                                      << u"[AUTH] Missing username or password for Viewer"_s;
         QTest::newRow("account unknown")
             << u"password"_s << full << QString()
-            << u"Server account information is unavailable. Sign in to macOS on this Mac and try again."_s
+            << u"Server account information is unavailable. Sign in to this computer and try again."_s
             << u"[AUTH] Processing user credential authentication for Viewer"_s;
     }
 
@@ -159,9 +159,9 @@ private Q_SLOTS:
     }
 
     void wrongPasswordsBackOffThenBlockTheEndpointUntilTheWindowEnds() {
-        QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid macOS account credentials"_s);
+        QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid credentials for this computer's account"_s);
         QVERIFY(loggedInOrder({u"[AUTH] System authentication failed for user alice: Authentication failure"_s,
-                               u"[AUTH] macOS account credential validation failed for user 'alice'"_s}));
+                               u"[AUTH] Computer account credential validation failed for user 'alice'"_s}));
         QCOMPARE(endpointCount(), 1);
         // Within the 1 s back-off even the right password is not checked, and the refusal is not counted.
         QCOMPARE(attempt(u"alice"_s, rightPassword), u"Too many failed authentication attempts. Try again later."_s);
@@ -171,7 +171,7 @@ private Q_SLOTS:
         // Failures 2 to 5, each after the previous wait of 1, 2, 4, 8 s.
         for (const auto wait : {1s, 2s, 4s, 8s}) {
             agent->time.advance(wait);
-            QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid macOS account credentials"_s);
+            QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid credentials for this computer's account"_s);
         }
         QCOMPARE(endpointCount(), 5);
         QCOMPARE(access().globalAuthFailures().value(u"user:alice"_s).count, 5);
@@ -186,10 +186,10 @@ private Q_SLOTS:
     }
 
     void userNamesAreComparedExactlyButCountedNormalised() {
-        QCOMPARE(attempt(u"Alice"_s, rightPassword), u"Invalid macOS account credentials"_s);
+        QCOMPARE(attempt(u"Alice"_s, rightPassword), u"Invalid credentials for this computer's account"_s);
         QVERIFY(loggedInOrder({u"[AUTH] Username mismatch: expected alice, got Alice"_s}));
         agent->time.advance(1s);
-        QCOMPARE(attempt(u" alice\n"_s, rightPassword), u"Invalid macOS account credentials"_s);
+        QCOMPARE(attempt(u" alice\n"_s, rightPassword), u"Invalid credentials for this computer's account"_s);
         QCOMPARE(endpointCount(), 2);
         QCOMPARE(access().endpointAuthFailures().size(), 1);
         QCOMPARE(access().endpointAuthFailures().value(u"127.0.0.1|alice"_s).blockedUntil,
@@ -318,7 +318,7 @@ private Q_SLOTS:
         const auto guessThenSignIn = [&](const QString& from) {
             agent->time.advance(61s); // past every earlier back-off
             const QString guess = attempt(u"alice"_s, u"wrong"_s, u"Guesser"_s, u"127.0.0.9"_s);
-            return guess == u"Invalid macOS account credentials"_s
+            return guess == u"Invalid credentials for this computer's account"_s
                        ? attempt(u"alice"_s, rightPassword, u"User"_s, from)
                        : u"(guess not checked: %1)"_s.arg(guess);
         };
