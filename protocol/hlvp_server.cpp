@@ -311,6 +311,9 @@ void HLVPServer::acceptPendingConnections() {
         }
         m_negotiating.removeIf([&](const Negotiation& negotiation) { return negotiation.socket == socket; });
         QObject::disconnect(socket, nullptr, this, nullptr);
+        // Answers are small and often followed at once by another message: Nagle's algorithm
+        // would hold the second until the viewer's delayed acknowledgement.
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         auto client = makeClient(socket, m_options.client);
         const QString key = client->clientKey();
         client->setLogFunction(m_log);
