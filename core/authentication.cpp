@@ -1,15 +1,19 @@
 // Sign-in: dispatch by method, the account check on the authentication queue, rate limiting of
 // failures per endpoint and per user name, and the outcome.
 
+#include "account_check_timings.h"
 #include "account_verifier.h"
 #include "clock.h"
 #include "serial_queue.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
+#include "sign_in_memory.h"
 #include "system_identity.h"
 
+#include <QElapsedTimer>
 #include <QPointer>
-
+#include <QRandomGenerator>
+#include <QThread>
 #include <algorithm>
 #include <cmath>
 
@@ -23,6 +27,11 @@ constexpr double maximumBackoffSeconds = 60.0;
 
 double secondsBetween(const QDateTime& from, const QDateTime& to) {
     return double(from.msecsTo(to)) / 1000.0;
+}
+
+// The source address in an endpoint key ("address|name"); addresses never hold a bar.
+QString hostOfEndpoint(const QString& endpoint) {
+    return endpoint.left(endpoint.indexOf(u'|'));
 }
 
 } // namespace
@@ -63,7 +72,7 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
     }
     if (m_serverUsername.isEmpty()) {
         sendAuthenticationFailure(
-            key, u"Server account information is unavailable. Sign in to macOS on this Mac and try again."_s);
+            key, u"Server account information is unavailable. Sign in to this computer and try again."_s);
         return;
     }
     const AuthRateLimitKeys keys = makeAuthRateLimitKeys(key, *username);
@@ -82,22 +91,28 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
         return;
     }
     m_authenticationInProgress.insert(key);
-    log(u"Validating macOS account credentials for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+    // Counted against the host and the name at once, so that parallel guesses cannot all pass the
+    // limits before the first of them comes back.
+    m_queuedAuthChecks[keys.endpoint] += 1;
+    m_queuedAuthChecks[keys.username] += 1;
+    log(u"Validating this computer's account credentials for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
     const QPointer<ServerManager> weak(this);
-    m_authenticationQueue->async(
-        [weak, verifier = m_environment.accountVerifier, identity = &m_environment.identity, userName = *username,
-         secret = *password, key, keys]() mutable {
-            const bool valid = verifySystemCredentials(verifier, identity->loginName(), userName, secret);
-            wipeSecret(secret);
-            QMetaObject::invokeMethod(
-                weak,
-                [weak, valid, userName, key, keys] {
-                    if (weak) {
-                        weak->handleAuthenticationResult(valid, userName, key, keys);
-                    }
-                },
-                Qt::QueuedConnection);
-        });
+    m_authenticationQueue->async([weak, verifier = m_environment.accountVerifier,
+                                  identity = &m_environment.identity, userName = *username,
+                                  secret = QString(password->constData(), password->size()), key, keys,
+         timings = m_accountCheckTimings]() mutable {
+        const bool valid = verifySystemCredentials(verifier, identity->loginName(), userName, secret,
+                                                   hostOfEndpoint(keys.endpoint), *timings);
+        wipeSecret(secret);
+        QMetaObject::invokeMethod(
+            weak,
+            [weak, valid, userName, key, keys] {
+                if (weak) {
+                    weak->handleAuthenticationResult(valid, userName, key, keys);
+                }
+            },
+            Qt::QueuedConnection);
+    });
 }
 
 AuthRateLimitKeys ServerManager::makeAuthRateLimitKeys(const QString& key, const QString& username) const {
@@ -121,12 +136,29 @@ bool ServerManager::isAuthFailureBlocked(const std::optional<AuthFailureRecord>&
 }
 
 bool ServerManager::isAuthenticationRateLimited(const AuthRateLimitKeys& keys) const {
-    const auto recordIn = [](const QHash<QString, AuthFailureRecord>& map, const QString& key) {
+    const QDateTime now = m_environment.clock.now();
+    // A failure record with the checks still under way added to it.
+    const auto recordIn = [&](const QHash<QString, AuthFailureRecord>& map, const QString& key) {
         const auto found = map.constFind(key);
-        return found != map.cend() ? std::optional<AuthFailureRecord>(*found) : std::nullopt;
+        std::optional<AuthFailureRecord> record;
+        if (found != map.cend() && secondsBetween(found->firstFailure, now) <= authFailureWindow) {
+            record = *found;
+        }
+        if (const qint64 queued = m_queuedAuthChecks.value(key); queued > 0) {
+            AuthFailureRecord counted = record.value_or(AuthFailureRecord{0, now, now});
+            counted.count += queued;
+            record = counted;
+        }
+        return record;
     };
     if (isAuthFailureBlocked(recordIn(m_endpointAuthFailures, keys.endpoint), maxAuthFailuresPerEndpoint)) {
         return true;
+    }
+    // A host that has signed in to this account lately is judged by its own record only: failures
+    // that others cause against the name must not lock the real user out.
+    if (m_signInMemory && m_signInMemory->remembers(hostOfEndpoint(keys.endpoint),
+                                                    keys.username.mid(qsizetype(sizeof("user:") - 1)), now)) {
+        return false;
     }
     return isAuthFailureBlocked(recordIn(m_globalAuthFailures, keys.username), maxAuthFailuresPerUsername);
 }
@@ -156,19 +188,37 @@ void ServerManager::recordAuthFailure(QHash<QString, AuthFailureRecord>& map, co
 }
 
 bool ServerManager::verifySystemCredentials(AccountVerifier* verifier, const QString& loginName,
-                                           const QString& userName, const QString& password) {
+                                            const QString& userName, const QString& password,
+                                            const QString& remoteHost, AccountCheckTimings& timings) {
     auto& log = ServerLogManager::shared();
-    if (userName != loginName) {
-        log.log(u"Username mismatch: expected %1, got %2"_s.arg(loginName, userName), u"AUTH"_s);
+    if (verifier == nullptr) {
+        log.log(u"System authentication failed for user %1: No account check is available."_s.arg(userName),
+                u"AUTH"_s);
         return false;
     }
-    const AccountVerifier::Result result =
-        verifier != nullptr ? verifier->verifyPassword(userName, password)
-                            : AccountVerifier::Result{false, u"No account check is available."_s};
+    if (userName != loginName) {
+        log.log(u"Username mismatch: expected %1, got %2"_s.arg(loginName, userName), u"AUTH"_s);
+        if (const auto pause = timings.draw()) {
+            QThread::usleep(static_cast<unsigned long>(pause->count()));
+        } else {
+            // Nothing measured yet: check the account with a password nobody has, so that this
+            // refusal costs what a wrong password costs, and measure it.
+            QString throwaway = QString::number(QRandomGenerator::system()->generate64(), 36) + u'\x01';
+            QElapsedTimer elapsed;
+            elapsed.start();
+            verifier->verifyPassword(loginName, throwaway, remoteHost);
+            timings.record(std::chrono::microseconds(elapsed.nsecsElapsed() / 1000));
+        }
+        return false;
+    }
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const AccountVerifier::Result result = verifier->verifyPassword(userName, password, remoteHost);
     if (result.valid) {
         log.log(u"System authentication successful for user: %1"_s.arg(userName), u"AUTH"_s);
         return true;
     }
+    timings.record(std::chrono::microseconds(elapsed.nsecsElapsed() / 1000));
     log.log(u"System authentication failed for user %1: %2"_s.arg(userName, result.error), u"AUTH"_s);
     return false;
 }
@@ -176,6 +226,11 @@ bool ServerManager::verifySystemCredentials(AccountVerifier* verifier, const QSt
 void ServerManager::handleAuthenticationResult(bool valid, const QString& userName, const QString& key,
                                                const AuthRateLimitKeys& keys) {
     m_authenticationInProgress.remove(key);
+    for (const QString& counted : {keys.endpoint, keys.username}) {
+        if (--m_queuedAuthChecks[counted] <= 0) {
+            m_queuedAuthChecks.remove(counted);
+        }
+    }
     if (!m_serverState.connectedClients.contains(key)) {
         log(u"Discarded authentication result for disconnected client %1"_s.arg(key.left(8)), u"AUTH"_s);
         return;
@@ -183,6 +238,7 @@ void ServerManager::handleAuthenticationResult(bool valid, const QString& userNa
     if (valid) {
         m_endpointAuthFailures.remove(keys.endpoint);
         m_globalAuthFailures.remove(keys.username);
+        m_signInMemory->remember(hostOfEndpoint(keys.endpoint), userName, m_environment.clock.now());
         completeAuthentication(key);
         updateClipboardMonitor();
         log(u"Authentication successful for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
@@ -190,8 +246,8 @@ void ServerManager::handleAuthenticationResult(bool valid, const QString& userNa
     }
     recordAuthFailure(m_endpointAuthFailures, keys.endpoint);
     recordAuthFailure(m_globalAuthFailures, keys.username);
-    log(u"macOS account credential validation failed for user '%1'"_s.arg(userName), u"AUTH"_s);
-    sendAuthenticationFailure(key, u"Invalid macOS account credentials"_s);
+    log(u"Computer account credential validation failed for user '%1'"_s.arg(userName), u"AUTH"_s);
+    sendAuthenticationFailure(key, u"Invalid credentials for this computer's account"_s);
 }
 
 void ServerManager::completeAuthentication(const QString& key) {

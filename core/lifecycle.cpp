@@ -1,13 +1,16 @@
 // Server life: construction, settings, set-up, start, running state, clean-up timer, stop,
 // port change, auto-start, sleep, wake and termination.
 
+#include "server_manager.h"
+
+#include "account_check_timings.h"
 #include "clock.h"
 #include "display_probe.h"
 #include "preferences.h"
 #include "serial_queue.h"
 #include "server_log_manager.h"
-#include "server_manager.h"
 #include "service_advertiser.h"
+#include "sign_in_memory.h"
 #include "system_events.h"
 #include "system_identity.h"
 
@@ -37,6 +40,10 @@ ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
       m_uiLockBlockedUntil(QDateTime(QDate(1, 1, 1), QTime(0, 0), Qt::UTC)) {
     m_serverState.statusMessage = tr("Agent not started");
     m_permissionState.accountStatus = tr("Initializing...");
+    m_signInMemory = std::make_unique<SignInMemory>(
+        m_environment.dataDirectory.isEmpty() ? QString()
+                                              : m_environment.dataDirectory + u"/signed-in-hosts.json"_s);
+    m_accountCheckTimings = std::make_shared<AccountCheckTimings>();
 
     log(u"AgentManager initialized"_s, u"INIT"_s);
 
@@ -151,11 +158,11 @@ void ServerManager::configureSystemCredentials() {
     updateSettingsState([&](SettingsState& settings) { settings.currentUsername = username; });
     m_serverUsername = username;
     updatePermissionState([](PermissionState& permissions) {
-        permissions.accountStatus = tr("✅ Using current macOS account");
+        permissions.accountStatus = tr("✅ Using this computer's current account");
     });
     m_environment.preferences.set(PreferenceKey::useSystemCredentials, true);
     m_environment.preferences.remove(PreferenceKey::customUsername);
-    log(u"Server configured to use the current macOS account for user: %1"_s.arg(username), u"AUTH"_s);
+    log(u"Server configured to use this computer's current account for user: %1"_s.arg(username), u"AUTH"_s);
 }
 
 void ServerManager::finishFirstLaunch() {
@@ -269,7 +276,7 @@ void ServerManager::finishStart(const std::optional<HLVPError>& error, bool head
     if (m_isAdvertisingEnabled) {
         const QString name = m_environment.identity.localizedComputerName().value_or(u"Unknown Computer"_s);
         m_environment.advertiser.publish(m_settingsState.serverPort, name);
-        log(u"Started Bonjour service publishing"_s, u"BONJOUR"_s);
+        log(u"Started DNS-SD service publishing"_s, u"DNS-SD"_s);
     }
     log(u"Remote service startup completed successfully"_s, u"SERVER"_s);
     log(u"HLVP Server startup sequence completed - Port: %1, Mode: %2"_s.arg(m_settingsState.serverPort)
@@ -302,7 +309,7 @@ void ServerManager::startCleanupTimer() {
 void ServerManager::stopServer() {
     log(u"Stopping HLVP server"_s, u"SERVER"_s);
     m_environment.advertiser.stop();
-    log(u"Stopped Bonjour service publishing"_s, u"BONJOUR"_s);
+    log(u"Stopped DNS-SD service publishing"_s, u"DNS-SD"_s);
     m_cleanupTimer.reset();
     cancelAllTasks();
     for (const TaskPtr& task : std::as_const(m_statsPushTasks)) {

@@ -51,7 +51,7 @@ void ServerManager::loadPasswordProtectionSettings() {
         password = legacy;
         if (!error) {
             preferences.remove(PreferenceKey::serverPassword);
-            log(u"Migrated agent UI-lock password to Keychain"_s, u"AUTH"_s);
+            log(u"Migrated agent UI-lock password to the keyring"_s, u"AUTH"_s);
         } else {
             log(u"Agent password migration deferred: %1"_s.arg(*error), u"ERROR"_s);
         }
@@ -85,7 +85,7 @@ bool ServerManager::updateLockPassword(const QString& password) {
     }
     updateSettingsState([&](SettingsState& settings) { settings.serverPassword = password; });
     m_environment.preferences.remove(PreferenceKey::serverPassword);
-    log(u"Agent UI-lock password updated in Keychain"_s, u"AUTH"_s);
+    log(u"Agent UI-lock password updated in the keyring"_s, u"AUTH"_s);
     return true;
 }
 
@@ -109,9 +109,9 @@ void ServerManager::registerLoginItem() {
     LoginItem* item = m_environment.loginItem;
     const std::optional<QString> error = item != nullptr ? item->registerItem() : u"No login items here."_s;
     if (error) {
-        log(u"Failed to register with SMAppService: %1"_s.arg(*error), u"ERROR"_s);
+        log(u"Failed to register the autostart entry: %1"_s.arg(*error), u"ERROR"_s);
     } else {
-        log(u"Registered app with SMAppService for launch at login"_s, u"SERVER"_s);
+        log(u"Registered the autostart entry for launch at login"_s, u"SERVER"_s);
     }
 }
 
@@ -119,9 +119,9 @@ void ServerManager::unregisterLoginItem() {
     LoginItem* item = m_environment.loginItem;
     const std::optional<QString> error = item != nullptr ? item->unregisterItem() : u"No login items here."_s;
     if (error) {
-        log(u"Failed to unregister from SMAppService: %1"_s.arg(*error), u"ERROR"_s);
+        log(u"Failed to remove the autostart entry: %1"_s.arg(*error), u"ERROR"_s);
     } else {
-        log(u"Unregistered app from SMAppService"_s, u"SERVER"_s);
+        log(u"Removed the autostart entry"_s, u"SERVER"_s);
     }
 }
 

@@ -97,7 +97,7 @@ void ServerManager::checkScreenCapturePermission() {
                 weak->setStatusMessage(tr("Ready for connections"));
             } else if (weak->m_serverState.isRunning) {
                 weak->setStatusMessage(
-                    tr("Screen capture permission required. Grant in System Settings > Privacy & Security > Screen Recording"));
+                    tr("Screen capture permission required. Allow screen sharing when the desktop asks, or in the desktop's privacy settings"));
             } else {
                 weak->setStatusMessage(tr("Ready to start remote service"));
             }
@@ -201,8 +201,8 @@ void ServerManager::requestScreenCapturePermission() {
     if (service == nullptr || !service->screenCaptureAllowed()) {
         setScreenCaptureRequiresRelaunch(true);
         setStatusMessage(
-            tr("Screen recording may require relaunch. Quit and reopen TellwynAgent to activate remote viewing."));
-        log(u"Screen recording request completed, but current process still requires relaunch for TCC refresh"_s,
+            tr("Screen recording is not allowed yet. Answer the desktop's screen-sharing dialog to activate remote viewing."));
+        log(u"Screen recording request completed, but the desktop has not allowed screen sharing yet"_s,
             u"PERMISSIONS"_s);
         openScreenRecordingSettings();
     }
@@ -249,14 +249,14 @@ void ServerManager::validateScreenCaptureRuntime() {
         return;
     }
     m_isValidatingScreenCaptureRuntime = true;
-    log(u"Validating ScreenCaptureKit runtime with a tiny capture"_s, u"PERMISSIONS"_s);
+    log(u"Validating screen capture with a tiny capture"_s, u"PERMISSIONS"_s);
     const TaskPtr task = Task::create();
     trackTask(task);
     std::shared_ptr<HLVPScreenCapture> capture =
         m_environment.makeScreenCapture ? std::shared_ptr<HLVPScreenCapture>(m_environment.makeScreenCapture())
                                         : nullptr;
     if (!capture) {
-        log(u"ScreenCaptureKit runtime validation failed: %1"_s.arg(u"No screen capture on this desktop."_s),
+        log(u"Screen capture validation failed: %1"_s.arg(u"No screen capture on this desktop."_s),
             u"PERMISSIONS"_s);
         finishScreenCaptureValidation(false);
         task->finish();
@@ -268,7 +268,7 @@ void ServerManager::validateScreenCaptureRuntime() {
                                capture->cleanup();
                                if (weak) {
                                    if (const auto* error = std::get_if<HLVPError>(&result)) {
-                                       weak->log(u"ScreenCaptureKit runtime validation failed: %1"_s.arg(
+                                       weak->log(u"Screen capture validation failed: %1"_s.arg(
                                                      error->localizedDescription()),
                                                  u"PERMISSIONS"_s);
                                        weak->finishScreenCaptureValidation(false);
@@ -283,7 +283,7 @@ void ServerManager::validateScreenCaptureRuntime() {
 void ServerManager::finishScreenCaptureValidation(bool success) {
     m_isValidatingScreenCaptureRuntime = false;
     if (success) {
-        log(u"ScreenCaptureKit runtime validation succeeded"_s, u"PERMISSIONS"_s);
+        log(u"Screen capture validation succeeded"_s, u"PERMISSIONS"_s);
         if (m_permissionState.screenCaptureAuthorized) {
             setStatusMessage(tr("Ready for connections"));
         }
@@ -298,14 +298,14 @@ void ServerManager::openScreenRecordingSettings() {
     for (const auto page :
          {PermissionService::SettingsPage::screenSharing, PermissionService::SettingsPage::screenRecording}) {
         if (service != nullptr && service->openSettings(page)) {
-            log(u"Opened System Settings for Screen Recording"_s, u"PERMISSIONS"_s);
+            log(u"Opened the desktop's settings for screen sharing"_s, u"PERMISSIONS"_s);
             return;
         }
     }
     if (service != nullptr) {
         service->openSettings(PermissionService::SettingsPage::privacy);
     }
-    log(u"Opened System Settings Privacy & Security fallback"_s, u"PERMISSIONS"_s);
+    log(u"Opened the desktop's privacy settings"_s, u"PERMISSIONS"_s);
 }
 
 } // namespace tellwyn

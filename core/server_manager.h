@@ -20,6 +20,7 @@ namespace testing {
 class ServerManagerTestAccess;
 }
 
+class AccountCheckTimings;
 class AccountVerifier;
 class ServiceAdvertiser;
 class Clock;
@@ -33,6 +34,7 @@ class Preferences;
 class Scheduler;
 class ScheduledTimer;
 class SerialQueue;
+class SignInMemory;
 class SystemEvents;
 class SystemIdentity;
 class SystemStatsProvider;
@@ -171,9 +173,11 @@ private:
     bool isAuthFailureBlocked(const std::optional<AuthFailureRecord>& record, qint64 limit) const;
     bool isAuthenticationRateLimited(const AuthRateLimitKeys& keys) const;
     void recordAuthFailure(QHash<QString, AuthFailureRecord>& map, const QString& key);
-    // Runs on the authentication queue; touches nothing of the manager.
+    // Runs on the authentication queue; touches nothing of the manager. A wrong user name takes
+    // as long as a wrong password, by the durations kept in `timings`.
     static bool verifySystemCredentials(AccountVerifier* verifier, const QString& loginName,
-                                        const QString& userName, const QString& password);
+                                        const QString& userName, const QString& password,
+                                        const QString& remoteHost, AccountCheckTimings& timings);
     void handleAuthenticationResult(bool valid, const QString& userName, const QString& key,
                                     const AuthRateLimitKeys& keys);
     void completeAuthentication(const QString& key);
@@ -255,6 +259,10 @@ private:
     std::optional<QString> m_lastSentClipboardContent;
     qint64 m_uiLockFailures = 0;
     QDateTime m_uiLockBlockedUntil;
+    // Account checks queued or running, counted against their rate-limit keys until they end.
+    QHash<QString, qint64> m_queuedAuthChecks;
+    std::unique_ptr<SignInMemory> m_signInMemory;
+    std::shared_ptr<AccountCheckTimings> m_accountCheckTimings;
 };
 
 } // namespace tellwyn

@@ -2,6 +2,7 @@
 // clean-up, idle sweep, user disconnect and the statistics push.
 
 #include "clock.h"
+#include "account_verifier.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "system_stats_provider.h"
@@ -17,6 +18,8 @@ namespace tellwyn {
 namespace {
 
 constexpr auto handshakeDeadline = std::chrono::seconds(5);
+// A connection holds one of the few slots; one that has not signed in by then gives it back.
+constexpr auto signInDeadline = std::chrono::seconds(120);
 constexpr auto statsPushInterval = std::chrono::seconds(10);
 constexpr double idleTimeoutSeconds = 60.0;
 
@@ -117,6 +120,17 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
             weak->checkHandshakeDeadline(key);
         }
     });
+    m_environment.scheduler.runAfter(signInDeadline, this, [this, key] {
+        // A check under way decides the connection's fate itself when it comes back.
+        if (!m_serverState.connectedClients.contains(key) ||
+            m_serverState.authenticatedClients.contains(key) || m_authenticationInProgress.contains(key)) {
+            return;
+        }
+        log(u"%1 did not sign in within %2 s. Disconnecting."_s.arg(displayLabel(key))
+                .arg(signInDeadline.count()),
+            u"SECURITY"_s);
+        cleanupDisconnectedClient(key);
+    });
 }
 
 void ServerManager::handleClientConnectionState(const QString& key, HLVP::ConnectionState state) {
@@ -164,6 +178,9 @@ void ServerManager::handleMessage(const HLVPMessage& message, const QString& key
             u"HANDSHAKE"_s);
     } else if (const auto* authentication = std::get_if<AuthenticationMessage>(&message)) {
         handleAuthentication(*authentication, key);
+        // The check works on a copy of its own; this wipes the text every copy of the message shares.
+        QString password = authentication->credentials.value(u"password"_s);
+        wipeSecret(password);
     } else if (std::holds_alternative<ScreenCaptureRequest>(message) ||
                std::holds_alternative<InputEventMessage>(message)) {
         // Screen streaming and input are served by the protocol library.

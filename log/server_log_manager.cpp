@@ -71,9 +71,40 @@ ParsedLogLine ServerLogManager::parseLogLine(const QString& line) {
             trimmed(view.sliced(second + 1), u" \t")};
 }
 
+QString ServerLogManager::escapeControlCharacters(const QString& text) {
+    const auto needsEscape = [](char16_t c) {
+        return c < 0x20 || (c >= 0x7f && c < 0xa0) || c == 0x061c || c == 0x200e || c == 0x200f ||
+               (c >= 0x2028 && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069);
+    };
+    if (std::none_of(text.cbegin(), text.cend(), [&](QChar c) { return needsEscape(c.unicode()); })) {
+        return text;
+    }
+    QString escaped;
+    escaped.reserve(text.size() + 16);
+    for (const QChar c : text) {
+        const char16_t code = c.unicode();
+        if (!needsEscape(code)) {
+            escaped += c;
+        } else if (code == u'\n') {
+            escaped += u"\\n"_s;
+        } else if (code == u'\r') {
+            escaped += u"\\r"_s;
+        } else if (code == u'\t') {
+            escaped += u"\\t"_s;
+        } else if (code < 0x100) {
+            escaped += u"\\x%1"_s.arg(int(code), 2, 16, QChar(u'0'));
+        } else {
+            escaped += u"\\u{%1}"_s.arg(int(code), 4, 16, QChar(u'0'));
+        }
+    }
+    return escaped;
+}
+
 void ServerLogManager::log(const QString& message, const QString& category) {
-    const QString line = formatLine(QDateTime::currentDateTime(), category, message);
-    QMetaObject::invokeMethod(this, [this, line] { append(line); }, Qt::QueuedConnection);
+    const QString line = formatLine(QDateTime::currentDateTime(), escapeControlCharacters(category),
+                                    escapeControlCharacters(message));
+    QMetaObject::invokeMethod(
+        this, [this, line] { append(line); }, Qt::QueuedConnection);
     if (m_echo.load(std::memory_order_relaxed)) {
         // One write per line so that lines from different threads never interleave.
         const QByteArray bytes = line.toUtf8() + '\n';

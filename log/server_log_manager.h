@@ -46,6 +46,11 @@ public:
     static QString formatLine(const QDateTime& when, const QString& category, const QString& message,
                               const QLocale& locale = QLocale::system());
     static ParsedLogLine parseLogLine(const QString& line);
+    // `text` with every character that could forge or hide part of a line written out as an
+    // escape: C0 and C1 controls, DEL, line and paragraph separators, and the bidirectional marks,
+    // embeddings, overrides and isolates. Every line passes through it, so texts that came from
+    // the network cannot start a line of their own or drive the terminal.
+    static QString escapeControlCharacters(const QString& text);
 
 Q_SIGNALS:
     void logsChanged();

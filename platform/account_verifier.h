@@ -14,7 +14,10 @@ public:
     };
 
     virtual ~AccountVerifier() = default;
-    virtual Result verifyPassword(const QString& userName, const QString& password) = 0;
+    // `remoteHost` is the address the request came from, for the system's own per-host rules
+    // (access lists, failure counters, audit).
+    virtual Result verifyPassword(const QString& userName, const QString& password,
+                                  const QString& remoteHost) = 0;
 };
 
 // Overwrites the characters of `text` in place, in every copy that shares them, then empties it.

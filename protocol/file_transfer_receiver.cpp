@@ -7,6 +7,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -54,6 +57,31 @@ std::optional<quint64> statvfsFreeSpace(const QString& directory) {
     return quint64(info.f_bavail) * info.f_frsize;
 }
 
+// Whether anything, even a dangling symbolic link, holds `path`.
+bool isTaken(const QString& path) {
+    struct stat info {};
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0;
+}
+
+// Removes the hidden partial files in `directory` that no transfer is writing: each transfer holds
+// a lock on its own while it lives, so one that can be locked was left by an agent that died.
+void removeAbandonedPartialFiles(const QString& directory) {
+    const QDir folder(directory);
+    const QStringList partials =
+        folder.entryList({u".tellwyn-upload-*.part"_s}, QDir::Files | QDir::Hidden | QDir::System);
+    for (const QString& name : partials) {
+        const QByteArray path = QFile::encodeName(folder.filePath(name));
+        const int fd = ::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) {
+            continue;
+        }
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            ::unlink(path.constData());
+        }
+        ::close(fd);
+    }
+}
+
 QString sizeText(quint64 bytes) {
     return QLocale::c().formattedDataSize(qint64(std::min<quint64>(bytes, INT64_MAX)), 1,
                                           QLocale::DataSizeIecFormat);
@@ -92,7 +120,7 @@ QString safeFileName(const QString& offered) {
 
 QString uniqueFileName(const QString& directory, const QString& name) {
     const QDir folder(directory);
-    if (!QFileInfo::exists(folder.filePath(name))) {
+    if (!isTaken(folder.filePath(name))) {
         return name;
     }
     const qsizetype dot = name.lastIndexOf(u'.');
@@ -100,7 +128,7 @@ QString uniqueFileName(const QString& directory, const QString& name) {
     const QString extension = dot > 0 ? name.mid(dot) : QString();
     for (int n = 1;; ++n) {
         const QString candidate = u"%1 (%2)%3"_s.arg(base).arg(n).arg(extension);
-        if (!QFileInfo::exists(folder.filePath(candidate))) {
+        if (!isTaken(folder.filePath(candidate))) {
             return candidate;
         }
     }
@@ -204,8 +232,10 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
     }
     const std::optional<quint64> free = m_limits.freeSpace(m_directory);
     if (free && (*free < m_limits.freeSpaceMargin || *free - m_limits.freeSpaceMargin < message.size)) {
-        refuse(message.transferID, u"Not enough free space on this computer: %1 needed, %2 available."_s.arg(
-                                       sizeText(message.size), sizeText(*free)));
+        refuse(message.transferID,
+               u"Not enough free space on this computer: %1 needed (%2 for the file and %3 kept free), %4 available."_s
+                   .arg(sizeText(message.size + m_limits.freeSpaceMargin), sizeText(message.size),
+                        sizeText(m_limits.freeSpaceMargin), sizeText(*free)));
         return;
     }
     QDir folder(m_directory);
@@ -216,6 +246,8 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
         }
         QFile::setPermissions(m_directory, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
+
+    removeAbandonedPartialFiles(m_directory);
 
     Transfer transfer;
     transfer.offeredName = message.name.left(256);
@@ -230,6 +262,8 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
         return;
     }
     transfer.file->setPermissions(QFile::ReadOwner | QFile::WriteOwner);
+    // Held until the file is closed: it tells a later agent that this partial file is alive.
+    ::flock(transfer.file->handle(), LOCK_EX | LOCK_NB);
     log(u"receiving \"%1\" (%2) as \"%3\""_s.arg(transfer.offeredName, sizeText(message.size), transfer.savedName),
         u"TRANSFER"_s);
     const QString savedName = transfer.savedName;
@@ -287,23 +321,29 @@ void FileTransferReceiver::complete(const FileCompleteMessage& message) {
     const QDir folder(m_directory);
     const QByteArray temporary = QFile::encodeName(transfer.file->fileName());
     QString savedName = transfer.savedName;
-    for (int attempt = 0; attempt < 1000; ++attempt) {
+    bool saved = false;
+    for (int attempt = 0; attempt < 1000 && !saved; ++attempt) {
         const QByteArray target = QFile::encodeName(folder.filePath(savedName));
         if (::link(temporary.constData(), target.constData()) == 0) {
+            saved = true;
             break;
         }
         if (errno != EEXIST) {
             // No hard links on this file system: a rename after a check is the best left.
-            if (!QFileInfo::exists(folder.filePath(savedName)) &&
-                ::rename(temporary.constData(), target.constData()) == 0) {
+            if (!isTaken(folder.filePath(savedName)) && ::rename(temporary.constData(), target.constData()) == 0) {
+                saved = true;
                 break;
             }
-            if (errno != EEXIST && !QFileInfo::exists(folder.filePath(savedName))) {
+            if (errno != EEXIST && !isTaken(folder.filePath(savedName))) {
                 fail(message.transferID, u"The file cannot be saved: %1"_s.arg(QString::fromLocal8Bit(strerror(errno))));
                 return;
             }
         }
         savedName = uniqueFileName(m_directory, transfer.baseName);
+    }
+    if (!saved) {
+        fail(message.transferID, u"The file cannot be saved: no free name was found for it."_s);
+        return;
     }
     ::unlink(temporary.constData());
     transfer.file.reset();

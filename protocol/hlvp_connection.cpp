@@ -43,10 +43,15 @@ void HLVPConnection::connectToAgent(const QString& host, quint16 port, const QSt
             Q_EMIT closed();
         }
     });
+    if (!m_localAddress.isNull()) {
+        m_socket->bind(m_localAddress);
+    }
     m_socket->connectToHostEncrypted(host, port);
 }
 
 void HLVPConnection::onEncrypted() {
+    // Small messages go out at once (see the server side).
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     m_fingerprint = TlsIdentity::fingerprintOf(m_socket->peerCertificate());
     if (m_socket->sessionProtocol() != QSsl::TlsV1_3) {
         fail(u"the agent did not negotiate TLS 1.3"_s, protocolError);

@@ -4,6 +4,7 @@
 #include "hlvp_error.h"
 #include "hlvp_messages.h"
 
+#include <QHostAddress>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -27,6 +28,8 @@ public:
     ~HLVPConnection() override;
 
     void setFingerprintCheck(FingerprintCheck check) { m_fingerprintCheck = std::move(check); }
+    // The local address to connect from, on a machine with several; none: the system's choice.
+    void setLocalAddress(const QHostAddress& address) { m_localAddress = address; }
 
     // Connects and, once the agent is trusted, sends the handshake with `clientName`.
     void connectToAgent(const QString& host, quint16 port, const QString& clientName);
@@ -57,6 +60,7 @@ private:
 
     QPointer<QSslSocket> m_socket;
     FingerprintCheck m_fingerprintCheck;
+    QHostAddress m_localAddress;
     QString m_clientName;
     QString m_fingerprint;
     bool m_ready = false;

@@ -2,32 +2,46 @@
 
 #include <QSslServer>
 #include <QSslSocket>
+#include <QTimer>
 #include <QUuid>
-
+#include <algorithm>
+#include <limits>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
 
 // QSslServer that asks its owner before it starts TLS on a new descriptor, so that connections
-// over the limit are closed before any work is spent on them.
+// over the limit are closed before any work is spent on them, and hands the owner each admitted
+// socket at once: Qt announces a socket only once its first TLS bytes arrive, and a peer that
+// never sends them must still be counted.
 class TlsListener final : public QSslServer {
 public:
-    explicit TlsListener(std::function<bool(qintptr)> admit) : m_admit(std::move(admit)) {}
+    TlsListener(std::function<bool(qintptr)> admit, std::function<void(QSslSocket*)> admitted)
+        : m_admit(std::move(admit)), m_admitted(std::move(admitted)) {}
 
 protected:
     void incomingConnection(qintptr descriptor) override {
-        if (m_admit(descriptor)) {
-            QSslServer::incomingConnection(descriptor);
-        } else {
+        if (!m_admit(descriptor)) {
             ::close(static_cast<int>(descriptor));
+            return;
+        }
+        QSslServer::incomingConnection(descriptor);
+        const auto sockets = findChildren<QSslSocket*>(Qt::FindDirectChildrenOnly);
+        for (auto it = sockets.crbegin(); it != sockets.crend(); ++it) {
+            if ((*it)->socketDescriptor() == descriptor) {
+                m_admitted(*it);
+                return;
+            }
         }
     }
 
 private:
     std::function<bool(qintptr)> m_admit;
+    std::function<void(QSslSocket*)> m_admitted;
 };
 
 namespace {
@@ -40,6 +54,24 @@ QString peerOf(qintptr descriptor) {
     }
     QHostAddress address(reinterpret_cast<const sockaddr*>(&storage));
     return remoteHostKeyFor(address);
+}
+
+// Why a TLS negotiation ended, for the log; Qt leaves some of its errors without a text.
+QString describeTlsFailure(QSslSocket* socket, QAbstractSocket::SocketError error,
+                           std::chrono::milliseconds timeout) {
+    switch (error) {
+    case QAbstractSocket::RemoteHostClosedError:
+        return u"the peer closed the connection"_s;
+    case QAbstractSocket::SocketTimeoutError:
+        return u"TLS was not completed within %1 ms"_s.arg(timeout.count());
+    default:
+        break;
+    }
+    const QString text = socket->errorString();
+    if (text.isEmpty() || text == u"Unknown error"_s) {
+        return u"socket error %1"_s.arg(int(error));
+    }
+    return text;
 }
 
 std::shared_ptr<HLVPServerClient> makeClient(QSslSocket* socket, const HLVPServerClient::Settings& settings) {
@@ -58,6 +90,7 @@ HLVPServer::~HLVPServer() {
     // Dropped without stop(): connections end with the server object.
     m_onConnectionClosed = nullptr;
     m_onNewConnection = nullptr;
+    abortNegotiations();
     for (const auto& client : std::as_const(m_clients)) {
         client->QObject::disconnect(this);
     }
@@ -123,17 +156,20 @@ void HLVPServer::start(QObject* context, StartCompletion completion) {
     configuration.setPrivateKey(m_identity->privateKey);
     configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
 
-    m_listener = std::make_unique<TlsListener>([this](qintptr descriptor) { return admitConnection(descriptor); });
+    m_listener =
+        std::make_unique<TlsListener>([this](qintptr descriptor) { return admitConnection(descriptor); },
+                                      [this](QSslSocket* socket) { beginNegotiation(socket); });
     m_listener->setSslConfiguration(configuration);
-    m_listener->setHandshakeTimeout(static_cast<int>(m_options.tlsHandshakeTimeout.count()));
-    m_listener->setMaxPendingConnections(m_maxConnections);
-    connect(m_listener.get(), &QSslServer::startedEncryptionHandshake, this,
-            [this](QSslSocket* socket) { m_negotiating.append(socket); });
+    // The server keeps its own TLS deadline so that it can say whose negotiation ran out; Qt's own
+    // is only a backstop behind it.
+    m_listener->setHandshakeTimeout(static_cast<int>(2 * m_options.tlsHandshakeTimeout.count() + 1000));
+    // Qt counts sockets still negotiating TLS as pending and stops accepting at its limit, but
+    // resumes only on its own time-out path: connections that fail or close early would shut the
+    // door for good. Admission is counted here instead, and accepted sockets are taken at once.
+    m_listener->setMaxPendingConnections(std::numeric_limits<int>::max());
     connect(m_listener.get(), &QSslServer::errorOccurred, this,
-            [this](QSslSocket* socket, QAbstractSocket::SocketError) {
-                log(u"TLS negotiation with %1 failed: %2"_s.arg(remoteHostKeyFor(socket->peerAddress()),
-                                                                socket->errorString()),
-                    u"TLS"_s);
+            [this](QSslSocket* socket, QAbstractSocket::SocketError error) {
+                endNegotiation(socket, describeTlsFailure(socket, error, m_options.tlsHandshakeTimeout));
             });
     connect(m_listener.get(), &QSslServer::pendingConnectionAvailable, this,
             &HLVPServer::acceptPendingConnections);
@@ -174,17 +210,26 @@ void HLVPServer::start(QObject* context, StartCompletion completion) {
     setRunning(true);
 }
 
+void HLVPServer::abortNegotiations() {
+    // Silently: these negotiations are ended by the server itself, not by their peers.
+    if (m_listener) {
+        m_listener->QObject::disconnect(this);
+    }
+    const auto negotiating = std::exchange(m_negotiating, {});
+    for (const auto& negotiation : negotiating) {
+        if (negotiation.socket) {
+            QObject::disconnect(negotiation.socket, nullptr, this, nullptr);
+            negotiation.socket->abort();
+        }
+    }
+}
+
 void HLVPServer::stop() {
+    abortNegotiations();
     if (m_listener) {
         m_listener->close();
         m_listener.reset();
     }
-    for (const auto& socket : std::as_const(m_negotiating)) {
-        if (socket) {
-            socket->abort();
-        }
-    }
-    m_negotiating.clear();
     const auto clients = m_clients;
     for (const auto& client : clients) {
         client->disconnect();
@@ -193,20 +238,69 @@ void HLVPServer::stop() {
 }
 
 int HLVPServer::openConnectionCount() {
-    m_negotiating.removeIf([](const QPointer<QSslSocket>& socket) {
-        return socket.isNull() || socket->state() == QAbstractSocket::UnconnectedState;
+    m_negotiating.removeIf([](const Negotiation& negotiation) {
+        return negotiation.socket.isNull() ||
+               negotiation.socket->state() == QAbstractSocket::UnconnectedState;
     });
     return static_cast<int>(m_negotiating.size() + m_clients.size());
 }
 
+int HLVPServer::unauthenticatedCountFrom(const QString& host) {
+    openConnectionCount(); // drops the negotiations that have ended
+    const auto negotiating =
+        std::count_if(m_negotiating.cbegin(), m_negotiating.cend(),
+                      [&](const Negotiation& negotiation) { return negotiation.host == host; });
+    const auto clients = std::count_if(m_clients.cbegin(), m_clients.cend(), [&](const auto& client) {
+        return client->remoteHostKey() == host &&
+               client->connectionState() != HLVP::ConnectionState::authenticated &&
+               client->connectionState() != HLVP::ConnectionState::disconnected;
+    });
+    return static_cast<int>(negotiating + clients);
+}
+
 bool HLVPServer::admitConnection(qintptr descriptor) {
-    if (openConnectionCount() < m_maxConnections) {
-        return true;
+    if (openConnectionCount() >= m_maxConnections) {
+        log(u"Connection limit of %1 reached; refused a connection from %2"_s.arg(m_maxConnections)
+                .arg(peerOf(descriptor)),
+            u"SECURITY"_s);
+        return false;
     }
-    log(u"Connection limit of %1 reached; refused a connection from %2"_s.arg(m_maxConnections)
-            .arg(peerOf(descriptor)),
-        u"SECURITY"_s);
-    return false;
+    const QString host = peerOf(descriptor);
+    if (unauthenticatedCountFrom(host) >= m_options.maxUnauthenticatedPerHost) {
+        log(u"%1 already has %2 connections that have not signed in; refused another"_s.arg(host).arg(
+                m_options.maxUnauthenticatedPerHost),
+            u"SECURITY"_s);
+        return false;
+    }
+    return true;
+}
+
+void HLVPServer::beginNegotiation(QSslSocket* socket) {
+    m_negotiating.append({socket, remoteHostKeyFor(socket->peerAddress())});
+    // Qt drops a peer that closes, or sends something other than TLS, without an error of its own.
+    connect(socket, &QAbstractSocket::disconnected, this,
+            [this, socket] { endNegotiation(socket, u"the connection closed before TLS completed"_s); });
+    QTimer::singleShot(m_options.tlsHandshakeTimeout, socket, [this, socket] {
+        if (!socket->isEncrypted()) {
+            endNegotiation(
+                socket, u"TLS was not completed within %1 ms"_s.arg(m_options.tlsHandshakeTimeout.count()));
+            socket->abort();
+        }
+    });
+}
+
+void HLVPServer::endNegotiation(QSslSocket* socket, const QString& reason) {
+    const auto found =
+        std::find_if(m_negotiating.begin(), m_negotiating.end(),
+                     [&](const Negotiation& negotiation) { return negotiation.socket == socket; });
+    if (found == m_negotiating.end()) {
+        return; // already ended and said so
+    }
+    log(u"TLS negotiation with %1 failed: %2"_s.arg(found->host, reason), u"TLS"_s);
+    m_negotiating.erase(found);
+    if (m_listener) {
+        m_listener->resumeAccepting();
+    }
 }
 
 void HLVPServer::acceptPendingConnections() {
@@ -215,7 +309,11 @@ void HLVPServer::acceptPendingConnections() {
         if (socket == nullptr) {
             continue;
         }
-        m_negotiating.removeAll(socket);
+        m_negotiating.removeIf([&](const Negotiation& negotiation) { return negotiation.socket == socket; });
+        QObject::disconnect(socket, nullptr, this, nullptr);
+        // Answers are small and often followed at once by another message: Nagle's algorithm
+        // would hold the second until the viewer's delayed acknowledgement.
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         auto client = makeClient(socket, m_options.client);
         const QString key = client->clientKey();
         client->setLogFunction(m_log);

@@ -21,7 +21,9 @@ namespace tellwyn {
 class TlsListener;
 
 // The listening HLVP server: TLS 1.3 only, at most `maxConnections` open connections counting
-// those still negotiating TLS. Lives on the main thread; callbacks are made there.
+// those still negotiating TLS, and at most `maxUnauthenticatedPerHost` of them from one address
+// that are not signed in. The server does its own admission: Qt's pending-connection limit is
+// never what stops it accepting. Lives on the main thread; callbacks are made there.
 class HLVPServer : public QObject {
     Q_OBJECT
 public:
@@ -30,7 +32,10 @@ public:
         QHostAddress listenAddress = QHostAddress::Any;
         QString identityName = QStringLiteral("TellwynAgent");
         std::chrono::milliseconds tlsHandshakeTimeout{10000};
-        HLVPServerClient::Settings client;       // name, version and limits of each connection
+        // Connections from one address still negotiating TLS or not yet signed in; more are closed
+        // before TLS starts, so that one host cannot take every slot.
+        int maxUnauthenticatedPerHost = 16;
+        HLVPServerClient::Settings client; // name, version and limits of each connection
     };
 
     using NewConnectionHandler = std::function<void(std::shared_ptr<HLVPServerClient>, const QString&)>;
@@ -64,9 +69,19 @@ private:
     void log(const QString& message, const QString& category) const;
     void setRunning(bool running);
     bool admitConnection(qintptr descriptor);
+    void beginNegotiation(QSslSocket* socket);
+    void abortNegotiations();
+    void endNegotiation(QSslSocket* socket, const QString& reason);
     void acceptPendingConnections();
     void onClientStateChanged(const QString& key, HLVP::ConnectionState state);
     int openConnectionCount();
+    int unauthenticatedCountFrom(const QString& host);
+
+    // A connection still negotiating TLS, with its address taken while it was known.
+    struct Negotiation {
+        QPointer<QSslSocket> socket;
+        QString host;
+    };
 
     quint16 m_port;
     int m_maxConnections;
@@ -76,7 +91,7 @@ private:
     ConnectionClosedHandler m_onConnectionClosed;
     std::unique_ptr<TlsListener> m_listener;
     std::optional<TlsIdentity> m_identity;
-    QList<QPointer<QSslSocket>> m_negotiating;
+    QList<Negotiation> m_negotiating;
     QMap<QString, std::shared_ptr<HLVPServerClient>> m_clients;
     bool m_isRunning = false;
 };

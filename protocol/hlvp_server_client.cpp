@@ -2,6 +2,8 @@
 
 #include "file_transfer_receiver.h"
 #include "hlvp_codec.h"
+
+#include "account_verifier.h"
 #include "system_clipboard.h"
 
 #include <QSslSocket>
@@ -283,6 +285,9 @@ void HLVPServerClient::readFrames() {
             return;
         }
         HLVPMessage message = std::get<HLVPMessage>(std::move(decoded));
+        if (std::holds_alternative<AuthenticationMessage>(message)) {
+            wipeSecret(read.body); // the password's bytes as they came off the wire
+        }
         if (!takeFrameToken(std::holds_alternative<FileChunkMessage>(message))) {
             closeForProtocolError(u"rateLimited"_s,
                                   u"more than %1 messages per second"_s.arg(

@@ -7,7 +7,19 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/setup.sh" build test package
 jobs="$(nproc)"
 
-cmake -S "$root" -B "$root/build/test-run" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+# The tree is formatted by the checked-in .clang-format; a change it would make fails the run.
+(cd "$root" && git ls-files -z '*.cpp' '*.h' '*.c' | xargs -0 clang-format --dry-run --Werror) || {
+    echo "FAIL: clang-format would change the files above; run: git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format -i" >&2
+    exit 1
+}
+
+# A compiler cache, where one is installed, makes repeated runs quick.
+launcher=()
+if command -v ccache >/dev/null; then
+    launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+
+cmake -S "$root" -B "$root/build/test-run" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" >/dev/null
 cmake --build "$root/build/test-run" -j "$jobs"
 
 # The command-line viewer runs on machines without a desktop: it must not load Qt Gui, Qt D-Bus
@@ -23,7 +35,8 @@ fi
 
 (cd "$root/build/test-run" && ctest --output-on-failure -j "$jobs")
 
-cmake -S "$root" -B "$root/build/sanitize" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTELLWYN_SANITIZE=ON >/dev/null
+cmake -S "$root" -B "$root/build/sanitize" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTELLWYN_SANITIZE=ON "${launcher[@]}" \
+    >/dev/null
 cmake --build "$root/build/sanitize" -j "$jobs" --target unit_tests
 (cd "$root/build/sanitize" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     ctest --output-on-failure -j "$jobs" -L unit)

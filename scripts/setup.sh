@@ -5,7 +5,7 @@ set -euo pipefail
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools libgl-dev libssl-dev libpam0g-dev
                 libxcb1-dev libxcb-randr0-dev qtkeychain-qt6-dev libavahi-client-dev qt6-svg-dev polkitd libqt6svg6)
-test_packages=(openssl python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
+test_packages=(openssl clang-format python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
                xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2
                haskell-gtk-sni-tray-utils libglib2.0-bin qt6-qpa-plugins python3-pil
                at-spi2-core python3-pyatspi gir1.2-atspi-2.0 imagemagick)
@@ -83,6 +83,12 @@ for group in "$@"; do
                 need_root "install $rule"
                 echo "setup.sh: installing $rule"
                 "${as_root[@]}" install -m 0644 "$root/tests/integration/polkit/49-tellwyn-test.rules" "$rule"
+            fi
+            # A PAM service that refuses by remote host, for the test of what the agent tells PAM.
+            if ! cmp -s "$root/tests/integration/pam/tellwyn-test-by-host" /etc/pam.d/tellwyn-test-by-host; then
+                need_root "install /etc/pam.d/tellwyn-test-by-host"
+                "${as_root[@]}" install -m 0644 "$root/tests/integration/pam/tellwyn-test-by-host" \
+                    /etc/pam.d/tellwyn-test-by-host
             fi
             ;;
     esac

@@ -1,6 +1,7 @@
 #include "update_command.h"
 
 #include "download_session.h"
+#include "server_log_manager.h"
 #include "update_texts.h"
 
 #include <QNetworkAccessManager>
@@ -9,6 +10,16 @@
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
+
+namespace {
+
+// Texts the update server chose (feed, notes, file names, error texts) reach the terminal with
+// their control characters escaped, so that they cannot move the cursor or forge other lines.
+QString fromServer(const QString& text) {
+    return ServerLogManager::escapeControlCharacters(text);
+}
+
+} // namespace
 
 namespace {
 
@@ -107,19 +118,23 @@ void TerminalUpdateCommand::showUpToDateAlert() {
 }
 
 void TerminalUpdateCommand::showCheckFailedAlert(const QString& message) {
-    print(m_err, localizedText("Couldn't Check for Updates") + u'\n' + message + u'\n');
+    print(m_err, localizedText("Couldn't Check for Updates") + u'\n' + fromServer(message) + u'\n');
     end(UpdateCommandExit::checkFailed);
 }
 
 void TerminalUpdateCommand::presentUpdateDownload(const UpdateDownloadPresentation& presentation) {
     QString text =
         localizedText("Update Available") + u'\n' +
-        localizedText("Version %1 is ready to download.").arg(presentation.info.version) +
+        localizedText("Version %1 is ready to download.").arg(fromServer(presentation.info.version)) +
         u'\n';
     if (presentation.info.releaseNotes && !presentation.info.releaseNotes->isEmpty()) {
-        text += localizedText("Release Notes") + u'\n' + *presentation.info.releaseNotes + u'\n';
+        QStringList lines = presentation.info.releaseNotes->split(u'\n');
+        for (QString& line : lines) {
+            line = fromServer(line);
+        }
+        text += localizedText("Release Notes") + u'\n' + lines.join(u'\n') + u'\n';
     }
-    text += presentation.fileURL.toString() + u'\n';
+    text += presentation.fileURL.toString(QUrl::FullyEncoded) + u'\n';
     print(m_out, text);
     if (!m_options.download) {
         end(UpdateCommandExit::updateAvailable);
@@ -148,11 +163,11 @@ void TerminalUpdateCommand::onPhaseChanged() {
         return;
     case Kind::finished:
         drawProgress(true);
-        print(m_out, localizedText("Download complete") + u'\n' + phase.fileURL.toLocalFile() + u'\n');
+        print(m_out, localizedText("Download complete") + u'\n' + fromServer(phase.fileURL.toLocalFile()) + u'\n');
         end(UpdateCommandExit::downloaded);
         return;
     case Kind::failed:
-        print(m_err, localizedText("Download failed") + u'\n' + phase.message + u'\n');
+        print(m_err, localizedText("Download failed") + u'\n' + fromServer(phase.message) + u'\n');
         end(UpdateCommandExit::downloadFailed);
         return;
     case Kind::cancelled:

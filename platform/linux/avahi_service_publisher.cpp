@@ -97,7 +97,7 @@ private:
             }
             break;
         case AVAHI_ENTRY_GROUP_COLLISION:
-            // Someone else announces this name: move on to the next alternative, as Bonjour does.
+            // Someone else announces this name: move on to the next alternative name.
             nextName();
             avahi_entry_group_reset(group);
             addService(avahi_entry_group_get_client(group));

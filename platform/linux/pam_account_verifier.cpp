@@ -50,13 +50,19 @@ void noFailDelay(int, unsigned, void*) {}
 
 } // namespace
 
-PamAccountVerifier::PamAccountVerifier(QString pamDirectory) : m_pamDirectory(std::move(pamDirectory)) {}
+PamAccountVerifier::PamAccountVerifier(QString pamDirectory, QString service)
+    : m_pamDirectory(std::move(pamDirectory)), m_service(std::move(service)) {
+}
 
 QString PamAccountVerifier::serviceName() const {
+    if (!m_service.isEmpty()) {
+        return m_service;
+    }
     return QFileInfo::exists(m_pamDirectory + u"/tellwyn-agent"_s) ? u"tellwyn-agent"_s : u"login"_s;
 }
 
-AccountVerifier::Result PamAccountVerifier::verifyPassword(const QString& userName, const QString& password) {
+AccountVerifier::Result PamAccountVerifier::verifyPassword(const QString& userName, const QString& password,
+                                                           const QString& remoteHost) {
     QByteArray secret = password.toUtf8();
     Conversation conversation{&secret};
     const pam_conv conv{&converse, &conversation};
@@ -70,6 +76,11 @@ AccountVerifier::Result PamAccountVerifier::verifyPassword(const QString& userNa
         return {false, QString::fromUtf8(pam_strerror(handle, status))};
     }
     pam_set_item(handle, PAM_FAIL_DELAY, reinterpret_cast<const void*>(&noFailDelay));
+    const QByteArray host = remoteHost.toUtf8();
+    if (!host.isEmpty()) {
+        pam_set_item(handle, PAM_RHOST, host.constData());
+    }
+    pam_set_item(handle, PAM_TTY, "tellwyn");
     status = pam_authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
     if (status == PAM_SUCCESS) {
         status = pam_acct_mgmt(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);

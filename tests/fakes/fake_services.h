@@ -21,10 +21,12 @@ namespace tellwyn::testing {
 // authentication queue's thread) until the test calls release().
 class FakeAccountVerifier final : public AccountVerifier {
 public:
-    Result verifyPassword(const QString& userName, const QString& password) override {
+    Result verifyPassword(const QString& userName, const QString& password,
+                          const QString& remoteHost) override {
         {
             QMutexLocker locker(&m_lock);
             m_checkedUsers.append(userName);
+            m_checkedHosts.append(remoteHost);
         }
         ++m_started;
         if (holdChecks) {
@@ -44,6 +46,10 @@ public:
         QMutexLocker locker(&m_lock);
         return m_checkedUsers;
     }
+    QStringList checkedHosts() const {
+        QMutexLocker locker(&m_lock);
+        return m_checkedHosts;
+    }
 
     QHash<QString, QString> passwords{{QStringLiteral("alice"), QStringLiteral("correct horse")}};
     std::atomic<bool> holdChecks = false;
@@ -51,6 +57,7 @@ public:
 private:
     mutable QMutex m_lock;
     QStringList m_checkedUsers;
+    QStringList m_checkedHosts;
     QSemaphore m_gate;
     std::atomic<int> m_started = 0;
 };

@@ -43,11 +43,13 @@ bool LoopbackAgent::start() {
     return started && manager->serverState().isRunning;
 }
 
-std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional<QString>& name) {
+std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional<QString>& name,
+                                                             const QString& from) {
     auto viewer = std::make_unique<LoopbackViewer>();
     const QStringList before = manager->serverState().connectedClients.keys();
     if (name) {
         QSignalSpy ready(viewer->connection.get(), &HLVPConnection::ready);
+        viewer->connection->setLocalAddress(QHostAddress(from));
         viewer->connection->connectToAgent(u"127.0.0.1"_s, port, *name);
         if (!ready.wait(5000)) {
             return nullptr;
@@ -55,6 +57,7 @@ std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional
     } else {
         auto* socket = new QSslSocket(viewer->connection.get());
         socket->setPeerVerifyMode(QSslSocket::VerifyNone);
+        socket->bind(QHostAddress(from));
         QSignalSpy encrypted(socket, &QSslSocket::encrypted);
         socket->connectToHostEncrypted(u"127.0.0.1"_s, port);
         // The agent runs on this thread: wait with the event loop running.

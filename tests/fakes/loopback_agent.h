@@ -49,8 +49,10 @@ public:
     bool start();
 
     // Connects a viewer and waits until the agent has registered it. With a name the viewer
-    // hand-shakes first; without one it only completes TLS and stays silent.
-    std::unique_ptr<LoopbackViewer> connectViewer(const std::optional<QString>& name);
+    // hand-shakes first; without one it only completes TLS and stays silent. `from` is the
+    // loopback address the viewer connects from (any of 127.0.0.0/8).
+    std::unique_ptr<LoopbackViewer> connectViewer(const std::optional<QString>& name,
+                                                  const QString& from = QStringLiteral("127.0.0.1"));
     // Sends a password sign-in from `viewer`.
     static void signIn(LoopbackViewer& viewer, const QString& user, const QString& password);
 

@@ -28,8 +28,9 @@ def frame(message):
 
 
 class HLVPClient:
-    def __init__(self, port, host="127.0.0.1", timeout=10.0):
-        raw = socket.create_connection((host, port), timeout=timeout)
+    def __init__(self, port, host="127.0.0.1", timeout=10.0, source=None):
+        raw = socket.create_connection((host, port), timeout=timeout,
+                                       source_address=(source, 0) if source else None)
         self.sock = tls_context().wrap_socket(raw, server_hostname=host)
         self.fingerprint = fingerprint_of(self.sock.getpeercert(binary_form=True))
         self._buffer = b""

@@ -203,7 +203,7 @@ class AdvertisementTest(unittest.TestCase):
 
     def test_running_agent_is_advertised_and_withdrawn_when_it_stops(self):
         agent = self.start_agent()
-        agent.wait_for_log("BONJOUR", "Started Bonjour service publishing")
+        agent.wait_for_log("DNS-SD", "Started DNS-SD service publishing")
         seen = self.avahi.wait_for(lambda s: self.name in s, self.name)
 
         host, address, port, txt = seen[self.name]
@@ -213,7 +213,7 @@ class AdvertisementTest(unittest.TestCase):
         self.assertEqual(list(seen), [self.name])
 
         self.assertEqual(agent.stop(), 0)
-        self.assertIn(("BONJOUR", "Stopped Bonjour service publishing"), agent.log())
+        self.assertIn(("DNS-SD", "Stopped DNS-SD service publishing"), agent.log())
         self.avahi.wait_for(lambda s: self.name not in s, "the advertisement to go")
 
     def test_the_agent_is_advertised_again_after_the_daemon_restarts(self):
@@ -327,12 +327,12 @@ class NoResponderTest(unittest.TestCase):
             try:
                 with Agent() as agent:
                     agent.wait_until_running()
-                    agent.wait_for_log("BONJOUR", "Started Bonjour service publishing")
+                    agent.wait_for_log("DNS-SD", "Started DNS-SD service publishing")
                     with socket.create_connection(("127.0.0.1", agent.port), timeout=5):
                         pass
                     self.assertIsNone(agent.process.poll())
                     self.assertEqual(agent.stop(), 0)
-                    self.assertIn(("BONJOUR", "Stopped Bonjour service publishing"), agent.log())
+                    self.assertIn(("DNS-SD", "Stopped DNS-SD service publishing"), agent.log())
             finally:
                 os.environ.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
 

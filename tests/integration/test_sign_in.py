@@ -38,9 +38,9 @@ class SignInTest(unittest.TestCase):
     def test_refusals_reach_the_viewer_and_repeated_failures_are_blocked(self):
         code, _, err = self.stats(TEST_USER, "not the password")
         self.assertEqual(code, 6)
-        self.assertIn("tellwyn: sign-in refused: Invalid macOS account credentials", err)
+        self.assertIn("tellwyn: sign-in refused: Invalid credentials for this computer's account", err)
         # PAM's own text explains the failure in the log; the password never appears.
-        self.agent.wait_for_log("AUTH", f"macOS account credential validation failed for user '{TEST_USER}'")
+        self.agent.wait_for_log("AUTH", f"Computer account credential validation failed for user '{TEST_USER}'")
         failures = [m for c, m in self.agent.log()
                     if c == "AUTH" and m.startswith(f"System authentication failed for user {TEST_USER}: ")]
         self.assertEqual(len(failures), 1)

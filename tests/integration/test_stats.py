@@ -3,7 +3,6 @@ one at once and the next about 10 s later, with this machine's own figures."""
 import datetime
 import json
 import os
-import random
 import signal
 import subprocess
 import threading
@@ -153,17 +152,18 @@ class StatsWithDisplayTest(unittest.TestCase):
     """With an X server the record counts its screens and says whether capture and input work."""
 
     def setUp(self):
-        self.display = f":{random.randrange(400, 600)}"
-        self.xvfb = subprocess.Popen(["Xvfb", self.display, "-screen", "0", "1280x800x24", "-nolisten", "tcp"],
+        # Xvfb picks a free display and says which once it accepts connections.
+        read_end, write_end = os.pipe()
+        self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1280x800x24",
+                                      "-nolisten", "tcp", "-noreset"], pass_fds=(write_end,),
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
         self.addCleanup(self.xvfb.wait, 10)
         self.addCleanup(self.xvfb.kill)
-        socket_path = f"/tmp/.X11-unix/X{self.display[1:]}"
-        deadline = time.monotonic() + 10
-        while not os.path.exists(socket_path):
-            self.assertIsNone(self.xvfb.poll(), "Xvfb did not start")
-            self.assertLess(time.monotonic(), deadline, "Xvfb did not start")
-            time.sleep(0.05)
+        with os.fdopen(read_end) as chosen:
+            number = chosen.readline().strip()
+        self.assertTrue(number, "Xvfb did not start")
+        self.display = ":" + number
         self.agent = Agent(user=TEST_USER, display=self.display)
         self.addCleanup(self.agent.close)
         self.agent.wait_until_running()

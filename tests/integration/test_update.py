@@ -206,11 +206,13 @@ class UpdateCheckTest(UpdateTestCase):
 
     def test_update_available_over_https_from_the_environment_setting(self):
         link = self.http.url("/pkg/TellwynAgent_9.deb")
-        self.https.routes["/feed.txt"] = lambda h: h.reply(200, f"\n {self.newer}|Major|New dashboard|{link}\n".encode())
+        # Terminal escapes in the server's notes reach the terminal escaped, never as escapes.
+        self.https.routes["/feed.txt"] = lambda h: h.reply(
+            200, f"\n {self.newer}|Major|New \x1b[2Jdashboard|{link}\n".encode())
         code, out, err = self.check(TELLWYN_UPDATE_FEED_URL=self.https.url("/feed.txt"))
         self.assertEqual(code, 3, err)
         self.assertEqual(out, ["Update Available", f"Version {self.newer} is ready to download.",
-                               "Release Notes", "New dashboard", link])
+                               "Release Notes", "New \\x1b[2Jdashboard", link])
 
 
 class InstallerDownloadTest(UpdateTestCase):

@@ -152,7 +152,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("reasonPart");
         QTest::newRow("transfers off") << false << quint64(10) << quint64(1) << u"switched off"_s;
         QTest::newRow("over the maximum") << true << quint64(2000) << quint64(1) << u"larger than"_s;
-        QTest::newRow("no room") << true << quint64(500) << quint64(0) << u"Not enough free space"_s;
+        // The margin is part of what is needed, so the numbers never read as a contradiction.
+        QTest::newRow("no room") << true << quint64(500) << quint64(1)
+                                 << u"Not enough free space on this computer: 600 bytes needed (500 bytes for the file "
+                                    u"and 100 bytes kept free), 550 bytes available."_s;
     }
 
     void refusalsComeBeforeAnyByteIsWritten() {
@@ -226,6 +229,44 @@ private Q_SLOTS:
                  QFileDevice::Permissions());
         QCOMPARE(QFileInfo(QDir(folder).filePath(u"a.txt"_s)).permissions() & (QFile::ReadGroup | QFile::ReadOther),
                  QFileDevice::Permissions());
+    }
+
+    // A partial file left by an agent that died is removed at the next offer; one that a live
+    // transfer is writing is not.
+    void partialFilesOfDeadTransfersAreRemoved() {
+        makeReceiver({});
+        receiver->configure(true, folder);
+        QVERIFY(QDir().mkpath(folder));
+        QFile abandoned(folder + u"/.tellwyn-upload-0123.part"_s);
+        QVERIFY(abandoned.open(QIODevice::WriteOnly));
+        abandoned.close();
+        receiver->handle(FileOfferMessage{u"live"_s, u"live.bin"_s, 8, {}});
+        QVERIFY(last<FileAcceptMessage>());
+        QVERIFY(!abandoned.exists());
+        const QStringList live = QDir(folder).entryList({u".tellwyn-upload-*.part"_s}, QDir::Files | QDir::Hidden);
+        QCOMPARE(live.size(), 1);
+
+        FileTransferReceiver other([](const HLVPMessage&) {}, {}, {});
+        other.configure(true, folder);
+        other.handle(FileOfferMessage{u"second"_s, u"second.bin"_s, 8, {}});
+        QVERIFY(QFile::exists(folder + u'/' + live.constFirst()));
+    }
+
+    // A dangling symbolic link holds its name: the file gets another name and is really there.
+    void aDanglingLinkWithTheFilesNameIsNotOverwrittenNorReportedAsTheFile() {
+        makeReceiver({});
+        receiver->configure(true, folder);
+        QVERIFY(QDir().mkpath(folder));
+        QVERIFY(QFile::link(folder + u"/nowhere"_s, folder + u"/report.txt"_s));
+        receiver->handle(FileOfferMessage{u"d"_s, u"report.txt"_s, 4, {}});
+        receiver->handle(FileChunkMessage{u"d"_s, 0, "data", {}});
+        receiver->handle(FileCompleteMessage{u"d"_s, sha256("data"), {}});
+        const auto* result = last<FileResultMessage>();
+        QVERIFY(result && result->success);
+        QCOMPARE(result->savedName, std::optional<QString>(u"report (1).txt"_s));
+        QFile saved(folder + u"/report (1).txt"_s);
+        QVERIFY(saved.open(QIODevice::ReadOnly));
+        QCOMPARE(saved.readAll(), QByteArray("data"));
     }
 };
 

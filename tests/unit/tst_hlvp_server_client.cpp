@@ -8,10 +8,12 @@
 
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 #include <csignal>
 #include <memory>
+#include <sys/socket.h>
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
@@ -179,6 +181,123 @@ private Q_SLOTS:
         ::kill(pid_t(peer.processId()), SIGCONT);
         peer.kill();
         peer.waitForFinished();
+    }
+
+    // Connections that end, or stay silent, before TLS completes never keep the door shut, and
+    // the log says whose negotiation ended and why.
+    void theDoorStaysOpenWhateverHappensBeforeTls_data() {
+        QTest::addColumn<int>("count");
+        QTest::addColumn<QString>("ending");
+        for (const int count : {32, 33, 40}) {
+            for (const char* ending : {"close", "reset", "garbage", "idle"}) {
+                QTest::addRow("%d %s", count, ending) << count << QString::fromLatin1(ending);
+            }
+        }
+    }
+
+    void theDoorStaysOpenWhateverHappensBeforeTls() {
+        QFETCH(int, count);
+        QFETCH(QString, ending);
+        HLVPServer::Options options;
+        options.identityDirectory = identity.path();
+        options.listenAddress = QHostAddress::LocalHost;
+        options.tlsHandshakeTimeout = std::chrono::milliseconds(500);
+        options.maxUnauthenticatedPerHost = 64;
+        server = std::make_unique<HLVPServer>(freeLoopbackPort(), 32, options);
+        server->setLogFunction([this](const QString& line, const QString& category) {
+            libraryLines.append(u"[%1] %2"_s.arg(category, line));
+        });
+        bool started = false;
+        server->start(this, [&](const std::optional<HLVPError>& error) { started = !error; });
+        QTRY_VERIFY(started);
+
+        std::vector<std::unique_ptr<QTcpSocket>> peers;
+        for (int i = 0; i < count; ++i) {
+            peers.push_back(std::make_unique<QTcpSocket>());
+            peers.back()->connectToHost(QHostAddress::LocalHost, server->port());
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(std::all_of(peers.cbegin(), peers.cend(),
+                                             [](const auto& peer) {
+                                                 return peer->state() != QAbstractSocket::HostLookupState &&
+                                                        peer->state() != QAbstractSocket::ConnectingState;
+                                             }),
+                                 60000);
+        // Every connection reaches the server: the ones over the limit are refused by name.
+        QTRY_COMPARE_WITH_TIMEOUT(libraryLines.filter(u"Connection limit of 32 reached"_s).size(), count - 32,
+                                  60000);
+        QTest::qWait(200);
+        for (const auto& peer : peers) {
+            if (ending == u"close"_s) {
+                peer->close();
+            } else if (ending == u"reset"_s) {
+                const linger abortive{1, 0};
+                ::setsockopt(int(peer->socketDescriptor()), SOL_SOCKET, SO_LINGER, &abortive,
+                             sizeof abortive);
+                peer->abort();
+            } else if (ending == u"garbage"_s) {
+                peer->write(QByteArray("GET / HTTP/1.0\r\n\r\n") + QByteArray(512, '\x17'));
+            }
+        }
+
+        // Each ended negotiation is logged once; then the slots are free again.
+        QTRY_COMPARE_WITH_TIMEOUT(libraryLines.filter(u"[TLS] "_s).size(), 32, 60000);
+        auto viewer = std::make_unique<HLVPConnection>();
+        QSignalSpy ready(viewer.get(), &HLVPConnection::ready);
+        viewer->connectToAgent(u"127.0.0.1"_s, server->port(), u"Late Viewer"_s);
+        QVERIFY2(ready.wait(60000), qPrintable(libraryLines.join(u'\n')));
+
+        const QStringList tlsLines = libraryLines.filter(u"[TLS] "_s);
+        for (const QString& line : tlsLines) {
+            QVERIFY2(line.startsWith(u"[TLS] TLS negotiation with 127.0.0.1 failed: "_s), qPrintable(line));
+            QVERIFY2(!line.endsWith(u"Unknown error"_s), qPrintable(line));
+        }
+        if (ending == u"idle"_s) {
+            QVERIFY(tlsLines.contains(
+                u"[TLS] TLS negotiation with 127.0.0.1 failed: TLS was not completed within "
+                u"500 ms"_s));
+        }
+    }
+
+    // One address may hold only its share of connections that have not signed in; signing in
+    // frees its slot, and other addresses are not affected.
+    void oneHostHoldsOnlyItsShareOfSlotsBeforeSignIn() {
+        HLVPServer::Options options;
+        options.identityDirectory = identity.path();
+        options.listenAddress = QHostAddress::LocalHost;
+        options.maxUnauthenticatedPerHost = 3;
+        server = std::make_unique<HLVPServer>(freeLoopbackPort(), 32, options);
+        server->setLogFunction([this](const QString& line, const QString& category) {
+            libraryLines.append(u"[%1] %2"_s.arg(category, line));
+        });
+        server->setOnNewConnection([this](const std::shared_ptr<HLVPServerClient>& client, const QString&) {
+            accepted.append(client);
+        });
+        bool started = false;
+        server->start(this, [&](const std::optional<HLVPError>& error) { started = !error; });
+        QTRY_VERIFY(started);
+        const auto connectFrom = [this](const QString& from) -> std::unique_ptr<HLVPConnection> {
+            auto viewer = std::make_unique<HLVPConnection>();
+            QSignalSpy ready(viewer.get(), &HLVPConnection::ready);
+            QSignalSpy closed(viewer.get(), &HLVPConnection::closed);
+            viewer->setLocalAddress(QHostAddress(from));
+            viewer->connectToAgent(u"127.0.0.1"_s, server->port(), u"Viewer"_s);
+            if (!QTest::qWaitFor([&] { return !ready.isEmpty() || !closed.isEmpty(); }, 60000) ||
+                ready.isEmpty()) {
+                return nullptr;
+            }
+            return viewer;
+        };
+        std::vector<std::unique_ptr<HLVPConnection>> held;
+        for (int i = 0; i < 3; ++i) {
+            held.push_back(connectFrom(u"127.0.0.1"_s));
+            QVERIFY(held.back());
+        }
+        QVERIFY(!connectFrom(u"127.0.0.1"_s));
+        QVERIFY(libraryLines.contains(
+            u"[SECURITY] 127.0.0.1 already has 3 connections that have not signed in; refused another"_s));
+        QVERIFY(connectFrom(u"127.0.0.2"_s));
+        QVERIFY(accepted.constFirst()->markAuthenticated());
+        QVERIFY(connectFrom(u"127.0.0.1"_s));
     }
 };
 

@@ -2,8 +2,11 @@
 #include "server_log_manager.h"
 #include "virtual_time.h"
 
+#include <QTemporaryFile>
 #include <QTest>
 #include <QThread>
+#include <cstdio>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
@@ -46,8 +49,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("category");
         QTest::addColumn<QString>("message");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("ordinary") << u"BONJOUR"_s << u"Started Bonjour service publishing"_s
-                                  << u"[3:04:05 PM] [BONJOUR] Started Bonjour service publishing"_s;
+        QTest::newRow("ordinary") << u"DNS-SD"_s << u"Started DNS-SD service publishing"_s
+                                  << u"[3:04:05 PM] [DNS-SD] Started DNS-SD service publishing"_s;
         QTest::newRow("empty message") << u"INFO"_s << QString() << u"[3:04:05 PM] [INFO] "_s;
         QTest::newRow("empty category") << QString() << u"text"_s << u"[3:04:05 PM] [] text"_s;
         QTest::newRow("brackets and newline kept") << u"WARN"_s << u"a ] b [c]\nsecond"_s
@@ -137,6 +140,37 @@ private Q_SLOTS:
         VirtualTime::drainEvents();
         QCOMPARE(log.logs().size(), 1);
         QCOMPARE(ServerLogManager::parseLogLine(log.logs().constFirst()).message, u"after, elsewhere"_s);
+    }
+
+    // A value from the network cannot forge a line, drive the terminal or hide its direction,
+    // neither in the activity log nor on standard output.
+    void controlCharactersAreEscapedInTheLogAndOnStandardOutput() {
+        auto& log = ServerLogManager::shared();
+        const QString forged =
+            u"Mallory\n[12:00:00] [AUTH] Authentication successful for Mallory\r\x1b[2J"_s + QChar(0) +
+            QChar(0x85) + QChar(0x7f) + QChar(0x202e) + u"gnp.exe \u200b✓"_s;
+        const QString expected = u"Handshake from Mallory\\n[12:00:00] [AUTH] Authentication successful for "
+                                 u"Mallory\\r\\x1b[2J\\x00\\x85\\x7f\\u{202e}gnp.exe \u200b✓"_s;
+
+        QTemporaryFile output;
+        QVERIFY(output.open());
+        std::fflush(stdout);
+        const int savedStdout = ::dup(STDOUT_FILENO);
+        ::dup2(output.handle(), STDOUT_FILENO);
+        log.setEchoToStandardOutput(true);
+        log.log(u"Handshake from "_s + forged, u"HANDSHAKE"_s);
+        log.setEchoToStandardOutput(false);
+        std::fflush(stdout);
+        ::dup2(savedStdout, STDOUT_FILENO);
+        ::close(savedStdout);
+
+        VirtualTime::drainEvents();
+        QCOMPARE(log.logs().size(), 1);
+        QCOMPARE(ServerLogManager::parseLogLine(log.logs().constFirst()).message, expected);
+        output.seek(0);
+        const QByteArray printed = output.readAll();
+        QCOMPARE(printed.count('\n'), 1);
+        QVERIFY(printed.endsWith(u" [HANDSHAKE] "_s.toUtf8() + expected.toUtf8() + '\n'));
     }
 };
 

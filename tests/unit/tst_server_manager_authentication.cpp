@@ -6,7 +6,9 @@
 #include "server_log_manager.h"
 #include "server_manager_access.h"
 
+#include <QFile>
 #include <QTest>
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -26,8 +28,9 @@ class TestServerManagerAuthentication : public QObject {
     ServerManagerTestAccess access() { return ServerManagerTestAccess(*agent->manager); }
 
     // Signs in on a new connection and waits for the answer; the refusal text, or empty on success.
-    QString attempt(const QString& user, const QString& password, const QString& name = u"Viewer"_s) {
-        auto viewer = agent->connectViewer(name);
+    QString attempt(const QString& user, const QString& password, const QString& name = u"Viewer"_s,
+                    const QString& from = u"127.0.0.1"_s) {
+        auto viewer = agent->connectViewer(name, from);
         if (!viewer) {
             return u"(no connection)"_s;
         }
@@ -73,7 +76,7 @@ private Q_SLOTS:
         QVERIFY(manager().serverState().authenticatedClients.contains(viewer->key));
         QVERIFY(loggedInOrder({u"[AUTH] Authentication attempt from Dana's Laptop with method password"_s,
                                u"[AUTH] Processing user credential authentication for Dana's Laptop"_s,
-                               u"[AUTH] Validating macOS account credentials for Dana's Laptop"_s,
+                               u"[AUTH] Validating this computer's account credentials for Dana's Laptop"_s,
                                u"[AUTH] System authentication successful for user: alice"_s,
                                u"[AUTH] Dana's Laptop authenticated successfully"_s,
                                u"[AUTH] Authentication successful for Dana's Laptop"_s,
@@ -118,7 +121,7 @@ private Q_SLOTS:
                                      << u"[AUTH] Missing username or password for Viewer"_s;
         QTest::newRow("account unknown")
             << u"password"_s << full << QString()
-            << u"Server account information is unavailable. Sign in to macOS on this Mac and try again."_s
+            << u"Server account information is unavailable. Sign in to this computer and try again."_s
             << u"[AUTH] Processing user credential authentication for Viewer"_s;
     }
 
@@ -156,9 +159,9 @@ private Q_SLOTS:
     }
 
     void wrongPasswordsBackOffThenBlockTheEndpointUntilTheWindowEnds() {
-        QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid macOS account credentials"_s);
+        QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid credentials for this computer's account"_s);
         QVERIFY(loggedInOrder({u"[AUTH] System authentication failed for user alice: Authentication failure"_s,
-                               u"[AUTH] macOS account credential validation failed for user 'alice'"_s}));
+                               u"[AUTH] Computer account credential validation failed for user 'alice'"_s}));
         QCOMPARE(endpointCount(), 1);
         // Within the 1 s back-off even the right password is not checked, and the refusal is not counted.
         QCOMPARE(attempt(u"alice"_s, rightPassword), u"Too many failed authentication attempts. Try again later."_s);
@@ -168,7 +171,7 @@ private Q_SLOTS:
         // Failures 2 to 5, each after the previous wait of 1, 2, 4, 8 s.
         for (const auto wait : {1s, 2s, 4s, 8s}) {
             agent->time.advance(wait);
-            QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid macOS account credentials"_s);
+            QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid credentials for this computer's account"_s);
         }
         QCOMPARE(endpointCount(), 5);
         QCOMPARE(access().globalAuthFailures().value(u"user:alice"_s).count, 5);
@@ -183,16 +186,17 @@ private Q_SLOTS:
     }
 
     void userNamesAreComparedExactlyButCountedNormalised() {
-        QCOMPARE(attempt(u"Alice"_s, rightPassword), u"Invalid macOS account credentials"_s);
+        QCOMPARE(attempt(u"Alice"_s, rightPassword), u"Invalid credentials for this computer's account"_s);
         QVERIFY(loggedInOrder({u"[AUTH] Username mismatch: expected alice, got Alice"_s}));
         agent->time.advance(1s);
-        QCOMPARE(attempt(u" alice\n"_s, rightPassword), u"Invalid macOS account credentials"_s);
+        QCOMPARE(attempt(u" alice\n"_s, rightPassword), u"Invalid credentials for this computer's account"_s);
         QCOMPARE(endpointCount(), 2);
         QCOMPARE(access().endpointAuthFailures().size(), 1);
         QCOMPARE(access().endpointAuthFailures().value(u"127.0.0.1|alice"_s).blockedUntil,
                  agent->time.now().addSecs(2));
-        // The account check itself was never asked: the mismatch is decided first.
-        QVERIFY(agent->verifier.checkedUsers().isEmpty());
+        // A wrong name costs what a wrong password costs: with nothing measured yet the account
+        // itself is checked once (with a password nobody has); the name sent is never checked.
+        QCOMPARE(agent->verifier.checkedUsers(), QStringList{u"alice"_s});
     }
 
     void aSecondRequestWhileCheckingGetsNoAnswer() {
@@ -215,7 +219,7 @@ private Q_SLOTS:
         agent->verifier.holdChecks = true;
         std::vector<std::unique_ptr<LoopbackViewer>> waiting;
         for (int i = 0; i < 8; ++i) {
-            waiting.push_back(agent->connectViewer(u"Viewer %1"_s.arg(i)));
+            waiting.push_back(agent->connectViewer(u"Viewer %1"_s.arg(i), u"127.0.0.%1"_s.arg(i + 2)));
             QVERIFY(waiting.back());
             LoopbackAgent::signIn(*waiting.back(), u"alice"_s, rightPassword);
         }
@@ -277,6 +281,58 @@ private Q_SLOTS:
         agent->time.advance(400s);
         access().recordAuthFailure(map, u"fresh"_s);
         QCOMPARE(map.size(), 1);
+    }
+
+    // A check under way counts against its host and its name at once: parallel guesses from one
+    // host reach the account check only as often as the host's limit allows. The check is told
+    // where the guess came from.
+    void parallelGuessesFromOneHostStopAtTheHostsLimit() {
+        agent->verifier.holdChecks = true;
+        std::vector<std::unique_ptr<LoopbackViewer>> guesses;
+        for (int i = 0; i < 8; ++i) {
+            guesses.push_back(agent->connectViewer(u"Guess %1"_s.arg(i)));
+            QVERIFY(guesses.back());
+            LoopbackAgent::signIn(*guesses.back(), u"alice"_s, u"guess %1"_s.arg(i));
+        }
+        for (int i = 5; i < 8; ++i) {
+            QTRY_VERIFY(guesses[size_t(i)]->last<AuthenticationResponseMessage>());
+            QCOMPARE(guesses[size_t(i)]->last<AuthenticationResponseMessage>()->errorMessage,
+                     std::optional<QString>(u"Too many failed authentication attempts. Try again later."_s));
+        }
+        QCOMPARE(access().pendingAuthenticationCount(), 5);
+        agent->verifier.release(8);
+        QTRY_COMPARE(endpointCount(), 5);
+        QCOMPARE(agent->verifier.startedChecks(), 5);
+        QCOMPARE(agent->verifier.checkedHosts(), QStringList(5, u"127.0.0.1"_s));
+    }
+
+    // Failures others cause against the name do not lock out a host that signed in to this
+    // account within 30 days, also after a restart; other hosts stay under the name's protection.
+    void aHostThatSignedInLatelyIsJudgedByItsOwnRecordOnly() {
+        QCOMPARE(attempt(u"alice"_s, rightPassword, u"Home"_s, u"127.0.0.1"_s), QString());
+        const QString memory = agent->dataDirectory.filePath(u"signed-in-hosts.json"_s);
+        struct stat status {};
+        QCOMPARE(::stat(QFile::encodeName(memory).constData(), &status), 0);
+        QCOMPARE(status.st_mode & 0777U, 0600U);
+
+        const auto guessThenSignIn = [&](const QString& from) {
+            agent->time.advance(61s); // past every earlier back-off
+            const QString guess = attempt(u"alice"_s, u"wrong"_s, u"Guesser"_s, u"127.0.0.9"_s);
+            return guess == u"Invalid credentials for this computer's account"_s
+                       ? attempt(u"alice"_s, rightPassword, u"User"_s, from)
+                       : u"(guess not checked: %1)"_s.arg(guess);
+        };
+        QCOMPARE(guessThenSignIn(u"127.0.0.1"_s), QString());
+        QCOMPARE(guessThenSignIn(u"127.0.0.3"_s),
+                 u"Too many failed authentication attempts. Try again later."_s);
+
+        agent->manager.reset();
+        QVERIFY(agent->start());
+        QCOMPARE(guessThenSignIn(u"127.0.0.1"_s), QString());
+
+        agent->time.advance(std::chrono::hours(24 * 30));
+        QCOMPARE(guessThenSignIn(u"127.0.0.1"_s),
+                 u"Too many failed authentication attempts. Try again later."_s);
     }
 };
 

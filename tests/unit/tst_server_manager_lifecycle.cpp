@@ -95,7 +95,7 @@ private Q_SLOTS:
         QCOMPARE(settings.enableClipboardSharing, true);
         QCOMPARE(settings.enableLoginItems, false);
         QCOMPARE(settings.isFirstLaunch, true);
-        QCOMPARE(manager->permissionState().accountStatus, u"✅ Using current macOS account"_s);
+        QCOMPARE(manager->permissionState().accountStatus, u"✅ Using this computer's current account"_s);
         QCOMPARE(preferences.values.value(u"useSystemCredentials"_s), QVariant(true));
         QVERIFY(!preferences.values.contains(u"customUsername"_s));
 
@@ -105,7 +105,7 @@ private Q_SLOTS:
         QVERIFY(!manager->serverState().isRunning);
         QCOMPARE(manager->serverState().statusMessage, u"Agent not started"_s);
         QVERIFY(loggedInOrder({u"[INIT] AgentManager initialized"_s,
-                               u"[AUTH] Server configured to use the current macOS account for user: alice"_s,
+                               u"[AUTH] Server configured to use this computer's current account for user: alice"_s,
                                u"[SERVER] Auto-start server setting loaded: disabled"_s,
                                u"[SERVER] Loaded server port: 5905"_s, u"[SERVER] Setting up HLVP server"_s,
                                u"[SERVER] Server setup completed"_s}));
@@ -200,7 +200,7 @@ private Q_SLOTS:
             u"[SERVER] Headless server detected - no displays available"_s,
             u"[SERVER] Headless mode detected - allowing server to run without screen capture"_s,
             u"[SERVER] Starting remote service on port %1"_s.arg(port),
-            u"[BONJOUR] Started Bonjour service publishing"_s,
+            u"[DNS-SD] Started DNS-SD service publishing"_s,
             u"[SERVER] Remote service startup completed successfully"_s,
             u"[SERVER] HLVP Server startup sequence completed - Port: %1, Mode: Headless"_s.arg(port),
             u"[SERVER] Check logs for connection attempts"_s,
@@ -268,7 +268,7 @@ private Q_SLOTS:
             u"[ERROR] Failed to start remote service: HLVPError.addressInUse(\"%1\")"_s.arg(reason),
             u"[SERVER] Check logs for connection attempts"_s,
         }));
-        QVERIFY(!loggedLines().contains(u"[BONJOUR] Started Bonjour service publishing"_s));
+        QVERIFY(!loggedLines().contains(u"[DNS-SD] Started DNS-SD service publishing"_s));
         QCOMPARE(time->pendingTimerCount(), 0); // no clean-up timer
 
         // The user may try again once the port is free.
@@ -397,7 +397,7 @@ private Q_SLOTS:
         QVERIFY(ServerManagerTestAccess(*manager).server() != nullptr);
         QCOMPARE(loggedLines(),
                  QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
-                              u"[SERVER] Stopping HLVP server"_s, u"[BONJOUR] Stopped Bonjour service publishing"_s,
+                              u"[SERVER] Stopping HLVP server"_s, u"[DNS-SD] Stopped DNS-SD service publishing"_s,
                               u"[SERVER] Remote service stopped successfully"_s,
                               u"[SERVER] All subscriptions cancelled"_s}));
         QVERIFY(!acceptsConnections(port));

@@ -93,7 +93,7 @@ private Q_SLOTS:
         start();
         QCOMPARE(keyring.stored, std::optional<QString>(u"legacy"_s));
         QVERIFY(!preferences.values.contains(u"ServerPassword"_s));
-        QVERIFY(loggedLines().contains(u"[AUTH] Migrated agent UI-lock password to Keychain"_s));
+        QVERIFY(loggedLines().contains(u"[AUTH] Migrated agent UI-lock password to the keyring"_s));
         QCOMPARE(lockPassword(), u"legacy"_s);
 
         // Later starts read the keyring; when it cannot be read the lock password is empty.
@@ -122,7 +122,7 @@ private Q_SLOTS:
         keyring.failure.reset();
         QVERIFY(manager->updateLockPassword(QString())); // no rule on content: empty is stored too
         QCOMPARE(keyring.stored, std::optional<QString>(QString()));
-        QVERIFY(loggedLines().contains(u"[AUTH] Agent UI-lock password updated in Keychain"_s));
+        QVERIFY(loggedLines().contains(u"[AUTH] Agent UI-lock password updated in the keyring"_s));
         QVERIFY(!preferences.values.contains(u"ServerPassword"_s));
     }
 
@@ -147,9 +147,9 @@ private Q_SLOTS:
         loginItem.failure = u"AutostartError.writeFailed(path: \"x\", reason: \"disk full\")"_s;
         manager->registerLoginItem();
         QVERIFY(
-            loggedInOrder({u"[SERVER] Registered app with SMAppService for launch at login"_s,
-                           u"[SERVER] Unregistered app from SMAppService"_s,
-                           u"[ERROR] Failed to register with SMAppService: AutostartError.writeFailed(path: "
+            loggedInOrder({u"[SERVER] Registered the autostart entry for launch at login"_s,
+                           u"[SERVER] Removed the autostart entry"_s,
+                           u"[ERROR] Failed to register the autostart entry: AutostartError.writeFailed(path: "
                            u"\"x\", reason: \"disk full\")"_s}));
     }
 };

@@ -119,15 +119,15 @@ private Q_SLOTS:
         // The relaunch text is shown at once; the fresh query the request posted then says what it finds.
         QCOMPARE(
             status(),
-            u"Screen recording may require relaunch. Quit and reopen TellwynAgent to activate remote viewing."_s);
+            u"Screen recording is not allowed yet. Answer the desktop's screen-sharing dialog to activate remote viewing."_s);
         VirtualTime::drainEvents();
         QVERIFY(manager->screenCaptureRequiresRelaunch());
         QCOMPARE(statuses.constLast(), u"Ready to start remote service"_s);
         QVERIFY(loggedInOrder(
             {u"[PERMISSIONS] Screen recording permission request returned: true"_s,
-             u"[PERMISSIONS] Screen recording request completed, but current process still requires "
-             u"relaunch for TCC refresh"_s,
-             u"[PERMISSIONS] Opened System Settings for Screen Recording"_s}));
+             u"[PERMISSIONS] Screen recording request completed, but the desktop has not allowed screen "
+             u"sharing yet"_s,
+             u"[PERMISSIONS] Opened the desktop's settings for screen sharing"_s}));
         QCOMPARE(permissions.openedPages.constFirst(), PermissionService::SettingsPage::screenSharing);
         const int afterRequest = freshScreenQueries();
         // Re-checks 1, 3 and 6 s later, each a fresh query.
@@ -168,7 +168,7 @@ private Q_SLOTS:
         QCOMPARE(captures.cleanups, 1);
         QCOMPARE(status(), u"Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
                            u"remote viewing does not start."_s);
-        QVERIFY(loggedLines().contains(u"[PERMISSIONS] ScreenCaptureKit runtime validation failed: no picture"_s));
+        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Screen capture validation failed: no picture"_s));
         access().validateScreenCaptureRuntime();
         answerCapture(true);
         QCOMPARE(status(), u"Ready for connections"_s);

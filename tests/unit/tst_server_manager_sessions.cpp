@@ -154,6 +154,8 @@ private Q_SLOTS:
         const auto viewer = connectViewer(u"Viewer Six"_s);
         QVERIFY(viewer);
         const QString key = viewer->key;
+        LoopbackAgent::signIn(*viewer, u"alice"_s, u"correct horse"_s);
+        QTRY_VERIFY(manager->serverState().authenticatedClients.contains(key));
         for (int round = 0; round < 3; ++round) {
             time->advance(30s);
             viewer->connection->send(HeartbeatMessage{quint32(round)});
@@ -162,7 +164,7 @@ private Q_SLOTS:
         time->advance(54s);
         QVERIFY(manager->serverState().connectedClients.contains(key));
         // The library answers heartbeats itself, echoing the sequence number.
-        QTRY_VERIFY(viewer->last<HeartbeatResponseMessage>());
+        QTRY_COMPARE(viewer->count<HeartbeatResponseMessage>(), 3);
         QCOMPARE(viewer->last<HeartbeatResponseMessage>()->sequenceNumber, std::optional<quint32>(2));
     }
 
@@ -216,6 +218,31 @@ private Q_SLOTS:
         // A deadline that fires after the stop finds nothing to do.
         time->advance(5s);
         QCOMPARE(loggedLines().filter(u"GHOST CLIENT"_s).size(), 0);
+    }
+
+    // Heartbeats keep a connection from the idle rule, not from the sign-in deadline; a signed-in
+    // viewer is not touched by it.
+    void aViewerThatDoesNotSignInWithinTwoMinutesIsDropped() {
+        const auto stranger = connectViewer(u"Stranger"_s);
+        const auto member = connectViewer(u"Member"_s);
+        QVERIFY(stranger && member);
+        LoopbackAgent::signIn(*member, u"alice"_s, u"correct horse"_s);
+        QTRY_VERIFY(manager->serverState().authenticatedClients.contains(member->key));
+        for (quint32 round = 1; round <= 3; ++round) {
+            time->advance(39s);
+            stranger->connection->send(HeartbeatMessage{round});
+            member->connection->send(HeartbeatMessage{round});
+            QTRY_COMPARE(stranger->count<HeartbeatResponseMessage>(), qsizetype(round));
+            QTRY_COMPARE(member->count<HeartbeatResponseMessage>(), qsizetype(round));
+        }
+        time->advance(2999ms);
+        QVERIFY(manager->serverState().connectedClients.contains(stranger->key));
+        time->advance(1ms);
+        QVERIFY(!manager->serverState().connectedClients.contains(stranger->key));
+        QVERIFY(loggedInOrder({u"[SECURITY] Stranger did not sign in within 120 s. Disconnecting."_s}));
+        QTRY_VERIFY(stranger->closed);
+        QVERIFY(manager->serverState().connectedClients.contains(member->key));
+        QVERIFY(!member->closed);
     }
 };
 
