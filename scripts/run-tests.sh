@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test: unit and integration tests on the normal build, then the
 # unit tests again under AddressSanitizer and UndefinedBehaviorSanitizer, then the wire decoder
-# under libFuzzer for a short while.
+# under libFuzzer for a short while, and finally the Debian packages.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-"$root/scripts/setup.sh" build test
+"$root/scripts/setup.sh" build test package
 jobs="$(nproc)"
 
 # The tree is formatted by the checked-in .clang-format; a change it would make fails the run.
@@ -49,3 +49,6 @@ fuzz_scratch="$(mktemp -d)"
 trap 'rm -rf "$fuzz_scratch"' EXIT
 "$root/build/fuzz/tests/fuzz/fuzz_hlvp_codec" -max_total_time="${TELLWYN_FUZZ_SECONDS:-30}" -max_len=70000 \
     -print_final_stats=1 "$fuzz_scratch" "$root/tests/fuzz/corpus" 2>&1 | tail -n 12
+
+# The Debian packages: built, checked by lintian, installed, upgraded and purged in a fresh root.
+"$root/tests/package/test-packages.sh"

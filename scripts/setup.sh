@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the agent needs. Usage: setup.sh [build] [test] [bench]
+# Installs the Debian packages the agent needs. Usage: setup.sh [build] [test] [bench] [package]
 # Quick when everything is there already; asks apt only for what is missing.
 set -euo pipefail
 
@@ -10,6 +10,7 @@ test_packages=(openssl clang-format python3 python3-cbor2 procps clang-14 libcla
                haskell-gtk-sni-tray-utils libglib2.0-bin qt6-qpa-plugins python3-pil
                at-spi2-core python3-pyatspi gir1.2-atspi-2.0 imagemagick)
 bench_packages=(prometheus-node-exporter)
+package_packages=(debhelper lintian debootstrap man-db systemd ccache librsvg2-bin)
 
 wanted=()
 for group in "$@"; do
@@ -17,7 +18,8 @@ for group in "$@"; do
         build) wanted+=("${build_packages[@]}") ;;
         test) wanted+=("${test_packages[@]}") ;;
         bench) wanted+=("${bench_packages[@]}") ;;
-        *) echo "setup.sh: unknown group '$group' (use build, test, bench)" >&2; exit 2 ;;
+        package) wanted+=("${package_packages[@]}") ;;
+        *) echo "setup.sh: unknown group '$group' (use build, test, bench, package)" >&2; exit 2 ;;
     esac
 done
 
