@@ -27,7 +27,8 @@ class TestServerManagerClipboard : public QObject {
             return nullptr;
         }
         LoopbackAgent::signIn(*viewer, u"alice"_s, u"correct horse"_s);
-        if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; }, 5000)) {
+        if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; },
+                             5000)) {
             return nullptr;
         }
         LoopbackAgent::settle();
@@ -102,7 +103,8 @@ private Q_SLOTS:
         tick();
         sender->connection->send(ClipboardMessage{u"from the viewer ✓"_s, std::nullopt});
         QTRY_COMPARE(agent->systemClipboard.text, std::optional<QString>(u"from the viewer ✓"_s));
-        QTRY_VERIFY(loggedLines().contains(u"[CLIPBOARD] Clipboard snapshot received from Sender (19 bytes)"_s));
+        QTRY_VERIFY(
+            loggedLines().contains(u"[CLIPBOARD] Clipboard snapshot received from Sender (19 bytes)"_s));
         tick();
         copyLocally(u"from the viewer ✓"_s); // the user copies that same text again
         tick();
