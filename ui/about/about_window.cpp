@@ -14,6 +14,7 @@
 #include <QScreen>
 #include <QSvgRenderer>
 #include <QVBoxLayout>
+#include <QVariantAnimation>
 
 using namespace Qt::StringLiterals;
 
@@ -81,7 +82,8 @@ AboutWindow::AboutWindow(Services services, QWidget* parent)
 
     m_logo = new QLabel(this);
     m_logo->setAlignment(Qt::AlignCenter);
-    m_logo->setPixmap(renderSvg(u":/tellwyn/logo.svg"_s, QSize(112, 112), devicePixelRatioF()));
+    m_logo->setMinimumHeight(112); // the logo grows into this space as it appears
+    setLogoScale(0.94);
     m_logoEffect = new QGraphicsOpacityEffect(m_logo);
     m_logoEffect->setOpacity(0.0);
     m_logo->setGraphicsEffect(m_logoEffect);
@@ -142,6 +144,11 @@ void AboutWindow::checkForUpdates() {
     }
 }
 
+void AboutWindow::setLogoScale(double scale) {
+    const int side = qRound(112 * scale);
+    m_logo->setPixmap(renderSvg(u":/tellwyn/logo.svg"_s, QSize(side, side), devicePixelRatioF()));
+}
+
 void AboutWindow::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
     if (m_logoShown) {
@@ -154,6 +161,15 @@ void AboutWindow::showEvent(QShowEvent* event) {
     fade->setStartValue(0.0);
     fade->setEndValue(1.0);
     fade->setEasingCurve(QEasingCurve::OutQuad);
+    // It grows from 0.94 to its full size on the same curve.
+    auto* grow = new QVariantAnimation(this);
+    grow->setDuration(450);
+    grow->setStartValue(0.94);
+    grow->setEndValue(1.0);
+    grow->setEasingCurve(QEasingCurve::OutQuad);
+    connect(grow, &QVariantAnimation::valueChanged, m_logo,
+            [this](const QVariant& value) { setLogoScale(value.toDouble()); });
+    grow->start(QAbstractAnimation::DeleteWhenStopped);
     // Once shown, the logo casts a faint shadow (a widget takes one effect at a time).
     connect(fade, &QPropertyAnimation::finished, m_logo, [this] {
         auto* shadow = new QGraphicsDropShadowEffect(m_logo);

@@ -47,6 +47,8 @@ protected:
 private:
     Services m_services;
     WidgetUpdatePresenter* m_presenter;
+    void setLogoScale(double scale);
+
     QLabel* m_logo;
     QGraphicsOpacityEffect* m_logoEffect;
     bool m_logoShown = false;
