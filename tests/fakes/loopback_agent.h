@@ -10,7 +10,6 @@
 #include "virtual_time.h"
 
 #include <QTemporaryDir>
-
 #include <memory>
 
 namespace tellwyn::testing {
@@ -24,8 +23,7 @@ struct LoopbackViewer {
 
     LoopbackViewer();
 
-    template <typename T>
-    const T* last() const {
+    template <typename T> const T* last() const {
         for (auto it = received.crbegin(); it != received.crend(); ++it) {
             if (const auto* message = std::get_if<T>(&*it)) {
                 return message;
@@ -33,8 +31,7 @@ struct LoopbackViewer {
         }
         return nullptr;
     }
-    template <typename T>
-    qsizetype count() const {
+    template <typename T> qsizetype count() const {
         return std::count_if(received.cbegin(), received.cend(),
                              [](const HLVPMessage& m) { return std::holds_alternative<T>(m); });
     }
@@ -55,6 +52,9 @@ public:
                                                   const QString& from = QStringLiteral("127.0.0.1"));
     // Sends a password sign-in from `viewer`.
     static void signIn(LoopbackViewer& viewer, const QString& user, const QString& password);
+    // Signs in and waits for the agent's answer; null when none came.
+    static const AuthenticationResponseMessage* signInAndWait(LoopbackViewer& viewer, const QString& user,
+                                                              const QString& password);
 
     // Lets network traffic and posted work settle, without moving virtual time.
     static void settle();
@@ -67,7 +67,7 @@ public:
     FakeAccountVerifier verifier;
     FakeStatsProvider stats;
     ServiceAdvertiser advertiser{std::make_unique<FakeServicePublisher>(),
-                                     std::make_unique<FakeNetworkPathMonitor>(), time, identity};
+                                 std::make_unique<FakeNetworkPathMonitor>(), time, identity};
     FakeSystemClipboard systemClipboard;
     QTemporaryDir dataDirectory;
     std::unique_ptr<ServerManager> manager;

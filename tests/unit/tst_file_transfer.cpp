@@ -52,8 +52,7 @@ class TestFileTransfer : public QObject {
         receiver->configure(true, folder);
     }
 
-    template <typename T>
-    const T* last() const {
+    template <typename T> const T* last() const {
         for (auto it = sent.crbegin(); it != sent.crend(); ++it) {
             if (const auto* message = std::get_if<T>(&*it)) {
                 return message;
@@ -108,8 +107,8 @@ private Q_SLOTS:
         const FileResultMessage result = upload(u"t"_s, offered, "content");
         QVERIFY(result.success);
         QCOMPARE(result.savedName, std::optional<QString>(saved));
-        QCOMPARE(everything(QDir(root.path()).filePath(u"Downloads"_s)), (QStringList{u"Tellwyn"_s,
-                                                                                       u"Tellwyn/"_s + saved}));
+        QCOMPARE(everything(QDir(root.path()).filePath(u"Downloads"_s)),
+                 (QStringList{u"Tellwyn"_s, u"Tellwyn/"_s + saved}));
     }
 
     void longNamesAreCutKeepingTheExtension() {
@@ -124,7 +123,8 @@ private Q_SLOTS:
     void collisionsGetNumberedNamesAndNothingIsReplaced() {
         QVERIFY(upload(u"1"_s, u"photo.jpg"_s, "one").success);
         QCOMPARE(upload(u"2"_s, u"photo.jpg"_s, "two").savedName, std::optional<QString>(u"photo (1).jpg"_s));
-        QCOMPARE(upload(u"3"_s, u"photo.jpg"_s, "three").savedName, std::optional<QString>(u"photo (2).jpg"_s));
+        QCOMPARE(upload(u"3"_s, u"photo.jpg"_s, "three").savedName,
+                 std::optional<QString>(u"photo (2).jpg"_s));
         QCOMPARE(upload(u"4"_s, u"README"_s, "a").savedName, std::optional<QString>(u"README"_s));
         QCOMPARE(upload(u"5"_s, u"README"_s, "b").savedName, std::optional<QString>(u"README (1)"_s));
         QFile first(QDir(folder).filePath(u"photo.jpg"_s));
@@ -152,9 +152,10 @@ private Q_SLOTS:
         QTest::newRow("transfers off") << false << quint64(10) << quint64(1) << u"switched off"_s;
         QTest::newRow("over the maximum") << true << quint64(2000) << quint64(1) << u"larger than"_s;
         // The margin is part of what is needed, so the numbers never read as a contradiction.
-        QTest::newRow("no room") << true << quint64(500) << quint64(1)
-                                 << u"Not enough free space on this computer: 600 bytes needed (500 bytes for the file "
-                                    u"and 100 bytes kept free), 550 bytes available."_s;
+        QTest::newRow("no room")
+            << true << quint64(500) << quint64(1)
+            << u"Not enough free space on this computer: 600 bytes needed (500 bytes for the file "
+               u"and 100 bytes kept free), 550 bytes available."_s;
     }
 
     void refusalsComeBeforeAnyByteIsWritten() {
@@ -165,7 +166,9 @@ private Q_SLOTS:
         FileTransferLimits limits;
         limits.maxFileBytes = 1000;
         limits.freeSpaceMargin = 100;
-        limits.freeSpace = [freeSpace](const QString&) { return std::optional<quint64>(freeSpace * 550); };
+        limits.freeSpace = [freeSpace](const QString&) {
+            return std::optional<quint64>(freeSpace * 550);
+        };
         makeReceiver(limits);
         receiver->configure(enabled, folder);
         receiver->handle(FileOfferMessage{u"t"_s, u"big.bin"_s, size, {}});
@@ -226,7 +229,8 @@ private Q_SLOTS:
         QVERIFY(upload(u"t"_s, u"a.txt"_s, "a").success);
         QCOMPARE(QFileInfo(folder).permissions() & (QFile::ReadGroup | QFile::ReadOther | QFile::ExeOther),
                  QFileDevice::Permissions());
-        QCOMPARE(QFileInfo(QDir(folder).filePath(u"a.txt"_s)).permissions() & (QFile::ReadGroup | QFile::ReadOther),
+        QCOMPARE(QFileInfo(QDir(folder).filePath(u"a.txt"_s)).permissions() &
+                     (QFile::ReadGroup | QFile::ReadOther),
                  QFileDevice::Permissions());
     }
 
@@ -242,7 +246,8 @@ private Q_SLOTS:
         receiver->handle(FileOfferMessage{u"live"_s, u"live.bin"_s, 8, {}});
         QVERIFY(last<FileAcceptMessage>());
         QVERIFY(!abandoned.exists());
-        const QStringList live = QDir(folder).entryList({u".tellwyn-upload-*.part"_s}, QDir::Files | QDir::Hidden);
+        const QStringList live =
+            QDir(folder).entryList({u".tellwyn-upload-*.part"_s}, QDir::Files | QDir::Hidden);
         QCOMPARE(live.size(), 1);
 
         FileTransferReceiver other([](const HLVPMessage&) {}, {}, {});

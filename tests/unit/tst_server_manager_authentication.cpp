@@ -34,15 +34,15 @@ class TestServerManagerAuthentication : public QObject {
         if (!viewer) {
             return u"(no connection)"_s;
         }
-        LoopbackAgent::signIn(*viewer, user, password);
-        if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; }, 5000)) {
+        const auto* answer = LoopbackAgent::signInAndWait(*viewer, user, password);
+        if (!answer) {
             return u"(no answer)"_s;
         }
         // A copy: the list of received messages grows while events are processed below.
-        const AuthenticationResponseMessage response = *viewer->last<AuthenticationResponseMessage>();
+        const AuthenticationResponseMessage response = *answer;
         if (!response.success) {
             // Every refusal ends the connection.
-            if (!QTest::qWaitFor([&] { return viewer->closed; }, 5000)) {
+            if (!QTest::qWaitFor([&] { return viewer->closed; }, 60000)) {
                 return u"(left open)"_s;
             }
         }
@@ -108,16 +108,18 @@ private Q_SLOTS:
         QTest::addColumn<QString>("logLine");
         const QVariantMap full{{u"username"_s, u"alice"_s}, {u"password"_s, rightPassword}};
         QTest::newRow("no authentication")
-            << u"none"_s << full << u"alice"_s << u"Authentication is required - no authentication method not allowed"_s
+            << u"none"_s << full << u"alice"_s
+            << u"Authentication is required - no authentication method not allowed"_s
             << u"[SECURITY] Rejected no-authentication request from Viewer - authentication is required"_s;
         QTest::newRow("challenge-response")
             << u"challengeResponse"_s << full << u"alice"_s
             << u"Unsupported authentication method. Server requires username/password authentication."_s
             << u"[AUTH] Rejected unsupported challenge-response authentication from Viewer"_s;
-        QTest::newRow("unknown method") << u"kerberos"_s << full << u"alice"_s << u"Unsupported authentication method"_s
-                                        << u"[ERROR] Unknown authentication method: kerberos"_s;
-        QTest::newRow("no password") << u"password"_s << QVariantMap{{u"username"_s, u"alice"_s}} << u"alice"_s
-                                     << u"Missing username or password"_s
+        QTest::newRow("unknown method")
+            << u"kerberos"_s << full << u"alice"_s << u"Unsupported authentication method"_s
+            << u"[ERROR] Unknown authentication method: kerberos"_s;
+        QTest::newRow("no password") << u"password"_s << QVariantMap{{u"username"_s, u"alice"_s}}
+                                     << u"alice"_s << u"Missing username or password"_s
                                      << u"[AUTH] Missing username or password for Viewer"_s;
         QTest::newRow("account unknown")
             << u"password"_s << full << QString()
@@ -160,11 +162,13 @@ private Q_SLOTS:
 
     void wrongPasswordsBackOffThenBlockTheEndpointUntilTheWindowEnds() {
         QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid credentials for this computer's account"_s);
-        QVERIFY(loggedInOrder({u"[AUTH] System authentication failed for user alice: Authentication failure"_s,
-                               u"[AUTH] Computer account credential validation failed for user 'alice'"_s}));
+        QVERIFY(
+            loggedInOrder({u"[AUTH] System authentication failed for user alice: Authentication failure"_s,
+                           u"[AUTH] Computer account credential validation failed for user 'alice'"_s}));
         QCOMPARE(endpointCount(), 1);
         // Within the 1 s back-off even the right password is not checked, and the refusal is not counted.
-        QCOMPARE(attempt(u"alice"_s, rightPassword), u"Too many failed authentication attempts. Try again later."_s);
+        QCOMPARE(attempt(u"alice"_s, rightPassword),
+                 u"Too many failed authentication attempts. Try again later."_s);
         QVERIFY(loggedInOrder({u"[SECURITY] Authentication rate-limited for Viewer"_s}));
         QCOMPARE(endpointCount(), 1);
 
@@ -177,7 +181,8 @@ private Q_SLOTS:
         QCOMPARE(access().globalAuthFailures().value(u"user:alice"_s).count, 5);
         // The fifth failure blocks the endpoint outright: long after the 16 s back-off, still refused.
         agent->time.advance(200s);
-        QCOMPARE(attempt(u"alice"_s, rightPassword), u"Too many failed authentication attempts. Try again later."_s);
+        QCOMPARE(attempt(u"alice"_s, rightPassword),
+                 u"Too many failed authentication attempts. Try again later."_s);
         // 300 s after the first failure the record has expired and the account is checked again.
         agent->time.advance(86s); // 1+2+4+8+200+86 = 301 s after the first failure
         QCOMPARE(attempt(u"alice"_s, rightPassword), QString());
@@ -224,7 +229,8 @@ private Q_SLOTS:
             LoopbackAgent::signIn(*waiting.back(), u"alice"_s, rightPassword);
         }
         QTRY_COMPARE(access().pendingAuthenticationCount(), 8);
-        QCOMPARE(attempt(u"alice"_s, rightPassword, u"Ninth"_s), u"Authentication service is busy. Try again shortly."_s);
+        QCOMPARE(attempt(u"alice"_s, rightPassword, u"Ninth"_s),
+                 u"Authentication service is busy. Try again shortly."_s);
         QVERIFY(loggedInOrder({u"[SECURITY] Authentication worker queue is full"_s}));
         // The queue runs the held checks one at a time, in order.
         agent->verifier.release(8);

@@ -26,8 +26,7 @@ class TestServerManagerClipboard : public QObject {
         if (!viewer) {
             return nullptr;
         }
-        LoopbackAgent::signIn(*viewer, u"alice"_s, u"correct horse"_s);
-        if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; }, 5000)) {
+        if (!LoopbackAgent::signInAndWait(*viewer, u"alice"_s, u"correct horse"_s)) {
             return nullptr;
         }
         LoopbackAgent::settle();
@@ -102,7 +101,8 @@ private Q_SLOTS:
         tick();
         sender->connection->send(ClipboardMessage{u"from the viewer ✓"_s, std::nullopt});
         QTRY_COMPARE(agent->systemClipboard.text, std::optional<QString>(u"from the viewer ✓"_s));
-        QTRY_VERIFY(loggedLines().contains(u"[CLIPBOARD] Clipboard snapshot received from Sender (19 bytes)"_s));
+        QTRY_VERIFY(
+            loggedLines().contains(u"[CLIPBOARD] Clipboard snapshot received from Sender (19 bytes)"_s));
         tick();
         copyLocally(u"from the viewer ✓"_s); // the user copies that same text again
         tick();

@@ -107,8 +107,10 @@ private Q_SLOTS:
         start(false);
         QCOMPARE(lockPassword(), u"legacy"_s);
         QVERIFY(preferences.values.contains(u"ServerPassword"_s));
-        QCOMPARE(loggedLines().filter(u"keyring"_s, Qt::CaseInsensitive),
-                 QStringList({u"[INFO] No desktop session: no keyring for the lock password and no window to lock"_s}));
+        QCOMPARE(
+            loggedLines().filter(u"keyring"_s, Qt::CaseInsensitive),
+            QStringList(
+                {u"[INFO] No desktop session: no keyring for the lock password and no window to lock"_s}));
     }
 
     void changingThePasswordKeepsTheOldOneWhenTheKeyringRefuses() {
@@ -145,11 +147,11 @@ private Q_SLOTS:
         QVERIFY(!loginItem.registered);
         loginItem.failure = u"AutostartError.writeFailed(path: \"x\", reason: \"disk full\")"_s;
         manager->registerLoginItem();
-        QVERIFY(
-            loggedInOrder({u"[SERVER] Registered the autostart entry for launch at login"_s,
-                           u"[SERVER] Removed the autostart entry"_s,
-                           u"[ERROR] Failed to register the autostart entry: AutostartError.writeFailed(path: "
-                           u"\"x\", reason: \"disk full\")"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[SERVER] Registered the autostart entry for launch at login"_s,
+             u"[SERVER] Removed the autostart entry"_s,
+             u"[ERROR] Failed to register the autostart entry: AutostartError.writeFailed(path: "
+             u"\"x\", reason: \"disk full\")"_s}));
     }
 };
 

@@ -7,7 +7,6 @@
 #include "server_manager_access.h"
 
 #include <QTest>
-
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -45,14 +44,14 @@ private Q_SLOTS:
         const QString key8 = key.left(8);
         QCOMPARE(manager->clientRemoteHost(key), u"127.0.0.1"_s);
         QVERIFY(ServerManagerTestAccess(*manager).lastClientActivity(key).has_value());
-        QVERIFY(loggedInOrder({u"[CONNECT] Client %1 connected"_s.arg(key8),
-                               u"[CONNECTION] Client %1 connection state changed to: connected"_s.arg(key8),
-                               u"[MESSAGE] onMessageReceived callback called for Client %1 with message: "
-                               u"HandshakeMessage"_s.arg(key8),
-                               u"[MESSAGE] Calling handleMessage for Client %1"_s.arg(key8),
-                               u"[MESSAGE] ServerManager received message: HandshakeMessage from Client %1"_s.arg(
-                                   key8),
-                               u"[HANDSHAKE] Handshake noted from Viewer One: version 1"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[CONNECT] Client %1 connected"_s.arg(key8),
+             u"[CONNECTION] Client %1 connection state changed to: connected"_s.arg(key8),
+             u"[MESSAGE] onMessageReceived callback called for Client %1 with message: "
+             u"HandshakeMessage"_s.arg(key8),
+             u"[MESSAGE] Calling handleMessage for Client %1"_s.arg(key8),
+             u"[MESSAGE] ServerManager received message: HandshakeMessage from Client %1"_s.arg(key8),
+             u"[HANDSHAKE] Handshake noted from Viewer One: version 1"_s}));
         QCOMPARE(manager->clientComputerName(key), u"Viewer One"_s);
         // The agent answered with its own name.
         const auto* response = viewer->last<HandshakeResponseMessage>();
@@ -106,7 +105,8 @@ private Q_SLOTS:
              u"[CONNECTION] Cleaning up disconnected client %1 - stopping any active streaming"_s.arg(name),
              u"[CONNECTION] %1 fully cleaned up and removed from all lists"_s.arg(fallback)}));
         // The closed connection and the server-level close that follow find nothing left to clean.
-        QCOMPARE(loggedCount(u"[CONNECTION] %1 fully cleaned up and removed from all lists"_s.arg(fallback)), 1);
+        QCOMPARE(loggedCount(u"[CONNECTION] %1 fully cleaned up and removed from all lists"_s.arg(fallback)),
+                 1);
         QVERIFY(loggedInOrder(
             {u"[CONNECTION] Server-level connection closed callback triggered for %1"_s.arg(fallback)}));
         QVERIFY(!manager->serverState().connectedClients.contains(key));
@@ -172,9 +172,10 @@ private Q_SLOTS:
         // The user's disconnect does not run the full clean-up, and what the closed connection
         // reports afterwards finds nothing to clean.
         settle();
-        QCOMPARE(loggedCount(u"[CONNECTION] Cleaning up disconnected client Viewer Seven - stopping any active "
-                             u"streaming"_s),
-                 0);
+        QCOMPARE(
+            loggedCount(u"[CONNECTION] Cleaning up disconnected client Viewer Seven - stopping any active "
+                        u"streaming"_s),
+            0);
 
         manager->disconnectClient(u"ABCDEFGH-0000"_s);
         QVERIFY(loggedInOrder({u"[ERROR] Client ABCDEFGH not found for disconnect"_s}));
@@ -190,8 +191,9 @@ private Q_SLOTS:
         QCOMPARE(viewer->last<ErrorMessage>()->code, u"notAuthenticated"_s);
         settle();
         const QStringList lines = loggedLines();
-        QVERIFY(lines.contains(u"[SECURITY] Viewer Eight: refused clipboard: Sign in before sending \"clipboard\" "
-                               u"messages."_s));
+        QVERIFY(lines.contains(
+            u"[SECURITY] Viewer Eight: refused clipboard: Sign in before sending \"clipboard\" "
+            u"messages."_s));
         QVERIFY(!lines.join(u'\n').contains(u"Client "_s + key + u':'));
         QVERIFY(manager->serverState().connectedClients.contains(key));
     }
