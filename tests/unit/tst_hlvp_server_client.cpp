@@ -13,8 +13,8 @@
 #include <QTest>
 #include <csignal>
 #include <memory>
-#include <utility>
 #include <sys/socket.h>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
