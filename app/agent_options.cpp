@@ -3,7 +3,6 @@
 #include "crash_reporter.h"
 
 #include <QCommandLineParser>
-
 #include <cstring>
 
 using namespace Qt::StringLiterals;
@@ -25,9 +24,8 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
         u"config-dir"_s, u"Keep the preferences in DIR instead of ~/.config/tellwyn-agent."_s, u"DIR"_s);
     const QCommandLineOption dataDirectory(
         u"data-dir"_s, u"Keep the TLS identity in DIR instead of ~/.local/share/tellwyn-agent."_s, u"DIR"_s);
-    const QCommandLineOption listen(u"listen"_s,
-                                    u"Listen on ADDRESS only (default: every address of this machine)."_s,
-                                    u"ADDRESS"_s);
+    const QCommandLineOption listen(
+        u"listen"_s, u"Listen on ADDRESS only (default: every address of this machine)."_s, u"ADDRESS"_s);
     const QCommandLineOption checkForUpdates(
         u"check-for-updates"_s,
         u"Ask the update feed whether a newer version exists, print the outcome and exit "
@@ -60,7 +58,7 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments) {
     }
     if (parser.isSet(version)) {
         result.output = u"tellwyn-agent %1 (build %2)\n"_s.arg(QLatin1String(TELLWYN_VERSION),
-                                                              QLatin1String(TELLWYN_BUILD_NUMBER));
+                                                               QLatin1String(TELLWYN_BUILD_NUMBER));
         return result;
     }
     if (!parser.positionalArguments().isEmpty()) {

@@ -3,7 +3,6 @@
 #include <QHostAddress>
 #include <QString>
 #include <QStringList>
-
 #include <optional>
 
 namespace tellwyn {

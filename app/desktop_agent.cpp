@@ -4,8 +4,8 @@
 #include "administrator_authorization.h"
 #include "app_delegate.h"
 #include "content_view.h"
-#include "linux/freedesktop_file_revealer.h"
 #include "launch_animation.h"
+#include "linux/freedesktop_file_revealer.h"
 #include "menu_animation.h"
 #include "single_instance.h"
 #include "status_bar_manager.h"
@@ -57,25 +57,25 @@ int runDesktopAgent(const AgentEnvironment& environment, SingleInstance& instanc
         about->showWindow();
     };
 
-    AppDelegate delegate(
-        AppDelegate::Parts{[&] {
-                               auto manager = std::make_unique<ServerManager>(environment);
-                               prepare(*manager);
-                               return manager;
-                           },
-                           [&](ServerManager& manager) {
-                               return std::make_unique<StatusBarManager>(
-                                   manager, StatusBarServices{environment.preferences, environment.scheduler,
-                                                              administrator,
-                                                              [&manager, &environment](QWidget* parent) {
-                                                                  return new ContentView(manager, parent,
-                                                                                         environment.preferences);
-                                                              },
-                                                              showAbout, [] {
-                                                                  QCoreApplication::quit();
-                                                              }});
-                           },
-                           launchAnimation, menuAnimation, environment.scheduler});
+    AppDelegate delegate(AppDelegate::Parts{
+        [&] {
+            auto manager = std::make_unique<ServerManager>(environment);
+            prepare(*manager);
+            return manager;
+        },
+        [&](ServerManager& manager) {
+            return std::make_unique<StatusBarManager>(
+                manager, StatusBarServices{environment.preferences, environment.scheduler, administrator,
+                                           [&manager, &environment](QWidget* parent) {
+                                               return new ContentView(manager, parent,
+                                                                      environment.preferences);
+                                           },
+                                           showAbout,
+                                           [] {
+                                               QCoreApplication::quit();
+                                           }});
+        },
+        launchAnimation, menuAnimation, environment.scheduler});
     instance.setShowMainWindow([&delegate] {
         if (StatusBarManager* statusBar = delegate.statusBarManager()) {
             statusBar->showMainWindow();

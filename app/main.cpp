@@ -5,8 +5,8 @@
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "service_advertiser.h"
-#include "system_stats_provider.h"
 #include "single_instance.h"
+#include "system_stats_provider.h"
 #include "update_alerts.h"
 #include "update_command.h"
 

@@ -37,22 +37,26 @@ QString hostOfEndpoint(const QString& endpoint) {
 } // namespace
 
 void ServerManager::handleAuthentication(const AuthenticationMessage& message, const QString& key) {
-    const QString method =
-        message.method == HLVP::AuthenticationMethod::unknown ? message.methodName : HLVP::toString(message.method);
+    const QString method = message.method == HLVP::AuthenticationMethod::unknown
+                               ? message.methodName
+                               : HLVP::toString(message.method);
     log(u"Authentication attempt from %1 with method %2"_s.arg(displayLabel(key), method), u"AUTH"_s);
     switch (message.method) {
     case HLVP::AuthenticationMethod::password:
         handleUserCredentialAuthentication(message, key);
         return;
     case HLVP::AuthenticationMethod::challengeResponse:
-        log(u"Rejected unsupported challenge-response authentication from %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+        log(u"Rejected unsupported challenge-response authentication from %1"_s.arg(displayLabel(key)),
+            u"AUTH"_s);
         sendAuthenticationFailure(
             key, u"Unsupported authentication method. Server requires username/password authentication."_s);
         return;
     case HLVP::AuthenticationMethod::none:
-        log(u"Rejected no-authentication request from %1 - authentication is required"_s.arg(displayLabel(key)),
+        log(u"Rejected no-authentication request from %1 - authentication is required"_s.arg(
+                displayLabel(key)),
             u"SECURITY"_s);
-        sendAuthenticationFailure(key, u"Authentication is required - no authentication method not allowed"_s);
+        sendAuthenticationFailure(key,
+                                  u"Authentication is required - no authentication method not allowed"_s);
         return;
     case HLVP::AuthenticationMethod::unknown:
         break;
@@ -61,7 +65,8 @@ void ServerManager::handleAuthentication(const AuthenticationMessage& message, c
     sendAuthenticationFailure(key, u"Unsupported authentication method"_s);
 }
 
-void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessage& message, const QString& key) {
+void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessage& message,
+                                                       const QString& key) {
     log(u"Processing user credential authentication for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
     const auto username = message.credentials.constFind(u"username"_s);
     const auto password = message.credentials.constFind(u"password"_s);
@@ -100,7 +105,7 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
     m_authenticationQueue->async([weak, verifier = m_environment.accountVerifier,
                                   identity = &m_environment.identity, userName = *username,
                                   secret = QString(password->constData(), password->size()), key, keys,
-         timings = m_accountCheckTimings]() mutable {
+                                  timings = m_accountCheckTimings]() mutable {
         const bool valid = verifySystemCredentials(verifier, identity->loginName(), userName, secret,
                                                    hostOfEndpoint(keys.endpoint), *timings);
         wipeSecret(secret);
@@ -263,15 +268,15 @@ void ServerManager::completeAuthentication(const QString& key) {
         return;
     }
     log(u"%1 authenticated successfully"_s.arg(displayLabel(key)), u"AUTH"_s);
-    client->sendEncryptedMessage(AuthenticationResponseMessage{true, std::nullopt, std::nullopt, std::nullopt},
-                                 [](const std::optional<HLVPError>& error) {
-                                     if (error) {
-                                         ServerLogManager::shared().log(
-                                             u"Failed to send encrypted message to client: %1"_s.arg(
-                                                 error->localizedDescription()),
-                                             u"ERROR"_s);
-                                     }
-                                 });
+    client->sendEncryptedMessage(
+        AuthenticationResponseMessage{true, std::nullopt, std::nullopt, std::nullopt},
+        [](const std::optional<HLVPError>& error) {
+            if (error) {
+                ServerLogManager::shared().log(
+                    u"Failed to send encrypted message to client: %1"_s.arg(error->localizedDescription()),
+                    u"ERROR"_s);
+            }
+        });
     startStatsPush(key);
 }
 
@@ -294,7 +299,8 @@ void ServerManager::sendAuthenticationFailure(const QString& key, const QString&
                               weak->displayLabel(key), error->localizedDescription()),
                           u"ERROR"_s);
             } else {
-                weak->log(u"Authentication failure response sent to %1"_s.arg(weak->displayLabel(key)), u"AUTH"_s);
+                weak->log(u"Authentication failure response sent to %1"_s.arg(weak->displayLabel(key)),
+                          u"AUTH"_s);
             }
             weak->removeClientAfterAuthenticationFailure(client, key);
         });

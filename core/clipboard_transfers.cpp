@@ -1,12 +1,11 @@
 // Clipboard sharing and file-transfer policy: which connections share the clipboard and receive
 // files, where files go, when the machine's clipboard is watched and what is sent to whom.
 
-#include "server_manager.h"
-
 #include "clock.h"
-#include "system_clipboard.h"
 #include "preferences.h"
 #include "server_log_manager.h"
+#include "server_manager.h"
+#include "system_clipboard.h"
 
 #include <QDir>
 #include <QPointer>
@@ -106,7 +105,8 @@ void ServerManager::pollClipboard() {
             if (error) {
                 const QString label = weak ? weak->displayLabel(key) : u"Client "_s + key.left(8);
                 ServerLogManager::shared().log(
-                    u"Clipboard sync to %1 failed: %2"_s.arg(label, error->localizedDescription()), u"CLIPBOARD"_s);
+                    u"Clipboard sync to %1 failed: %2"_s.arg(label, error->localizedDescription()),
+                    u"CLIPBOARD"_s);
             }
         });
     }

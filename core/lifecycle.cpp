@@ -1,14 +1,13 @@
 // Server life: construction, settings, set-up, start, running state, clean-up timer, stop,
 // port change, auto-start, sleep, wake and termination.
 
-#include "server_manager.h"
-
 #include "account_check_timings.h"
 #include "clock.h"
 #include "display_probe.h"
 #include "preferences.h"
 #include "serial_queue.h"
 #include "server_log_manager.h"
+#include "server_manager.h"
 #include "service_advertiser.h"
 #include "sign_in_memory.h"
 #include "system_events.h"

@@ -1,11 +1,10 @@
 // Launch at login and the menu-lock password.
 
-#include "server_manager.h"
-
 #include "clock.h"
 #include "hlvp_credential_store.h"
 #include "login_item.h"
 #include "preferences.h"
+#include "server_manager.h"
 
 #include <cmath>
 

@@ -1,12 +1,11 @@
 // Screen-recording and accessibility permissions: cached answers, fresh queries, requests with
 // their re-checks, the runtime test capture and the settings page.
 
-#include "server_manager.h"
-
 #include "clock.h"
 #include "display_probe.h"
 #include "hlvp_screen_capture.h"
 #include "permission_service.h"
+#include "server_manager.h"
 
 #include <QPointer>
 
@@ -58,7 +57,8 @@ void ServerManager::setRefreshingPermissions(bool value) {
 
 void ServerManager::refreshScreenRecordingPermission() {
     const bool granted = permissionService() != nullptr && permissionService()->screenCaptureAllowed();
-    updatePermissionState([&](PermissionState& permissions) { permissions.screenCaptureAuthorized = granted; });
+    updatePermissionState(
+        [&](PermissionState& permissions) { permissions.screenCaptureAuthorized = granted; });
     if (granted) {
         setScreenCaptureRequiresRelaunch(false);
     }
@@ -68,7 +68,8 @@ void ServerManager::refreshScreenRecordingPermission() {
 
 void ServerManager::refreshAccessibilityPermission() {
     const bool trusted = permissionService() != nullptr && permissionService()->inputInjectionAllowed();
-    updatePermissionState([&](PermissionState& permissions) { permissions.accessibilityAuthorized = trusted; });
+    updatePermissionState(
+        [&](PermissionState& permissions) { permissions.accessibilityAuthorized = trusted; });
     m_permissionCache.insert(accessibilityKey, PermissionCacheEntry{trusted, m_environment.clock.now()});
     log(u"Accessibility permission status refreshed: %1"_s.arg(booleanText(trusted)), u"PERMISSIONS"_s);
 }
@@ -96,8 +97,8 @@ void ServerManager::checkScreenCapturePermission() {
             if (weak->m_permissionState.screenCaptureAuthorized) {
                 weak->setStatusMessage(tr("Ready for connections"));
             } else if (weak->m_serverState.isRunning) {
-                weak->setStatusMessage(
-                    tr("Screen capture permission required. Allow screen sharing when the desktop asks, or in the desktop's privacy settings"));
+                weak->setStatusMessage(tr("Screen capture permission required. Allow screen sharing when the "
+                                          "desktop asks, or in the desktop's privacy settings"));
             } else {
                 weak->setStatusMessage(tr("Ready to start remote service"));
             }
@@ -124,10 +125,11 @@ void ServerManager::checkAccessibilityPermission() {
             [weak, task] {
                 if (weak) {
                     weak->refreshAccessibilityPermission();
-                    weak->log(weak->m_permissionState.accessibilityAuthorized
-                                  ? u"Accessibility permissions granted"_s
-                                  : u"Accessibility permissions denied - required for remote control input simulation"_s,
-                              u"PERMISSIONS"_s);
+                    weak->log(
+                        weak->m_permissionState.accessibilityAuthorized
+                            ? u"Accessibility permissions granted"_s
+                            : u"Accessibility permissions denied - required for remote control input simulation"_s,
+                        u"PERMISSIONS"_s);
                 }
                 task->finish();
             },
@@ -142,7 +144,8 @@ void ServerManager::checkAccessibilityPermission() {
             }
             weak->updatePermissionState(
                 [&](PermissionState& permissions) { permissions.accessibilityAuthorized = value; });
-            weak->log(u"Accessibility permissions loaded from cache: %1"_s.arg(booleanText(value)), u"PERMISSIONS"_s);
+            weak->log(u"Accessibility permissions loaded from cache: %1"_s.arg(booleanText(value)),
+                      u"PERMISSIONS"_s);
         },
         Qt::QueuedConnection);
 }
@@ -187,7 +190,8 @@ void ServerManager::requestScreenCapturePermission() {
     }
     PermissionService* service = permissionService();
     if (service != nullptr && service->screenCaptureAllowed()) {
-        updatePermissionState([](PermissionState& permissions) { permissions.screenCaptureAuthorized = true; });
+        updatePermissionState(
+            [](PermissionState& permissions) { permissions.screenCaptureAuthorized = true; });
         m_permissionCache.insert(screenCaptureKey, PermissionCacheEntry{true, m_environment.clock.now()});
         log(u"Screen recording permission already granted by preflight"_s, u"PERMISSIONS"_s);
         setStatusMessage(tr("Ready for connections"));
@@ -200,8 +204,8 @@ void ServerManager::requestScreenCapturePermission() {
     checkScreenCapturePermission();
     if (service == nullptr || !service->screenCaptureAllowed()) {
         setScreenCaptureRequiresRelaunch(true);
-        setStatusMessage(
-            tr("Screen recording is not allowed yet. Answer the desktop's screen-sharing dialog to activate remote viewing."));
+        setStatusMessage(tr("Screen recording is not allowed yet. Answer the desktop's screen-sharing dialog "
+                            "to activate remote viewing."));
         log(u"Screen recording request completed, but the desktop has not allowed screen sharing yet"_s,
             u"PERMISSIONS"_s);
         openScreenRecordingSettings();
@@ -253,8 +257,9 @@ void ServerManager::validateScreenCaptureRuntime() {
     const TaskPtr task = Task::create();
     trackTask(task);
     std::shared_ptr<HLVPScreenCapture> capture =
-        m_environment.makeScreenCapture ? std::shared_ptr<HLVPScreenCapture>(m_environment.makeScreenCapture())
-                                        : nullptr;
+        m_environment.makeScreenCapture
+            ? std::shared_ptr<HLVPScreenCapture>(m_environment.makeScreenCapture())
+            : nullptr;
     if (!capture) {
         log(u"Screen capture validation failed: %1"_s.arg(u"No screen capture on this desktop."_s),
             u"PERMISSIONS"_s);
@@ -263,21 +268,20 @@ void ServerManager::validateScreenCaptureRuntime() {
         return;
     }
     const QPointer<ServerManager> weak(this);
-    capture->captureScreen(0, testCaptureQuality, this,
-                           [weak, capture, task](const HLVPScreenCapture::Result& result) {
-                               capture->cleanup();
-                               if (weak) {
-                                   if (const auto* error = std::get_if<HLVPError>(&result)) {
-                                       weak->log(u"Screen capture validation failed: %1"_s.arg(
-                                                     error->localizedDescription()),
-                                                 u"PERMISSIONS"_s);
-                                       weak->finishScreenCaptureValidation(false);
-                                   } else {
-                                       weak->finishScreenCaptureValidation(true);
-                                   }
-                               }
-                               task->finish();
-                           });
+    capture->captureScreen(
+        0, testCaptureQuality, this, [weak, capture, task](const HLVPScreenCapture::Result& result) {
+            capture->cleanup();
+            if (weak) {
+                if (const auto* error = std::get_if<HLVPError>(&result)) {
+                    weak->log(u"Screen capture validation failed: %1"_s.arg(error->localizedDescription()),
+                              u"PERMISSIONS"_s);
+                    weak->finishScreenCaptureValidation(false);
+                } else {
+                    weak->finishScreenCaptureValidation(true);
+                }
+            }
+            task->finish();
+        });
 }
 
 void ServerManager::finishScreenCaptureValidation(bool success) {
@@ -288,8 +292,8 @@ void ServerManager::finishScreenCaptureValidation(bool success) {
             setStatusMessage(tr("Ready for connections"));
         }
     } else if (m_permissionState.screenCaptureAuthorized) {
-        setStatusMessage(
-            tr("Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if remote viewing does not start."));
+        setStatusMessage(tr("Screen recording is granted, but capture validation failed. Relaunch "
+                            "TellwynAgent if remote viewing does not start."));
     }
 }
 

@@ -6,7 +6,6 @@
 #include <QMap>
 #include <QSet>
 #include <QString>
-
 #include <memory>
 
 namespace tellwyn {

@@ -1,8 +1,8 @@
 // Client sessions: registration, handshake deadline, connection state, message dispatch,
 // clean-up, idle sweep, user disconnect and the statistics push.
 
-#include "clock.h"
 #include "account_verifier.h"
+#include "clock.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "system_stats_provider.h"

@@ -5,7 +5,6 @@
 #include <QCoreApplication>
 #include <QRegularExpression>
 #include <QThread>
-
 #include <algorithm>
 #include <cstdio>
 

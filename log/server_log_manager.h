@@ -4,7 +4,6 @@
 #include <QLocale>
 #include <QObject>
 #include <QStringList>
-
 #include <atomic>
 
 namespace tellwyn {

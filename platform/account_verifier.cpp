@@ -1,7 +1,6 @@
 #include "account_verifier.h"
 
 #include <QByteArray>
-
 #include <cstring>
 
 namespace tellwyn {

@@ -4,7 +4,6 @@
 #include <QFileInfo>
 #include <QLocale>
 #include <QUuid>
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -113,7 +112,8 @@ QString safeFileName(const QString& offered) {
     }
     const qsizetype dot = name.lastIndexOf(u'.');
     const QString extension = dot > 0 && name.size() - dot <= 16 ? name.mid(dot) : QString();
-    return truncatedUtf8(name.left(name.size() - extension.size()), maxFileNameBytes - extension.toUtf8().size())
+    return truncatedUtf8(name.left(name.size() - extension.size()),
+                         maxFileNameBytes - extension.toUtf8().size())
                .trimmed() +
            extension;
 }
@@ -136,7 +136,8 @@ QString uniqueFileName(const QString& directory, const QString& name) {
 
 FileTransferReceiver::FileTransferReceiver(Sender send, std::function<void()> activity, HLVP::LogFunction log,
                                            FileTransferLimits limits)
-    : m_send(std::move(send)), m_activity(std::move(activity)), m_log(std::move(log)), m_limits(std::move(limits)) {
+    : m_send(std::move(send)), m_activity(std::move(activity)), m_log(std::move(log)),
+      m_limits(std::move(limits)) {
     if (!m_limits.freeSpace) {
         m_limits.freeSpace = statvfsFreeSpace;
     }
@@ -170,7 +171,8 @@ void FileTransferReceiver::handle(const HLVPMessage& message) {
     } else if (const auto* cancel = std::get_if<FileCancelMessage>(&message)) {
         const auto found = m_transfers.find(cancel->transferID);
         if (found != m_transfers.end()) {
-            log(u"the viewer cancelled \"%1\": %2"_s.arg(found->second.offeredName, cancel->reason), u"TRANSFER"_s);
+            log(u"the viewer cancelled \"%1\": %2"_s.arg(found->second.offeredName, cancel->reason),
+                u"TRANSFER"_s);
             discard(found->second);
             m_transfers.erase(found);
         }
@@ -221,8 +223,8 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
         return;
     }
     if (qsizetype(m_transfers.size()) >= m_limits.maxConcurrentTransfers) {
-        refuse(message.transferID,
-               u"At most %1 files can be received at once on one connection."_s.arg(m_limits.maxConcurrentTransfers));
+        refuse(message.transferID, u"At most %1 files can be received at once on one connection."_s.arg(
+                                       m_limits.maxConcurrentTransfers));
         return;
     }
     if (message.size > m_limits.maxFileBytes) {
@@ -232,10 +234,11 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
     }
     const std::optional<quint64> free = m_limits.freeSpace(m_directory);
     if (free && (*free < m_limits.freeSpaceMargin || *free - m_limits.freeSpaceMargin < message.size)) {
-        refuse(message.transferID,
-               u"Not enough free space on this computer: %1 needed (%2 for the file and %3 kept free), %4 available."_s
-                   .arg(sizeText(message.size + m_limits.freeSpaceMargin), sizeText(message.size),
-                        sizeText(m_limits.freeSpaceMargin), sizeText(*free)));
+        refuse(
+            message.transferID,
+            u"Not enough free space on this computer: %1 needed (%2 for the file and %3 kept free), %4 available."_s
+                .arg(sizeText(message.size + m_limits.freeSpaceMargin), sizeText(message.size),
+                     sizeText(m_limits.freeSpaceMargin), sizeText(*free)));
         return;
     }
     QDir folder(m_directory);
@@ -255,8 +258,8 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
     transfer.savedName = uniqueFileName(m_directory, transfer.baseName);
     transfer.size = message.size;
     // A hidden name of its own until the file is whole and verified.
-    transfer.file = std::make_unique<QFile>(folder.filePath(
-        u".tellwyn-upload-%1.part"_s.arg(QUuid::createUuid().toString(QUuid::Id128))));
+    transfer.file = std::make_unique<QFile>(
+        folder.filePath(u".tellwyn-upload-%1.part"_s.arg(QUuid::createUuid().toString(QUuid::Id128))));
     if (!transfer.file->open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
         refuse(message.transferID, u"The file cannot be written: %1"_s.arg(transfer.file->errorString()));
         return;
@@ -264,7 +267,8 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
     transfer.file->setPermissions(QFile::ReadOwner | QFile::WriteOwner);
     // Held until the file is closed: it tells a later agent that this partial file is alive.
     ::flock(transfer.file->handle(), LOCK_EX | LOCK_NB);
-    log(u"receiving \"%1\" (%2) as \"%3\""_s.arg(transfer.offeredName, sizeText(message.size), transfer.savedName),
+    log(u"receiving \"%1\" (%2) as \"%3\""_s.arg(transfer.offeredName, sizeText(message.size),
+                                                 transfer.savedName),
         u"TRANSFER"_s);
     const QString savedName = transfer.savedName;
     m_transfers.emplace(message.transferID, std::move(transfer));
@@ -304,12 +308,13 @@ void FileTransferReceiver::complete(const FileCompleteMessage& message) {
     }
     Transfer& transfer = found->second;
     if (transfer.received != transfer.size) {
-        fail(message.transferID, u"The file ended after %1 of %2."_s.arg(sizeText(transfer.received),
-                                                                        sizeText(transfer.size)));
+        fail(message.transferID,
+             u"The file ended after %1 of %2."_s.arg(sizeText(transfer.received), sizeText(transfer.size)));
         return;
     }
     if (transfer.hash->result() != message.sha256) {
-        fail(message.transferID, u"The file arrived damaged (its SHA-256 does not match) and was not kept."_s);
+        fail(message.transferID,
+             u"The file arrived damaged (its SHA-256 does not match) and was not kept."_s);
         return;
     }
     if (!transfer.file->flush() || ::fsync(transfer.file->handle()) != 0) {
@@ -330,12 +335,14 @@ void FileTransferReceiver::complete(const FileCompleteMessage& message) {
         }
         if (errno != EEXIST) {
             // No hard links on this file system: a rename after a check is the best left.
-            if (!isTaken(folder.filePath(savedName)) && ::rename(temporary.constData(), target.constData()) == 0) {
+            if (!isTaken(folder.filePath(savedName)) &&
+                ::rename(temporary.constData(), target.constData()) == 0) {
                 saved = true;
                 break;
             }
             if (errno != EEXIST && !isTaken(folder.filePath(savedName))) {
-                fail(message.transferID, u"The file cannot be saved: %1"_s.arg(QString::fromLocal8Bit(strerror(errno))));
+                fail(message.transferID,
+                     u"The file cannot be saved: %1"_s.arg(QString::fromLocal8Bit(strerror(errno))));
                 return;
             }
         }

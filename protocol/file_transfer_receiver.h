@@ -6,7 +6,6 @@
 
 #include <QFile>
 #include <QString>
-
 #include <functional>
 #include <map>
 #include <memory>
@@ -27,7 +26,7 @@ struct FileTransferLimits {
     quint64 maxFileBytes = 64ULL * 1024 * 1024 * 1024;
     quint64 freeSpaceMargin = 64ULL * 1024 * 1024; // kept free on the disk in any case
     int maxConcurrentTransfers = 4;
-    quint32 windowBytes = 4 * 1024 * 1024;          // unacknowledged bytes a viewer may send
+    quint32 windowBytes = 4 * 1024 * 1024; // unacknowledged bytes a viewer may send
     // Free bytes for an ordinary user on the disk holding the folder; none when unknown.
     std::function<std::optional<quint64>(const QString& directory)> freeSpace;
 };
@@ -57,7 +56,7 @@ public:
 private:
     struct Transfer {
         QString offeredName;
-        QString baseName;  // the safe name; savedName is it or a numbered form of it
+        QString baseName; // the safe name; savedName is it or a numbered form of it
         QString savedName;
         quint64 size = 0;
         quint64 received = 0;

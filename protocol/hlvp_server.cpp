@@ -84,7 +84,8 @@ std::shared_ptr<HLVPServerClient> makeClient(QSslSocket* socket, const HLVPServe
 } // namespace
 
 HLVPServer::HLVPServer(quint16 port, int maxConnections, Options options, QObject* parent)
-    : QObject(parent), m_port(port), m_maxConnections(maxConnections), m_options(std::move(options)) {}
+    : QObject(parent), m_port(port), m_maxConnections(maxConnections), m_options(std::move(options)) {
+}
 
 HLVPServer::~HLVPServer() {
     // Dropped without stop(): connections end with the server object.
@@ -200,8 +201,8 @@ void HLVPServer::start(QObject* context, StartCompletion completion) {
         return;
     }
     m_port = m_listener->serverPort();
-    log(u"HLVP server listening on %1 port %2 (TLS 1.3, at most %3 connections)"_s.arg(
-            m_options.listenAddress.toString())
+    log(u"HLVP server listening on %1 port %2 (TLS 1.3, at most %3 connections)"_s
+            .arg(m_options.listenAddress.toString())
             .arg(m_port)
             .arg(m_maxConnections),
         u"SERVER"_s);

@@ -10,7 +10,6 @@
 #include <QMap>
 #include <QObject>
 #include <QPointer>
-
 #include <memory>
 #include <optional>
 
@@ -28,7 +27,7 @@ class HLVPServer : public QObject {
     Q_OBJECT
 public:
     struct Options {
-        QString identityDirectory;               // where the TLS identity is kept
+        QString identityDirectory; // where the TLS identity is kept
         QHostAddress listenAddress = QHostAddress::Any;
         QString identityName = QStringLiteral("TellwynAgent");
         std::chrono::milliseconds tlsHandshakeTimeout{10000};

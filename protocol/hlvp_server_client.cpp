@@ -1,9 +1,8 @@
 #include "hlvp_server_client.h"
 
+#include "account_verifier.h"
 #include "file_transfer_receiver.h"
 #include "hlvp_codec.h"
-
-#include "account_verifier.h"
 #include "system_clipboard.h"
 
 #include <QSslSocket>

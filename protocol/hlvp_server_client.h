@@ -8,7 +8,6 @@
 #include <QHostAddress>
 #include <QObject>
 #include <QPointer>
-
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -19,7 +18,7 @@ class QSslSocket;
 namespace tellwyn {
 class FileTransferReceiver;
 class SystemClipboard;
-}
+} // namespace tellwyn
 class QTimer;
 
 namespace tellwyn {
@@ -36,9 +35,10 @@ class HLVPServerClient : public QObject {
     Q_OBJECT
 public:
     struct Settings {
-        QString agentName;    // sent in the handshake reply
+        QString agentName; // sent in the handshake reply
         QString agentVersion;
-        SystemClipboard* systemClipboard = nullptr; // where received clipboard texts go; none: they are refused
+        SystemClipboard* systemClipboard =
+            nullptr; // where received clipboard texts go; none: they are refused
         // Frames a viewer may send in a burst, and per second on average; more closes the
         // connection. File chunks are paced by the transfer window instead.
         int unauthenticatedFrameBurst = 64;
@@ -104,7 +104,8 @@ private:
     bool takeFrameToken(bool isFileChunk);
     void handleMessage(HLVPMessage message);
     void receiveClipboard(const ClipboardMessage& message);
-    void refuse(const QString& code, const QString& text, const std::optional<QString>& refersTo = std::nullopt);
+    void refuse(const QString& code, const QString& text,
+                const std::optional<QString>& refersTo = std::nullopt);
     void closeForProtocolError(const QString& code, const QString& reason, const QString& category);
     bool isOpen() const;
     void completeLater(SendCompletion completion, std::optional<HLVPError> error);

@@ -4,16 +4,14 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rand.h>
-#include <openssl/x509.h>
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,8 +23,7 @@ namespace {
 
 constexpr long validityDays = 3650;
 
-template <typename T, void (*Free)(T*)>
-struct Deleter {
+template <typename T, void (*Free)(T*)> struct Deleter {
     void operator()(T* p) const { Free(p); }
 };
 using PKeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY, EVP_PKEY_free>>;

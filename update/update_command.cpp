@@ -125,8 +125,7 @@ void TerminalUpdateCommand::showCheckFailedAlert(const QString& message) {
 void TerminalUpdateCommand::presentUpdateDownload(const UpdateDownloadPresentation& presentation) {
     QString text =
         localizedText("Update Available") + u'\n' +
-        localizedText("Version %1 is ready to download.").arg(fromServer(presentation.info.version)) +
-        u'\n';
+        localizedText("Version %1 is ready to download.").arg(fromServer(presentation.info.version)) + u'\n';
     if (presentation.info.releaseNotes && !presentation.info.releaseNotes->isEmpty()) {
         QStringList lines = presentation.info.releaseNotes->split(u'\n');
         for (QString& line : lines) {
@@ -163,7 +162,8 @@ void TerminalUpdateCommand::onPhaseChanged() {
         return;
     case Kind::finished:
         drawProgress(true);
-        print(m_out, localizedText("Download complete") + u'\n' + fromServer(phase.fileURL.toLocalFile()) + u'\n');
+        print(m_out,
+              localizedText("Download complete") + u'\n' + fromServer(phase.fileURL.toLocalFile()) + u'\n');
         end(UpdateCommandExit::downloaded);
         return;
     case Kind::failed:

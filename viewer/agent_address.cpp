@@ -15,7 +15,8 @@ std::optional<AgentAddress> parseAgentAddress(const QString& text, quint16 defau
     if (text.startsWith(u'[')) {
         const qsizetype close = text.indexOf(u']');
         if (close < 0 || (close + 1 < text.size() && text.at(close + 1) != u':')) {
-            *error = u"invalid address '%1': write an IPv6 address as [ADDRESS] or [ADDRESS]:PORT"_s.arg(text);
+            *error =
+                u"invalid address '%1': write an IPv6 address as [ADDRESS] or [ADDRESS]:PORT"_s.arg(text);
             return std::nullopt;
         }
         address.host = text.mid(1, close - 1);

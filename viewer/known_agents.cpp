@@ -9,7 +9,8 @@ using namespace Qt::StringLiterals;
 
 namespace tellwyn {
 
-KnownAgents::KnownAgents(QString path) : m_path(std::move(path)) {}
+KnownAgents::KnownAgents(QString path) : m_path(std::move(path)) {
+}
 
 QString KnownAgents::defaultPath() {
     return QDir(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation))

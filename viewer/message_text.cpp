@@ -15,11 +15,11 @@ namespace tellwyn {
 namespace {
 
 QString bytesText(quint64 bytes) {
-    return QLocale::c().formattedDataSize(qint64(std::min<quint64>(bytes, INT64_MAX)), 1, QLocale::DataSizeIecFormat);
+    return QLocale::c().formattedDataSize(qint64(std::min<quint64>(bytes, INT64_MAX)), 1,
+                                          QLocale::DataSizeIecFormat);
 }
 
-template <typename T>
-QString optionalText(const std::optional<T>& value) {
+template <typename T> QString optionalText(const std::optional<T>& value) {
     if (!value) {
         return u"(absent)"_s;
     }
@@ -86,8 +86,8 @@ QString statisticsText(const SystemStatsMessage& s) {
         {u"Platform integrity"_s, yesNo(s.sipEnabled)},
         {u"Application control"_s, yesNo(s.gatekeeperEnabled)},
         {u"Device management"_s, yesNo(s.mdmEnrolled)},
-        {u"Last boot"_s, s.lastBootTime ? s.lastBootTime->toLocalTime().toString(u"yyyy-MM-dd HH:mm:ss"_s)
-                                        : u"unknown"_s},
+        {u"Last boot"_s,
+         s.lastBootTime ? s.lastBootTime->toLocalTime().toString(u"yyyy-MM-dd HH:mm:ss"_s) : u"unknown"_s},
         {u"Last sleep cause"_s, textOrNone(s.lastSleepCause)},
         {u"Last wake cause"_s, textOrNone(s.lastWakeCause)},
     };
@@ -101,7 +101,7 @@ QString statisticsText(const SystemStatsMessage& s) {
         lines.append(u"Volumes:"_s);
         for (const HLVPDiskVolumeInfo& volume : *s.diskVolumes) {
             lines.append(u"  %1  %2: %3 free of %4"_s.arg(volume.path, volume.name, gibText(volume.freeBytes),
-                                                           gibText(volume.totalBytes)));
+                                                          gibText(volume.totalBytes)));
         }
     }
     return lines.join(u'\n');
@@ -117,8 +117,9 @@ QString messageSummary(const HLVPMessage& message) {
     const QString type = wireTypeName(message);
     if (const auto* stats = std::get_if<SystemStatsMessage>(&message)) {
         return u"%1: memory %2 free of %3, disk %4 free of %5, uptime %6 s"_s.arg(
-            type, bytesText(stats->freeMemory), bytesText(stats->totalMemory), bytesText(stats->freeDiskSpace),
-            bytesText(stats->totalDiskSpace), optionalText(stats->uptimeSeconds));
+            type, bytesText(stats->freeMemory), bytesText(stats->totalMemory),
+            bytesText(stats->freeDiskSpace), bytesText(stats->totalDiskSpace),
+            optionalText(stats->uptimeSeconds));
     }
     if (const auto* error = std::get_if<ErrorMessage>(&message)) {
         return u"%1: %2: %3"_s.arg(type, error->code, error->message);

@@ -1,7 +1,6 @@
 #include "password_prompt.h"
 
 #include <QByteArray>
-
 #include <cstdio>
 #include <termios.h>
 #include <unistd.h>

@@ -12,11 +12,12 @@ namespace {
 constexpr auto goodbyeGracePeriod = std::chrono::seconds(3);
 }
 
-ViewerSession::ViewerSession(AgentAddress address, QString clientName, QString knownAgentsPath, QTextStream& out,
-                             QTextStream& err, QObject* parent)
+ViewerSession::ViewerSession(AgentAddress address, QString clientName, QString knownAgentsPath,
+                             QTextStream& out, QTextStream& err, QObject* parent)
     : QObject(parent), m_address(std::move(address)), m_clientName(std::move(clientName)),
       m_knownAgentsPath(std::move(knownAgentsPath)), m_out(out), m_err(err) {
-    m_connection.setFingerprintCheck([this](const QString& fingerprint) { return checkFingerprint(fingerprint); });
+    m_connection.setFingerprintCheck(
+        [this](const QString& fingerprint) { return checkFingerprint(fingerprint); });
     connect(&m_connection, &HLVPConnection::ready, this, &ViewerSession::ready);
     connect(&m_connection, &HLVPConnection::messageReceived, this, &ViewerSession::onMessage);
     connect(&m_connection, &HLVPConnection::failed, this, [this](const QString& reason, int kind) {
@@ -53,9 +54,10 @@ bool ViewerSession::checkFingerprint(const QString& fingerprint) {
     }
     if (!entry) {
         m_err << u"The agent at %1 is not known yet. Its identity fingerprint (SHA-256) is\n  %2\n"_s.arg(
-                     m_address.display(), fingerprint);
+            m_address.display(), fingerprint);
         if (known.add(m_address.display(), fingerprint, &error)) {
-            m_err << u"Stored in %1; from now on this agent must present the same identity."_s.arg(known.path())
+            m_err << u"Stored in %1; from now on this agent must present the same identity."_s.arg(
+                         known.path())
                   << Qt::endl;
         } else {
             m_err << u"tellwyn: warning: the fingerprint was not stored: %1"_s.arg(error) << Qt::endl;
@@ -69,12 +71,12 @@ bool ViewerSession::checkFingerprint(const QString& fingerprint) {
              u"@     WARNING: THE AGENT'S IDENTITY HAS CHANGED!          @\n"
              u"@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@@\n"
              u"Someone may be intercepting this connection, or the agent's identity was made anew.\n"_s
-          << u"The agent at %1 presents the fingerprint\n  %2\nbut %3 (line %4) pins\n  %5\n"_s.arg(
-                 m_address.display(), fingerprint, known.path())
+          << u"The agent at %1 presents the fingerprint\n  %2\nbut %3 (line %4) pins\n  %5\n"_s
+                 .arg(m_address.display(), fingerprint, known.path())
                  .arg(entry->line)
                  .arg(entry->fingerprint)
-          << u"Nothing was sent. If the change is expected, remove line %1 of %2 and connect again."_s.arg(
-                 entry->line)
+          << u"Nothing was sent. If the change is expected, remove line %1 of %2 and connect again."_s
+                 .arg(entry->line)
                  .arg(known.path())
           << Qt::endl;
     m_exitCode = exitUntrustedAgent;

@@ -11,11 +11,11 @@ namespace tellwyn {
 // How `tellwyn` ends; documented in `tellwyn --help`.
 enum ViewerExitCode {
     exitOk = 0,
-    exitFailure = 1,         // a local problem (files, terminal)
+    exitFailure = 1, // a local problem (files, terminal)
     exitUsage = 2,
-    exitConnectFailed = 3,   // the agent could not be reached, or the connection was lost
-    exitUntrustedAgent = 4,  // the agent's identity differs from the pinned one
-    exitProtocolError = 5,   // the agent refused a message or spoke something unreadable
+    exitConnectFailed = 3,  // the agent could not be reached, or the connection was lost
+    exitUntrustedAgent = 4, // the agent's identity differs from the pinned one
+    exitProtocolError = 5,  // the agent refused a message or spoke something unreadable
     exitSignInRefused = 6,
 };
 

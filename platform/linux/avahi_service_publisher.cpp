@@ -90,7 +90,9 @@ private:
         switch (state) {
         case AVAHI_ENTRY_GROUP_ESTABLISHED:
             if (m_confirmed) {
-                report([this, name = m_name, port = m_description.port] { Q_EMIT responderReturned(name, port); });
+                report([this, name = m_name, port = m_description.port] {
+                    Q_EMIT responderReturned(name, port);
+                });
             } else {
                 m_confirmed = true;
                 report([this, name = m_name, port = m_description.port] { Q_EMIT didPublish(name, port); });
@@ -162,8 +164,8 @@ private:
                     return;
                 }
                 int error = 0;
-                m_client = avahi_client_new(m_poll.poll(), AVAHI_CLIENT_NO_FAIL, &AvahiPublishedService::clientCallback,
-                                            this, &error);
+                m_client = avahi_client_new(m_poll.poll(), AVAHI_CLIENT_NO_FAIL,
+                                            &AvahiPublishedService::clientCallback, this, &error);
                 if (m_client == nullptr) {
                     fail();
                 }

@@ -3,11 +3,9 @@
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QScreen>
-
+#include <cstdlib>
 #include <xcb/randr.h>
 #include <xcb/xcb.h>
-
-#include <cstdlib>
 
 using namespace Qt::StringLiterals;
 
@@ -47,8 +45,8 @@ bool LinuxDisplayProbe::displayReachable() {
     const char* runtimeDirectory = std::getenv("XDG_RUNTIME_DIR");
     if (wayland != nullptr && *wayland != '\0') {
         const QString socket = QString::fromLocal8Bit(wayland);
-        const QString path = socket.startsWith(u'/') ? socket
-                                                      : QString::fromLocal8Bit(runtimeDirectory) + u'/' + socket;
+        const QString path =
+            socket.startsWith(u'/') ? socket : QString::fromLocal8Bit(runtimeDirectory) + u'/' + socket;
         if (QFileInfo(path).exists()) {
             return true;
         }
@@ -66,7 +64,7 @@ bool LinuxDisplayProbe::displayReachable() {
 int LinuxDisplayProbe::displayCount() const {
     if (auto* gui = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
         return isVirtualPlatform(QGuiApplication::platformName()) ? 0
-                                                                   : static_cast<int>(gui->screens().size());
+                                                                  : static_cast<int>(gui->screens().size());
     }
     return countX11Monitors();
 }

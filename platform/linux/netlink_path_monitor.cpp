@@ -176,11 +176,10 @@ NetlinkPathMonitor::~NetlinkPathMonitor() {
 }
 
 void NetlinkPathMonitor::start(std::function<void()> onPathUpdate) {
-    m_thread.reset(QThread::create(
-        [wakeFd = m_wakeFd, onPathUpdate = std::move(onPathUpdate)] {
-            ensureAlternateSignalStack();
-            watch(wakeFd, onPathUpdate);
-        }));
+    m_thread.reset(QThread::create([wakeFd = m_wakeFd, onPathUpdate = std::move(onPathUpdate)] {
+        ensureAlternateSignalStack();
+        watch(wakeFd, onPathUpdate);
+    }));
     m_thread->setObjectName(m_threadName);
     m_thread->start();
 }

@@ -1,11 +1,9 @@
 #include "pam_account_verifier.h"
 
 #include <QFileInfo>
-
-#include <security/pam_appl.h>
-
 #include <cstdlib>
 #include <cstring>
+#include <security/pam_appl.h>
 
 using namespace Qt::StringLiterals;
 
@@ -30,7 +28,8 @@ int converse(int count, const struct pam_message** messages, struct pam_response
     const auto* conversation = static_cast<const Conversation*>(data);
     for (int i = 0; i < count; ++i) {
         if (messages[i]->msg_style == PAM_PROMPT_ECHO_OFF) {
-            replies[i].resp = strndup(conversation->password->constData(), size_t(conversation->password->size()));
+            replies[i].resp =
+                strndup(conversation->password->constData(), size_t(conversation->password->size()));
             if (replies[i].resp == nullptr) {
                 for (int j = 0; j < i; ++j) {
                     std::free(replies[j].resp);
@@ -46,7 +45,8 @@ int converse(int count, const struct pam_message** messages, struct pam_response
 
 // The agent limits attempts itself; the modules' own pause after a failure would only hold up the
 // checks queued behind this one.
-void noFailDelay(int, unsigned, void*) {}
+void noFailDelay(int, unsigned, void*) {
+}
 
 } // namespace
 

@@ -100,7 +100,8 @@ bool PortalPermissionService::allowed(Kind kind) {
     }
     // What the portal offers is asked in the background and answered from the last reply, so a
     // query never waits on the bus (it may come from the main thread or the statistics thread).
-    QMetaObject::invokeMethod(this, [this, kind] { refreshOfferedTypes(kind); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, kind] { refreshOfferedTypes(kind); }, Qt::QueuedConnection);
     const int offered = m_offeredTypes[static_cast<std::size_t>(kind)];
     return offered >= 0 && (uint(offered) & kindDetails.neededTypes) == kindDetails.neededTypes;
 }

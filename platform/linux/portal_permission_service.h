@@ -58,7 +58,7 @@ private:
 
     QDBusConnection m_bus;
     QString m_grantsFile;
-    std::array<bool, 2> m_pending{};        // by kind: a dialog is under way
+    std::array<bool, 2> m_pending{}; // by kind: a dialog is under way
     // By kind: the session types the portal last said it offers; -1 until it has answered.
     std::array<std::atomic<int>, 2> m_offeredTypes{-1, -1};
     QHash<QString, Responder> m_responders; // by request object path

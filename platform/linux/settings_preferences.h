@@ -3,7 +3,6 @@
 #include "preferences.h"
 
 #include <QSettings>
-
 #include <memory>
 
 namespace tellwyn {

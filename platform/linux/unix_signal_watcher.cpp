@@ -1,7 +1,6 @@
 #include "unix_signal_watcher.h"
 
 #include <QSocketNotifier>
-
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>

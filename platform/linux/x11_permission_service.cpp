@@ -2,11 +2,10 @@
 
 #include "desktop_settings.h"
 
-#include <xcb/xcb.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <xcb/xcb.h>
 
 namespace tellwyn {
 
@@ -61,6 +60,8 @@ bool X11PermissionService::inputInjectionAllowed() {
     return present;
 }
 
-bool X11PermissionService::openSettings(SettingsPage page) { return openDesktopSettings(page); }
+bool X11PermissionService::openSettings(SettingsPage page) {
+    return openDesktopSettings(page);
+}
 
 } // namespace tellwyn

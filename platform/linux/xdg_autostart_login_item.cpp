@@ -18,8 +18,8 @@ QString quotedArgument(const QString& argument) {
     QString text = argument;
     text.replace(u'%', u"%%"_s);
     static const QString reserved = u" \t\n\"'\\><~|&;$*?#()`"_s;
-    const bool needsQuotes =
-        text.isEmpty() || std::any_of(text.cbegin(), text.cend(), [](QChar c) { return reserved.contains(c); });
+    const bool needsQuotes = text.isEmpty() || std::any_of(text.cbegin(), text.cend(),
+                                                           [](QChar c) { return reserved.contains(c); });
     if (!needsQuotes) {
         return text;
     }
@@ -41,14 +41,16 @@ QString printedError(const QString& kind, const QString& path, const QString& re
 
 } // namespace
 
-XdgAutostartLoginItem::XdgAutostartLoginItem(QString autostartDirectory, QString executable, QStringList arguments)
+XdgAutostartLoginItem::XdgAutostartLoginItem(QString autostartDirectory, QString executable,
+                                             QStringList arguments)
     : m_directory(std::move(autostartDirectory)), m_executable(std::move(executable)),
-      m_arguments(std::move(arguments)) {}
+      m_arguments(std::move(arguments)) {
+}
 
 XdgAutostartLoginItem XdgAutostartLoginItem::forThisProgram() {
-    return XdgAutostartLoginItem(
-        QDir(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)).filePath(u"autostart"_s),
-        QCoreApplication::applicationFilePath(), {u"--start"_s});
+    return XdgAutostartLoginItem(QDir(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation))
+                                     .filePath(u"autostart"_s),
+                                 QCoreApplication::applicationFilePath(), {u"--start"_s});
 }
 
 QString XdgAutostartLoginItem::entryPath() const {

@@ -4,9 +4,9 @@
 
 #include "desktop_session.h"
 #include "display_probe.h"
-#include "system_clipboard.h"
 #include "permission_service.h"
 #include "preferences.h"
+#include "system_clipboard.h"
 #include "system_events.h"
 #include "system_identity.h"
 #include "window_system.h"

@@ -45,10 +45,10 @@ protected:
 
     // The fakes above, listening on loopback only; `advertiser` replaces the quiet one.
     AgentEnvironment fakeEnvironment(ServiceAdvertiser* advertiser = nullptr) {
-        AgentEnvironment environment{*time,  *time,           preferences,
-                                     identity, displays,      events,
-                                     services->stats, advertiser != nullptr ? *advertiser : services->advertiser,
-                                     data.path()};
+        AgentEnvironment environment{
+            *time,      *time,  preferences,     identity,
+            displays,   events, services->stats, advertiser != nullptr ? *advertiser : services->advertiser,
+            data.path()};
         environment.listenAddress = QHostAddress(QHostAddress::LocalHost);
         return environment;
     }

@@ -25,7 +25,8 @@ private:
     quint64 m_id;
 };
 
-VirtualTime::VirtualTime(QDateTime start) : m_now(std::move(start)) {}
+VirtualTime::VirtualTime(QDateTime start) : m_now(std::move(start)) {
+}
 
 VirtualTime::~VirtualTime() = default;
 
@@ -37,8 +38,8 @@ quint64 VirtualTime::add(std::chrono::milliseconds delay, std::optional<std::chr
                          QObject* context, std::function<void()> fn) {
     const quint64 id = m_nextId++;
     Entry entry{m_now.toMSecsSinceEpoch() + delay.count(),
-                interval ? std::optional<qint64>(interval->count()) : std::nullopt, context, context != nullptr,
-                std::move(fn)};
+                interval ? std::optional<qint64>(interval->count()) : std::nullopt, context,
+                context != nullptr, std::move(fn)};
     m_entries->emplace(id, std::move(entry));
     return id;
 }
@@ -71,7 +72,8 @@ void VirtualTime::advance(std::chrono::milliseconds duration) {
     for (;;) {
         auto next = m_entries->end();
         for (auto it = m_entries->begin(); it != m_entries->end(); ++it) {
-            if (it->second.dueMs <= target && (next == m_entries->end() || it->second.dueMs < next->second.dueMs)) {
+            if (it->second.dueMs <= target &&
+                (next == m_entries->end() || it->second.dueMs < next->second.dueMs)) {
                 next = it;
             }
         }

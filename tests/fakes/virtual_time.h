@@ -3,7 +3,6 @@
 #include "clock.h"
 
 #include <QPointer>
-
 #include <map>
 #include <memory>
 #include <optional>

@@ -5,7 +5,6 @@
 #include "hlvp_codec.h"
 
 #include <QBuffer>
-
 #include <cstdlib>
 
 using namespace tellwyn;

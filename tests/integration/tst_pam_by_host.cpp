@@ -5,7 +5,6 @@
 
 #include <QFile>
 #include <QTest>
-
 #include <pwd.h>
 #include <unistd.h>
 
@@ -41,7 +40,8 @@ private Q_SLOTS:
     void theRemoteHostReachesThePamRules() {
         PamAccountVerifier verifier(u"/etc/pam.d"_s, service);
         QVERIFY(verifier.verifyPassword(testUser, testPassword, u"127.0.0.1"_s).valid);
-        const AccountVerifier::Result refused = verifier.verifyPassword(testUser, testPassword, u"192.0.2.7"_s);
+        const AccountVerifier::Result refused =
+            verifier.verifyPassword(testUser, testPassword, u"192.0.2.7"_s);
         QVERIFY(!refused.valid);
         QVERIFY(!refused.error.isEmpty());
         QVERIFY(!verifier.verifyPassword(testUser, u"wrong"_s, u"127.0.0.1"_s).valid);

@@ -38,9 +38,9 @@ class TestPolkitUnlock : public QObject {
     MainWindow* askAdministrator() {
         preferences.set(u"PasswordProtectionEnabled"_s, true);
         preferences.set(u"ServerPassword"_s, u"sesame"_s);
-        manager = std::make_unique<ServerManager>(
-            AgentEnvironment{time, time, preferences, identity, displays, events, services.stats,
-                             services.advertiser, data.path()});
+        manager = std::make_unique<ServerManager>(AgentEnvironment{time, time, preferences, identity,
+                                                                   displays, events, services.stats,
+                                                                   services.advertiser, data.path()});
         VirtualTime::drainEvents(); // the settings load
         statusBar = std::make_unique<StatusBarManager>(
             *manager, StatusBarServices{preferences, time, polkit, {}, {}, [] {}, 0ms});

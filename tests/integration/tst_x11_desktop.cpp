@@ -79,8 +79,7 @@ private Q_SLOTS:
         manager.requestScreenCapturePermission();
         QTRY_VERIFY2(loggedLines().contains(u"[PERMISSIONS] Screen capture validation succeeded"_s),
                      qPrintable(loggedLines().join(u'\n')));
-        QVERIFY(loggedLines().contains(
-            u"[PERMISSIONS] Validating screen capture with a tiny capture"_s));
+        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Validating screen capture with a tiny capture"_s));
         QVERIFY(!loggedLines().filter(u"runtime validation failed"_s).size());
         QCOMPARE(manager.serverState().statusMessage, u"Ready for connections"_s);
 

@@ -6,9 +6,9 @@
 #include "fake_services.h"
 #include "log_lines.h"
 #include "log_page.h"
-#include "server_manager_access.h"
 #include "loopback_agent.h"
 #include "server_log_manager.h"
+#include "server_manager_access.h"
 #include "settings_view.h"
 #include "setup_wizard.h"
 
@@ -47,7 +47,7 @@ struct Desk {
         if (storedPort) {
             preferences.set(u"serverPort"_s, *storedPort);
         }
-        AgentEnvironment environment{time,   time,           preferences,         identity,  displays,
+        AgentEnvironment environment{time,   time,           preferences,         identity,   displays,
                                      events, services.stats, services.advertiser, data.path()};
         environment.permissions = &permissions;
         environment.credentialStore = &keyring;

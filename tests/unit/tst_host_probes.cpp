@@ -267,13 +267,15 @@ private Q_SLOTS:
         laptop.tools.insert(u"journalctl"_s, toolOutput(u"journalctl-sleep.txt"_s));
         // Lines of other programs that mention sleeping or waking (logind, NetworkManager) and
         // the agent's own log never count: only the system's suspend and resume records.
-        QCOMPARE(laptop.probes->powerLogLine(u"Sleep"_s),
-                 u"2026-11-23T08:02:12+0100 laptop systemd-sleep[40211]: Entering sleep state 'suspend'..."_s);
+        QCOMPARE(
+            laptop.probes->powerLogLine(u"Sleep"_s),
+            u"2026-11-23T08:02:12+0100 laptop systemd-sleep[40211]: Entering sleep state 'suspend'..."_s);
         QCOMPARE(laptop.toolCalls.last().path, u"/usr/bin/journalctl"_s);
         QVERIFY(laptop.toolCalls.last().arguments.contains(u"-b"_s));
         QCOMPARE(laptop.toolCalls.last().limitMs, 3000);
-        QCOMPARE(laptop.probes->powerLogLine(u"Wake"_s),
-                 u"2026-11-23T09:14:41+0100 laptop systemd-sleep[40211]: System returned from sleep state."_s);
+        QCOMPARE(
+            laptop.probes->powerLogLine(u"Wake"_s),
+            u"2026-11-23T09:14:41+0100 laptop systemd-sleep[40211]: System returned from sleep state."_s);
     }
 
     void enrolmentThroughRealm() {

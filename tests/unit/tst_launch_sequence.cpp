@@ -56,8 +56,8 @@ class TestLaunchSequence : public QObject {
         delegate = std::make_unique<AppDelegate>(AppDelegate::Parts{
             [this] {
                 services = std::make_unique<QuietAgentServices>(*time, identity);
-                return std::make_unique<ServerManager>(AgentEnvironment{*time, *time, preferences, identity, displays,
-                                                                        events, services->stats,
+                return std::make_unique<ServerManager>(AgentEnvironment{*time, *time, preferences, identity,
+                                                                        displays, events, services->stats,
                                                                         services->advertiser, data.path()});
             },
             [this](ServerManager& manager) {

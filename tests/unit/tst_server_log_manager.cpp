@@ -53,15 +53,15 @@ private Q_SLOTS:
                                   << u"[3:04:05 PM] [DNS-SD] Started DNS-SD service publishing"_s;
         QTest::newRow("empty message") << u"INFO"_s << QString() << u"[3:04:05 PM] [INFO] "_s;
         QTest::newRow("empty category") << QString() << u"text"_s << u"[3:04:05 PM] [] text"_s;
-        QTest::newRow("brackets and newline kept") << u"WARN"_s << u"a ] b [c]\nsecond"_s
-                                                   << u"[3:04:05 PM] [WARN] a ] b [c]\nsecond"_s;
+        QTest::newRow("brackets and newline kept")
+            << u"WARN"_s << u"a ] b [c]\nsecond"_s << u"[3:04:05 PM] [WARN] a ] b [c]\nsecond"_s;
     }
     void buildsLinesFromTimeCategoryAndMessage() {
         QFETCH(QString, category);
         QFETCH(QString, message);
         QFETCH(QString, expected);
-        QString line = ServerLogManager::formatLine(VirtualTime::defaultStart(), category, message,
-                                                    QLocale(u"en_US"_s));
+        QString line =
+            ServerLogManager::formatLine(VirtualTime::defaultStart(), category, message, QLocale(u"en_US"_s));
         line.replace(QChar(0x202F), u' ');
         QCOMPARE(line, expected);
     }
@@ -73,13 +73,13 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         QTest::newRow("well formed") << u"[3:04:05 PM] [SERVER] Server setup completed"_s << u"3:04:05 PM"_s
                                      << u"SERVER"_s << u"Server setup completed"_s;
-        QTest::newRow("bracket in message stays") << u"[15:04:05] [WARN] odd ] text ]"_s << u"15:04:05"_s
-                                                  << u"WARN"_s << u"odd ] text ]"_s;
-        QTest::newRow("tabs trimmed, newline kept") << u"[1] [X] \tone\ntwo\t "_s << u"1"_s << u"X"_s
-                                                    << u"one\ntwo"_s;
+        QTest::newRow("bracket in message stays")
+            << u"[15:04:05] [WARN] odd ] text ]"_s << u"15:04:05"_s << u"WARN"_s << u"odd ] text ]"_s;
+        QTest::newRow("tabs trimmed, newline kept")
+            << u"[1] [X] \tone\ntwo\t "_s << u"1"_s << u"X"_s << u"one\ntwo"_s;
         QTest::newRow("empty pieces kept") << u"]]"_s << QString() << QString() << QString();
-        QTest::newRow("one bracket only") << u"[12:00] no category"_s << QString() << u"INFO"_s
-                                          << u"[12:00] no category"_s;
+        QTest::newRow("one bracket only")
+            << u"[12:00] no category"_s << QString() << u"INFO"_s << u"[12:00] no category"_s;
         QTest::newRow("no bracket") << u"plain text"_s << QString() << u"INFO"_s << u"plain text"_s;
     }
     void parsesLinesBack() {

@@ -1,9 +1,9 @@
-#include "service_advertiser.h"
 #include "fake_discovery.h"
 #include "log_lines.h"
 #include "manager_fixture.h"
 #include "server_log_manager.h"
 #include "server_manager_access.h"
+#include "service_advertiser.h"
 
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -82,7 +82,8 @@ private Q_SLOTS:
     void firstLaunchLoadsDefaultsAfterConstruction() {
         preferences.set(u"customUsername"_s, u"mallory"_s);
         makeManager();
-        QVERIFY(ServerManagerTestAccess(*manager).server() == nullptr); // the settings load is posted, not run in place
+        QVERIFY(ServerManagerTestAccess(*manager).server() ==
+                nullptr); // the settings load is posted, not run in place
         QCOMPARE(manager->serverState().statusMessage, u"Agent not started"_s);
         QCOMPARE(manager->permissionState().accountStatus, u"Initializing..."_s);
         VirtualTime::drainEvents();
@@ -104,11 +105,11 @@ private Q_SLOTS:
         QCOMPARE(ServerManagerTestAccess(*manager).server()->maxConnections(), 32);
         QVERIFY(!manager->serverState().isRunning);
         QCOMPARE(manager->serverState().statusMessage, u"Agent not started"_s);
-        QVERIFY(loggedInOrder({u"[INIT] AgentManager initialized"_s,
-                               u"[AUTH] Server configured to use this computer's current account for user: alice"_s,
-                               u"[SERVER] Auto-start server setting loaded: disabled"_s,
-                               u"[SERVER] Loaded server port: 5905"_s, u"[SERVER] Setting up HLVP server"_s,
-                               u"[SERVER] Server setup completed"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[INIT] AgentManager initialized"_s,
+             u"[AUTH] Server configured to use this computer's current account for user: alice"_s,
+             u"[SERVER] Auto-start server setting loaded: disabled"_s, u"[SERVER] Loaded server port: 5905"_s,
+             u"[SERVER] Setting up HLVP server"_s, u"[SERVER] Server setup completed"_s}));
         time->advance(10s);
         QVERIFY(!loggedLines().contains(u"[SERVER] Attempting to start HLVP server"_s));
     }
@@ -182,7 +183,8 @@ private Q_SLOTS:
         time->advance(1ms);
         QVERIFY(loggedLines().contains(u"[SERVER] Attempting to start HLVP server"_s));
         QVERIFY(manager->serverState().isRunning);
-        QCOMPARE(ServerManagerTestAccess(*manager).activeTaskCount(), 0); // the start task was tracked and let go when done
+        QCOMPARE(ServerManagerTestAccess(*manager).activeTaskCount(),
+                 0); // the start task was tracked and let go when done
         QVERIFY(acceptsConnections(port));
     }
 
@@ -368,7 +370,8 @@ private Q_SLOTS:
         QVERIFY(!manager->serverState().isRunning);
         manager->setAutoStartServer(false);
         QCOMPARE(preferences.values.value(u"autoStartServer"_s), QVariant(false));
-        QVERIFY(loggedInOrder({u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
+        QVERIFY(loggedInOrder(
+            {u"[SERVER] Auto-start server enabled"_s, u"[SERVER] Auto-start server disabled"_s}));
     }
 
     void sleepAndWakeKeepTheServerAndSetTheirTexts() {
@@ -395,11 +398,11 @@ private Q_SLOTS:
         // Handled inside the notification: nothing needs the event loop.
         QVERIFY(!manager->serverState().isRunning);
         QVERIFY(ServerManagerTestAccess(*manager).server() != nullptr);
-        QCOMPARE(loggedLines(),
-                 QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
-                              u"[SERVER] Stopping HLVP server"_s, u"[DNS-SD] Stopped DNS-SD service publishing"_s,
-                              u"[SERVER] Remote service stopped successfully"_s,
-                              u"[SERVER] All subscriptions cancelled"_s}));
+        QCOMPARE(loggedLines(), QStringList({u"[SERVER] Application terminating - cleaning up resources"_s,
+                                             u"[SERVER] Stopping HLVP server"_s,
+                                             u"[DNS-SD] Stopped DNS-SD service publishing"_s,
+                                             u"[SERVER] Remote service stopped successfully"_s,
+                                             u"[SERVER] All subscriptions cancelled"_s}));
         QVERIFY(!acceptsConnections(port));
     }
 

@@ -66,7 +66,9 @@ private Q_SLOTS:
         displays.count = 1;
         AgentEnvironment environment = fakeEnvironment();
         environment.permissions = &permissions;
-        environment.makeScreenCapture = [this] { return std::make_unique<FakeScreenCapture>(captures); };
+        environment.makeScreenCapture = [this] {
+            return std::make_unique<FakeScreenCapture>(captures);
+        };
         startManager(environment);
         ServerLogManager::shared().clearLogs();
         VirtualTime::drainEvents();
@@ -150,7 +152,8 @@ private Q_SLOTS:
         const int pending = time->pendingTimerCount();
         manager->requestScreenCapturePermission();
         QVERIFY(!access().cachedPermission(u"screenCapture"_s));
-        QVERIFY(loggedLines().contains(u"[PERMISSIONS] Screen capture permissions already granted, skipping request"_s));
+        QVERIFY(loggedLines().contains(
+            u"[PERMISSIONS] Screen capture permissions already granted, skipping request"_s));
         QCOMPARE(permissions.screenCaptureRequests, 0);
         QCOMPARE(time->pendingTimerCount(), pending);
     }
@@ -166,8 +169,9 @@ private Q_SLOTS:
         QCOMPARE(captures.pending.size(), 1);
         answerCapture(false);
         QCOMPARE(captures.cleanups, 1);
-        QCOMPARE(status(), u"Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
-                           u"remote viewing does not start."_s);
+        QCOMPARE(status(),
+                 u"Screen recording is granted, but capture validation failed. Relaunch TellwynAgent if "
+                 u"remote viewing does not start."_s);
         QVERIFY(loggedLines().contains(u"[PERMISSIONS] Screen capture validation failed: no picture"_s));
         access().validateScreenCaptureRuntime();
         answerCapture(true);

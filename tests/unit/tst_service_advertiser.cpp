@@ -1,8 +1,8 @@
-#include "service_advertiser.h"
 #include "fake_discovery.h"
 #include "fake_platform.h"
 #include "log_lines.h"
 #include "server_log_manager.h"
+#include "service_advertiser.h"
 #include "virtual_time.h"
 
 #include <QSignalSpy>
@@ -42,7 +42,7 @@ private Q_SLOTS:
         publisher = ownedPublisher.get();
         monitor = ownedMonitor.get();
         manager = std::make_unique<ServiceAdvertiser>(std::move(ownedPublisher), std::move(ownedMonitor),
-                                                          *time, *identity);
+                                                      *time, *identity);
     }
 
     void cleanup() {
@@ -231,8 +231,9 @@ private Q_SLOTS:
         QCOMPARE(manager->publishedServiceName(), u"TellwynAgent - Desk #2"_s);
         QCOMPARE(manager->publishedPort(), quint16(5905));
         QCOMPARE(loggedLines(),
-                 QStringList({u"[WARN] DNS-SD responder went away: the agent is advertised again when it returns"_s,
-                              u"[INFO] DNS-SD responder is back: advertising \"TellwynAgent - Desk #2\" again"_s}));
+                 QStringList(
+                     {u"[WARN] DNS-SD responder went away: the agent is advertised again when it returns"_s,
+                      u"[INFO] DNS-SD responder is back: advertising \"TellwynAgent - Desk #2\" again"_s}));
         manager->stop(); // still withdrawn when the server stops
         QVERIFY(service.isNull() || service->stopped);
     }

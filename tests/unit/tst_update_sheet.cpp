@@ -103,8 +103,8 @@ private Q_SLOTS:
             (QStringList{u"Update Available"_s, u"Version 1.6.0 is ready to download."_s, u"Release Notes"_s,
                          u"New dashboard"_s, u"Choose how to get the installer."_s}));
         QCOMPARE(visibleButtons(*rig.sheet),
-                 (QStringList{u"Download directly in the app"_s,
-                              UpdateDownloadSheet::vendorSiteButtonTitle(), u"Cancel"_s}));
+                 (QStringList{u"Download directly in the app"_s, UpdateDownloadSheet::vendorSiteButtonTitle(),
+                              u"Cancel"_s}));
         QVERIFY(rig.sheet->minimumWidth() >= 440);
         QCOMPARE(rig.sheet->findChild<QScrollArea*>(u"releaseNotesArea"_s)->maximumHeight(), 140);
         QVERIFY(rig.network.replies.isEmpty()); // nothing starts before the user chooses
