@@ -11,6 +11,11 @@ using namespace Qt::StringLiterals;
 
 namespace tellwyn::testing {
 
+namespace {
+// Long enough for a loaded two-core machine; a working agent answers far sooner.
+constexpr int networkDeadlineMs = 60000;
+} // namespace
+
 LoopbackViewer::LoopbackViewer() {
     QObject::connect(connection.get(), &HLVPConnection::messageReceived, connection.get(),
                      [this](const HLVPMessage& message) { received.append(message); });
@@ -51,7 +56,7 @@ std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional
         QSignalSpy ready(viewer->connection.get(), &HLVPConnection::ready);
         viewer->connection->setLocalAddress(QHostAddress(from));
         viewer->connection->connectToAgent(u"127.0.0.1"_s, port, *name);
-        if (!ready.wait(5000)) {
+        if (!ready.wait(networkDeadlineMs)) {
             return nullptr;
         }
     } else {
@@ -61,7 +66,7 @@ std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional
         QSignalSpy encrypted(socket, &QSslSocket::encrypted);
         socket->connectToHostEncrypted(u"127.0.0.1"_s, port);
         // The agent runs on this thread: wait with the event loop running.
-        if (!encrypted.wait(5000)) {
+        if (!encrypted.wait(networkDeadlineMs)) {
             return nullptr;
         }
     }
@@ -85,6 +90,15 @@ void LoopbackAgent::signIn(LoopbackViewer& viewer, const QString& user, const QS
     message.method = HLVP::AuthenticationMethod::password;
     message.credentials = {{u"username"_s, user}, {u"password"_s, password}};
     viewer.connection->send(message);
+}
+
+const AuthenticationResponseMessage* LoopbackAgent::signInAndWait(LoopbackViewer& viewer, const QString& user,
+                                                                  const QString& password) {
+    const qsizetype answersBefore = viewer.count<AuthenticationResponseMessage>();
+    signIn(viewer, user, password);
+    const bool answered = QTest::qWaitFor(
+        [&] { return viewer.count<AuthenticationResponseMessage>() > answersBefore; }, networkDeadlineMs);
+    return answered ? viewer.last<AuthenticationResponseMessage>() : nullptr;
 }
 
 void LoopbackAgent::settle() {

@@ -52,6 +52,9 @@ public:
                                                   const QString& from = QStringLiteral("127.0.0.1"));
     // Sends a password sign-in from `viewer`.
     static void signIn(LoopbackViewer& viewer, const QString& user, const QString& password);
+    // Signs in and waits for the agent's answer; null when none came.
+    static const AuthenticationResponseMessage* signInAndWait(LoopbackViewer& viewer, const QString& user,
+                                                              const QString& password);
 
     // Lets network traffic and posted work settle, without moving virtual time.
     static void settle();

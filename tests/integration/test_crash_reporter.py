@@ -253,16 +253,6 @@ class CrashingProgramTest(CrashReportTestCase):
                     self.assertEqual(len(server.wait_for_posts(run + 1)), run + 1)
                     self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
 
-    def test_the_alert_holds_the_crashed_process_for_its_wait(self):
-        # A GUI application on the offscreen platform: the alert is shown and nobody dismisses it.
-        with ReportServer() as server:
-            result, elapsed, before = crash("segv", server.url, "--gui", extra_env={"QT_QPA_PLATFORM": "offscreen"})
-            self.assertEqual(result.returncode, -signal.SIGSEGV)
-            self.assertExactUpload(server.wait_for_posts(1)[0], before)
-            self.assertGreaterEqual(elapsed, 10.0 + 0.5)
-            self.assertLess(elapsed, 10.0 + WAIT_LIMIT)
-
-
     def test_pressing_ok_in_the_alert_ends_the_wait(self):
         read_end, write_end = os.pipe()
         xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp"],

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <memory>
 #include <sys/socket.h>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
@@ -188,10 +189,11 @@ private Q_SLOTS:
     void theDoorStaysOpenWhateverHappensBeforeTls_data() {
         QTest::addColumn<int>("count");
         QTest::addColumn<QString>("ending");
-        for (const int count : {32, 33, 40}) {
-            for (const char* ending : {"close", "reset", "garbage", "idle"}) {
-                QTest::addRow("%d %s", count, ending) << count << QString::fromLatin1(ending);
-            }
+        // One row per way a negotiation can end, at the limit, just over it and well over it.
+        const std::pair<int, const char*> rows[] = {
+            {33, "close"}, {32, "reset"}, {40, "garbage"}, {32, "idle"}};
+        for (const auto& [count, ending] : rows) {
+            QTest::addRow("%d %s", count, ending) << count << QString::fromLatin1(ending);
         }
     }
 

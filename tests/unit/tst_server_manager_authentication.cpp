@@ -34,16 +34,15 @@ class TestServerManagerAuthentication : public QObject {
         if (!viewer) {
             return u"(no connection)"_s;
         }
-        LoopbackAgent::signIn(*viewer, user, password);
-        if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; },
-                             5000)) {
+        const auto* answer = LoopbackAgent::signInAndWait(*viewer, user, password);
+        if (!answer) {
             return u"(no answer)"_s;
         }
         // A copy: the list of received messages grows while events are processed below.
-        const AuthenticationResponseMessage response = *viewer->last<AuthenticationResponseMessage>();
+        const AuthenticationResponseMessage response = *answer;
         if (!response.success) {
             // Every refusal ends the connection.
-            if (!QTest::qWaitFor([&] { return viewer->closed; }, 5000)) {
+            if (!QTest::qWaitFor([&] { return viewer->closed; }, 60000)) {
                 return u"(left open)"_s;
             }
         }

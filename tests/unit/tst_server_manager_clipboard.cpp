@@ -26,9 +26,7 @@ class TestServerManagerClipboard : public QObject {
         if (!viewer) {
             return nullptr;
         }
-        LoopbackAgent::signIn(*viewer, u"alice"_s, u"correct horse"_s);
-        if (!QTest::qWaitFor([&] { return viewer->last<AuthenticationResponseMessage>() != nullptr; },
-                             5000)) {
+        if (!LoopbackAgent::signInAndWait(*viewer, u"alice"_s, u"correct horse"_s)) {
             return nullptr;
         }
         LoopbackAgent::settle();
