@@ -26,6 +26,13 @@ void paintPattern(RemoteScreen& screen) {
     }
 }
 
+QByteArray zstd(const QByteArray& bytes) {
+    QByteArray compressed(qsizetype(ZSTD_compressBound(std::size_t(bytes.size()))), Qt::Uninitialized);
+    compressed.truncate(qsizetype(ZSTD_compress(compressed.data(), std::size_t(compressed.size()),
+                                                bytes.constData(), std::size_t(bytes.size()), 3)));
+    return compressed;
+}
+
 QByteArray smoothRgb(int width, int height) {
     QByteArray rgb;
     for (int y = 0; y < height; ++y) {
@@ -77,6 +84,7 @@ private Q_SLOTS:
         QCOMPARE(screen.pixel(19, 10), 0xFF000000u); // untouched beside the tile
         QVERIFY(!screen.paintZstd(QRect(20, 10, 16, 7), compressed, &error));
         QVERIFY(error.contains(u"16x7"_s));
+        QVERIFY(!screen.paintZstd(QRect(20, 10, 16, 9), compressed, &error));
         QVERIFY(!screen.paintZstd(QRect(20, 10, 16, 8), compressed.left(compressed.size() / 2), &error));
     }
 
@@ -118,16 +126,16 @@ private Q_SLOTS:
         QVERIFY(!screen.fill(QRect(4, 4, 5, 1), 0xFFFFFF, &error));
         QVERIFY(error.contains(u"outside the 8x8 screen"_s));
         QVERIFY(!screen.copy(QRect(0, 0, 4, 4), QPoint(6, 6), &error));
-        QVERIFY(!screen.paintIndexed(QRect(0, 0, 2, 1), {0x123456}, QByteArray("\x00\x01", 2), &error));
+        QVERIFY(!screen.paintPalette(QRect(0, 0, 2, 1), {0x123456}, zstd(QByteArray("\x00\x01", 2)), &error));
         QVERIFY(error.contains(u"beyond the 1 colours"_s));
-        QVERIFY(!screen.paintIndexed(QRect(0, 0, 2, 2), {0x123456}, QByteArray(3, '\0'), &error));
+        QVERIFY(!screen.paintPalette(QRect(0, 0, 2, 2), {0x123456}, zstd(QByteArray(3, '\0')), &error));
         for (int y = 0; y < 8; ++y) {
             for (int x = 0; x < 8; ++x) {
                 QCOMPARE(screen.pixel(x, y), 0xFF000000u | std::uint32_t(y) << 8 | std::uint32_t(x));
             }
         }
-        QVERIFY(
-            screen.paintIndexed(QRect(1, 1, 2, 1), {0x123456, 0xABCDEF}, QByteArray("\x01\x00", 2), &error));
+        QVERIFY(screen.paintPalette(QRect(1, 1, 2, 1), {0x123456, 0xABCDEF}, zstd(QByteArray("\x01\x00", 2)),
+                                    &error));
         QCOMPARE(screen.pixel(1, 1), 0xFFABCDEFu);
         QCOMPARE(screen.pixel(2, 1), 0xFF123456u);
     }

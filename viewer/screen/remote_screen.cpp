@@ -75,19 +75,33 @@ bool RemoteScreen::copy(const QRect& source, QPoint destination, QString* error)
     return true;
 }
 
-bool RemoteScreen::paintIndexed(const QRect& rect, const std::vector<std::uint32_t>& palette,
-                                const QByteArray& indices, QString* error) {
+const unsigned char* RemoteScreen::inflate(const QRect& rect, const QByteArray& compressed, std::size_t size,
+                                           QString* error) {
+    std::vector<unsigned char>& out = m_decoders->scratch;
+    out.resize(size + 1); // one spare byte, so that too much data shows as such
+    const std::size_t got = ZSTD_decompressDCtx(m_decoders->zstd, out.data(), out.size(),
+                                                compressed.constData(), std::size_t(compressed.size()));
+    if (ZSTD_isError(got) || got != size) {
+        *error =
+            u"zstd data that does not hold a %1x%2 rectangle%3"_s.arg(rect.width())
+                .arg(rect.height())
+                .arg(ZSTD_isError(got) ? u": "_s + QString::fromUtf8(ZSTD_getErrorName(got)) : QString());
+        return nullptr;
+    }
+    return out.data();
+}
+
+bool RemoteScreen::paintPalette(const QRect& rect, const std::vector<std::uint32_t>& palette,
+                                const QByteArray& compressed, QString* error) {
     if (!checkRect(rect, error)) {
         return false;
     }
-    if (indices.size() != qsizetype(rect.width()) * rect.height()) {
-        *error = u"%1 colour indices for a %2x%3 rectangle"_s.arg(indices.size())
-                     .arg(rect.width())
-                     .arg(rect.height());
+    const std::size_t count = std::size_t(rect.width()) * std::size_t(rect.height());
+    const unsigned char* index = inflate(rect, compressed, count, error);
+    if (index == nullptr) {
         return false;
     }
-    const auto* index = reinterpret_cast<const unsigned char*>(indices.constData());
-    if (std::any_of(index, index + indices.size(), [&](unsigned char i) { return i >= palette.size(); })) {
+    if (std::any_of(index, index + count, [&](unsigned char i) { return i >= palette.size(); })) {
         *error = u"a colour index beyond the %1 colours of the palette"_s.arg(palette.size());
         return false;
     }
@@ -104,23 +118,11 @@ bool RemoteScreen::paintZstd(const QRect& rect, const QByteArray& compressed, QS
     if (!checkRect(rect, error)) {
         return false;
     }
-    const std::size_t expected = std::size_t(rect.width()) * std::size_t(rect.height()) * 3;
-    std::vector<unsigned char>& rgb = m_decoders->scratch;
-    rgb.resize(expected + 1); // one spare byte, so that too much data shows as such
-    const std::size_t got = ZSTD_decompressDCtx(m_decoders->zstd, rgb.data(), rgb.size(),
-                                                compressed.constData(), std::size_t(compressed.size()));
-    if (ZSTD_isError(got)) {
-        *error = u"a zstd tile that does not hold a %1x%2 rectangle: %3"_s.arg(rect.width())
-                     .arg(rect.height())
-                     .arg(QString::fromUtf8(ZSTD_getErrorName(got)));
+    const unsigned char* in =
+        inflate(rect, compressed, std::size_t(rect.width()) * std::size_t(rect.height()) * 3, error);
+    if (in == nullptr) {
         return false;
     }
-    if (got != expected) {
-        *error =
-            u"a zstd tile of %1 bytes for a %2x%3 rectangle"_s.arg(got).arg(rect.width()).arg(rect.height());
-        return false;
-    }
-    const unsigned char* in = rgb.data();
     for (int y = rect.top(); y <= rect.bottom(); ++y) {
         std::uint32_t* out = row(y) + rect.x();
         for (int x = 0; x < rect.width(); ++x, in += 3) {

@@ -35,9 +35,9 @@ public:
     bool fill(const QRect& rect, std::uint32_t rgb, QString* error);
     // Moves pixels the viewer already has, as a scroll does; source and destination may overlap.
     bool copy(const QRect& source, QPoint destination, QString* error);
-    // Colour indices (one byte each, row by row) into `palette`.
-    bool paintIndexed(const QRect& rect, const std::vector<std::uint32_t>& palette, const QByteArray& indices,
-                      QString* error);
+    // Colour indices into `palette` (one byte each, row by row), compressed with zstd.
+    bool paintPalette(const QRect& rect, const std::vector<std::uint32_t>& palette,
+                      const QByteArray& compressed, QString* error);
     // R, G, B bytes row by row, compressed with zstd.
     bool paintZstd(const QRect& rect, const QByteArray& compressed, QString* error);
     // A JPEG picture exactly the size of `rect`.
@@ -58,6 +58,9 @@ public:
 
 private:
     bool checkRect(const QRect& rect, QString* error) const;
+    // Decompresses exactly `size` bytes into the scratch buffer.
+    const unsigned char* inflate(const QRect& rect, const QByteArray& compressed, std::size_t size,
+                                 QString* error);
     std::uint32_t* row(int y) { return m_pixels.data() + std::size_t(y) * std::size_t(m_size.width()); }
 
     struct Decoders;
