@@ -23,6 +23,7 @@ import numpy as np
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import rfb_client  # noqa: E402
+from hlvp_screen_reader import AgentServer  # noqa: E402
 
 WIDTH, HEIGHT = 1920, 1080
 SCENES = {"still": 60, "typing": 30, "scrolling": 30, "motion": 20}
@@ -333,7 +334,13 @@ def main():
     parser.add_argument("--scenes", default=",".join(SCENES), help="comma-separated, from " + ",".join(SCENES))
     parser.add_argument("--servers", default=",".join(SERVERS), help="comma-separated, from " + ",".join(SERVERS))
     parser.add_argument("--rounds", type=int, default=1, help="repeat each scene and server this many times")
+    parser.add_argument("--agent", metavar="PATH", help="the tellwyn-agent binary: measure the agent too (as root, "
+                        "running it as the test account of scripts/setup.sh test)")
     args = parser.parse_args()
+    if args.agent:
+        SERVERS["tellwyn-agent"] = lambda: AgentServer(os.path.abspath(args.agent))
+        if "tellwyn-agent" not in args.servers:
+            args.servers += ",tellwyn-agent"
     lengths = SHORT_SCENES if args.short else SCENES
     scenes = [s for s in args.scenes.split(",") if s]
     servers = [s for s in args.servers.split(",") if s]
