@@ -3,8 +3,10 @@
 
 #include "png_writer.h"
 #include "remote_screen.h"
+#include "screen_stream.h"
 
 #include <QImage>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 #include <cmath>
@@ -148,6 +150,43 @@ private Q_SLOTS:
         QCOMPARE(screen.cursor().pixels, (std::vector<std::uint32_t>{0x80102030u, 0xFF010203u}));
         QVERIFY(!screen.setCursorShape(QSize(2, 2), QPoint(0, 0), QByteArray(8, '\0'), &error));
         QVERIFY(!screen.setCursorShape(QSize(1000, 1), QPoint(0, 0), QByteArray(4000, '\0'), &error));
+    }
+
+    void streamShowsOnlyWholeFramesOfItsOwnStream() {
+        RemoteScreen screen;
+        ScreenStream stream(screen);
+        QSignalSpy completed(&stream, &ScreenStream::frameCompleted);
+        QSignalSpy failed(&stream, &ScreenStream::failed);
+        stream.streamStarted(7, QSize(32, 16)); // not asked for: ignored
+        QVERIFY(!stream.streamID());
+        stream.requested();
+        stream.streamStarted(7, QSize(32, 16));
+        QCOMPARE(screen.size(), QSize(32, 16));
+        stream.framePart(7, 1, false, {{QRect(0, 0, 32, 16), u"solid"_s, 0x102030, {}, {}, {}}}, 10);
+        QCOMPARE(completed.count(), 0);
+        stream.framePart(3, 1, true, {{QRect(0, 0, 32, 16), u"solid"_s, 0xFFFFFF, {}, {}, {}}},
+                         10); // another stream
+        stream.framePart(7, 1, true,
+                         {{QRect(0, 0, 4, 1),
+                           u"palette"_s,
+                           0,
+                           {},
+                           QByteArray("\xAA\xBB\xCC\x01\x02\x03", 6),
+                           zstd(QByteArray("\x00\x01\x00\x01", 4))},
+                          {QRect(8, 8, 4, 1), u"copy"_s, 0, QPoint(0, 0), {}, {}}},
+                         20);
+        QCOMPARE(completed.count(), 1);
+        QCOMPARE(completed.at(0), (QVariantList{7u, 1u}));
+        QCOMPARE(screen.pixel(5, 5), 0xFF102030u);
+        QCOMPARE(screen.pixel(9, 8), 0xFF010203u);
+        QCOMPARE(screen.pixel(10, 8), 0xFFAABBCCu);
+        stream.framePart(7, 2, true, {{QRect(0, 0, 1, 1), u"webp"_s, 0, {}, {}, {}}}, 10);
+        QCOMPARE(failed.count(), 1);
+        QVERIFY(failed.at(0).at(1).toString().contains(u"unknown encoding 'webp'"_s));
+        stream.framePart(7, 3, true, {{QRect(0, 0, 1, 1), u"solid"_s, 0, {}, {}, {}}},
+                         10); // stopped: ignored
+        QCOMPARE(completed.count(), 1);
+        QCOMPARE(screen.pixel(0, 0), 0xFFAABBCCu);
     }
 
     void pngHoldsTheExactPixels() {
