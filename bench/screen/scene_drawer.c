@@ -192,12 +192,17 @@ static void motion(int64_t end) {
     int frame = 0;
     for (int64_t next = nowNanoseconds(); next < end; next += 16666667LL, ++frame) {
         const int t1 = frame * 11, t2 = frame * 7, t3 = frame * 5;
-        for (int y = 0; y < height; ++y) {
+        /* One value per 2x2 block: as smooth to the eye and to an encoder, a quarter of the work,
+         * which leaves the servers more of a busy machine. */
+        for (int y = 0; y < height; y += 2) {
             const int sy = sine[(y * 3 + t2) & 1023];
             uint32_t *row = pixels + (size_t)y * (size_t)stride;
-            for (int x = 0; x < width; ++x) {
+            for (int x = 0; x < width; x += 2) {
                 const int v = sine[(x * 2 + t1) & 1023] + sy + sine[((x + y) + t3) & 1023];
-                row[x] = palette[(v + 190 + frame * 3) & 255];
+                row[x] = row[x + 1] = palette[(v + 190 + frame * 3) & 255];
+            }
+            if (y + 1 < height) {
+                memcpy(row + stride, row, (size_t)width * 4);
             }
         }
         sleepUntil(next);
