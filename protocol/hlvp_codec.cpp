@@ -1,4 +1,5 @@
 #include "hlvp_codec.h"
+#include "hlvp_codec_screen.h"
 
 #include <QCborArray>
 #include <QCborMap>
@@ -44,6 +45,13 @@ TELLWYN_MESSAGE_NAMES(FileChunkAckMessage, "fileChunkAck")
 TELLWYN_MESSAGE_NAMES(FileCompleteMessage, "fileComplete")
 TELLWYN_MESSAGE_NAMES(FileResultMessage, "fileResult")
 TELLWYN_MESSAGE_NAMES(FileCancelMessage, "fileCancel")
+TELLWYN_MESSAGE_NAMES(ScreenFrameAckMessage, "screenFrameAck")
+TELLWYN_MESSAGE_NAMES(ScreenStopMessage, "screenStop")
+TELLWYN_MESSAGE_NAMES(ScreenStreamStartedMessage, "screenStreamStarted")
+TELLWYN_MESSAGE_NAMES(ScreenGeometryMessage, "screenGeometry")
+TELLWYN_MESSAGE_NAMES(ScreenFrameMessage, "screenFrame")
+TELLWYN_MESSAGE_NAMES(ScreenCursorMessage, "screenCursor")
+TELLWYN_MESSAGE_NAMES(ScreenStreamEndedMessage, "screenStreamEnded")
 #undef TELLWYN_MESSAGE_NAMES
 
 } // namespace
@@ -146,6 +154,8 @@ QCborMap encodeFields(const ScreenCaptureRequest& m) {
     w.put(u"displayID"_s, m.displayID);
     w.put(u"quality"_s, m.quality);
     w.put(u"sequenceNumber"_s, m.sequenceNumber);
+    w.put(u"mode"_s, m.mode);
+    w.put(u"maxFPS"_s, m.maxFPS);
     return w.map();
 }
 QCborMap encodeFields(const ScreenCaptureMessage& m) {
@@ -471,7 +481,8 @@ std::optional<HLVPMessage> decodeFields(const QString& type, MapReader& r) {
         return HeartbeatResponseMessage{sequence()};
     }
     if (type == u"screenCaptureRequest"_s) {
-        return ScreenCaptureRequest{r.optionalUnsigned32(u"displayID"_s), r.optionalNumber(u"quality"_s), sequence()};
+        return ScreenCaptureRequest{r.optionalUnsigned32(u"displayID"_s), r.optionalNumber(u"quality"_s), sequence(),
+                                    r.optionalText(u"mode"_s, maxNameBytes), r.optionalUnsigned32(u"maxFPS"_s)};
     }
     if (type == u"screenCapture"_s) {
         return ScreenCaptureMessage{r.unsigned32(u"displayID"_s), r.unsigned32(u"width"_s), r.unsigned32(u"height"_s),
@@ -616,6 +627,12 @@ DecodeResult decodeMessage(QByteArrayView body) {
     const QCborValue type = map.value(u"type"_s);
     if (!type.isString()) {
         return DecodeError{u"the message has no text field \"type\""_s};
+    }
+    if (auto screen = decodeScreenMessage(type.toString(), map)) {
+        if (auto* reason = std::get_if<QString>(&*screen)) {
+            return DecodeError{std::move(*reason)};
+        }
+        return std::get<HLVPMessage>(std::move(*screen));
     }
     MapReader fields(map);
     std::optional<HLVPMessage> message = decodeFields(type.toString(), fields);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "hlvp.h"
+#include "hlvp_screen_messages.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -64,10 +65,13 @@ struct HeartbeatResponseMessage {
     friend bool operator==(const HeartbeatResponseMessage&, const HeartbeatResponseMessage&) = default;
 };
 
+// Starts a screen stream: one display or all, "lossless" or "balanced", a frame-rate cap.
 struct ScreenCaptureRequest {
     std::optional<quint32> displayID;
-    std::optional<double> quality;
+    std::optional<double> quality; // older viewers: 1.0 is lossless
     std::optional<quint32> sequenceNumber;
+    std::optional<QString> mode;
+    std::optional<quint32> maxFPS;
     friend bool operator==(const ScreenCaptureRequest&, const ScreenCaptureRequest&) = default;
 };
 
@@ -217,7 +221,8 @@ using HLVPMessage =
                  InputEventMessage, SystemStatsMessage, ClipboardMessage, ClipboardRequestMessage, ErrorMessage,
                  FileOfferMessage,
                  FileAcceptMessage, FileChunkMessage, FileChunkAckMessage, FileCompleteMessage, FileResultMessage,
-                 FileCancelMessage>;
+                 FileCancelMessage, ScreenFrameAckMessage, ScreenStopMessage, ScreenStreamStartedMessage,
+                 ScreenGeometryMessage, ScreenFrameMessage, ScreenCursorMessage, ScreenStreamEndedMessage>;
 
 // The unqualified type name, as log lines write it ("HandshakeMessage").
 QString messageTypeName(const HLVPMessage& message);

@@ -4,9 +4,10 @@
 set -euo pipefail
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools libgl-dev libssl-dev libpam0g-dev
-                libxcb1-dev libxcb-randr0-dev qtkeychain-qt6-dev libavahi-client-dev zlib1g-dev libzstd-dev
-                libturbojpeg0-dev)
-test_packages=(openssl python3 python3-cbor2 python3-pil procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
+                libxcb1-dev libxcb-randr0-dev libxcb-shm0-dev libxcb-damage0-dev libxcb-xfixes0-dev libxcb-xinput-dev
+                libzstd-dev libturbojpeg0-dev zlib1g-dev qtkeychain-qt6-dev libavahi-client-dev)
+test_packages=(openssl python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
+               python3-zstandard python3-pil x11-apps x11-xserver-utils
                xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2)
 bench_packages=(prometheus-node-exporter gcc libx11-dev libxext-dev xfonts-base python3-numpy python3-pil
                 python3-zstandard x11vnc tigervnc-scraping-server)

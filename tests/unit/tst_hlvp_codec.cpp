@@ -86,7 +86,7 @@ private Q_SLOTS:
         QTest::newRow("disconnect with empty reason") << HLVPMessage(DisconnectMessage{QString(), {}});
         QTest::newRow("heartbeat") << HLVPMessage(HeartbeatMessage{4000000000U});
         QTest::newRow("heartbeat reply") << HLVPMessage(HeartbeatResponseMessage{});
-        QTest::newRow("screen request") << HLVPMessage(ScreenCaptureRequest{1, 0.5, {}});
+        QTest::newRow("screen request") << HLVPMessage(ScreenCaptureRequest{1, 0.5, {}, {}, {}});
         QTest::newRow("input") << HLVPMessage(InputEventMessage{u"mouseMove"_s, 10.5, 20.0, {}, {}, {}, {}});
         QTest::newRow("statistics, all fields") << HLVPMessage(fullStats());
         QTest::newRow("clipboard") << HLVPMessage(ClipboardMessage{u"line one\nline two"_s, {}});
@@ -97,6 +97,26 @@ private Q_SLOTS:
         QTest::newRow("file complete") << HLVPMessage(FileCompleteMessage{u"t1"_s, QByteArray(32, '\x11'), {}});
         QTest::newRow("file chunk") << HLVPMessage(FileChunkMessage{u"t1"_s, 262144, QByteArray(1000, 'x'), {}});
         QTest::newRow("file result") << HLVPMessage(FileResultMessage{u"t1"_s, true, u"report (1).pdf"_s, {}, {}});
+        QTest::newRow("screen request, all fields")
+            << HLVPMessage(ScreenCaptureRequest{{}, {}, 7, u"lossless"_s, 60});
+        const QList<HLVPScreenMonitor> monitors{{0, 0, 1920, 1080, u"HDMI-1"_s, true}, {1920, 0, 1280, 1024, {}, false}};
+        QTest::newRow("stream started")
+            << HLVPMessage(ScreenStreamStartedMessage{3, 3200, 1080, monitors, u"balanced"_s, 30, 2, 7});
+        QTest::newRow("geometry") << HLVPMessage(ScreenGeometryMessage{3, 800, 600, monitors.mid(0, 1), {}});
+        using E = HLVPScreenRect::Encoding;
+        QTest::newRow("frame of every encoding") << HLVPMessage(ScreenFrameMessage{
+            3, 9, 1, true,
+            {{0, 0, 64, 64, E::solid, 0x336699, 0, 0, {}, {}}, {0, 64, 640, 400, E::copy, 0, 0, 80, {}, {}},
+             {64, 0, 64, 64, E::zstd, 0, 0, 0, {}, "z"}, {128, 0, 64, 64, E::palette, 0, 0, 0, "abcdef", "p"},
+             {192, 0, 64, 64, E::jpeg, 0, 0, 0, {}, "j"}},
+            {}});
+        QTest::newRow("cursor with shape") << HLVPMessage(ScreenCursorMessage{
+            3, 10, 20, true, 5, ScreenCursorMessage::Shape{2, 1, 1, 0, QByteArray(8, '\x7f')}, {}});
+        QTest::newRow("cursor moved") << HLVPMessage(ScreenCursorMessage{3, 0, 0, false, 5, {}, {}});
+        QTest::newRow("ack") << HLVPMessage(ScreenFrameAckMessage{3, 9, {}});
+        QTest::newRow("stop") << HLVPMessage(ScreenStopMessage{3, {}});
+        QTest::newRow("stream ended")
+            << HLVPMessage(ScreenStreamEndedMessage{3, u"agentStopped"_s, u"The screen went to sleep."_s, {}});
     }
 
     void everyMessageSurvivesTheWire() {
@@ -187,6 +207,29 @@ private Q_SLOTS:
         deep[0] = char(0xa4); // one more pair: "x" -> [[[[...]]]]
         deep += QByteArray("\x61x", 2) + QByteArray(20000, '\x81') + QByteArray(1, '\x00');
         QTest::newRow("deep nesting") << deep << QString();
+        const auto frameWith = [](const QCborMap& rect) {
+            return cbor(QCborMap{{u"type"_s, u"screenFrame"_s}, {u"streamID"_s, 1}, {u"frame"_s, 1}, {u"part"_s, 0},
+                                 {u"final"_s, true}, {u"rects"_s, QCborArray{rect}}});
+        };
+        const QCborMap rect{{u"x"_s, 0}, {u"y"_s, 0}, {u"w"_s, 4}, {u"h"_s, 4}};
+        QCborMap unknownEncoding = rect;
+        unknownEncoding.insert(u"encoding"_s, u"h264"_s);
+        QTest::newRow("unknown rectangle encoding") << frameWith(unknownEncoding) << u"unknown encoding"_s;
+        QCborMap badPalette = rect;
+        badPalette.insert(u"encoding"_s, u"palette"_s);
+        badPalette.insert(u"palette"_s, QByteArray(7, 'x'));
+        badPalette.insert(u"data"_s, QByteArray());
+        QTest::newRow("palette of partial colours") << frameWith(badPalette) << u"2 to 256 colours"_s;
+        QCborMap empty = rect;
+        empty.insert(u"w"_s, 0);
+        empty.insert(u"encoding"_s, u"solid"_s);
+        empty.insert(u"color"_s, 0);
+        QTest::newRow("empty rectangle") << frameWith(empty) << u"empty rectangle"_s;
+        QTest::newRow("cursor pixels short of its size")
+            << cbor(QCborMap{{u"type"_s, u"screenCursor"_s}, {u"streamID"_s, 1}, {u"x"_s, 0}, {u"y"_s, 0},
+                             {u"visible"_s, true}, {u"serial"_s, 1}, {u"width"_s, 2}, {u"height"_s, 2},
+                             {u"hotX"_s, 0}, {u"hotY"_s, 0}, {u"pixels"_s, QByteArray(15, 'x')}})
+            << u"width × height"_s;
     }
 
     void hostileBodiesAreRefusedWithAReason() {
