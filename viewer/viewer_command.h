@@ -92,6 +92,8 @@ int statsCommand(const QStringList& arguments, QTextStream& out, QTextStream& er
 int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 int watchCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int viewCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
+int screenshotCommand(const QStringList& arguments, QTextStream& out, QTextStream& err);
 
 // Signs in and prints statistics records: the first one only, or (`live`) each as it arrives.
 int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStream& err, const QString& command,

@@ -3,6 +3,8 @@
 
 #include "png_writer.h"
 #include "remote_screen.h"
+#include "screen_encoder.h"
+#include "screen_session.h"
 #include "screen_stream.h"
 
 #include <QImage>
@@ -187,6 +189,59 @@ private Q_SLOTS:
                          10); // stopped: ignored
         QCOMPARE(completed.count(), 1);
         QCOMPARE(screen.pixel(0, 0), 0xFFAABBCCu);
+    }
+
+    // The agent's own encoder, lossless: a first frame, then a scroll with a new line, assemble
+    // to exactly the agent's pixels.
+    void framesOfTheAgentsEncoderAssembleToItsScreen() {
+        const int width = 300, height = 200;
+        PixelBuffer desktop;
+        desktop.resize(width, height);
+        quint32 seed = 22;
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+                seed = seed * 1103515245u + 12345u;
+                desktop.row(y)[x] = y < 60             ? quint32(x) << 16 | quint32(y) << 8 | 0x40u
+                                    : (y / 4) % 3 == 0 ? ((seed >> 8) & 0xFFFFFFu)
+                                                       : ((x / 7 + y / 9) % 2 ? 0xFFFFFFu : 0x202020u);
+            }
+        }
+        ScreenDeltaEncoder encoder(width, height, ScreenDeltaEncoder::Mode::lossless);
+        RemoteScreen screen;
+        ScreenStream stream(screen);
+        QSignalSpy failed(&stream, &ScreenStream::failed);
+        stream.requested();
+        stream.streamStarted(1, QSize(width, height));
+        const auto sendFrame = [&](quint32 frame) {
+            QList<StreamRect> rects;
+            for (const HLVPScreenRect& rect : encoder.encode(desktop.view(), 0)) {
+                rects.append(toStreamRect(rect));
+            }
+            stream.framePart(1, frame, true, rects, 0);
+            return rects;
+        };
+        const auto compare = [&] {
+            for (int y = 0; y < height; ++y) {
+                for (int x = 0; x < width; ++x) {
+                    QCOMPARE(screen.pixel(x, y) & 0xFFFFFFu, desktop.row(y)[x] & 0xFFFFFFu);
+                }
+            }
+        };
+        sendFrame(1);
+        compare();
+        // Scroll the lower part up by 12 rows and write a new line at the bottom.
+        for (int y = 60; y < height - 12; ++y) {
+            std::copy_n(desktop.row(y + 12), width, desktop.row(y));
+        }
+        for (int y = height - 12; y < height; ++y) {
+            std::fill_n(desktop.row(y), width, 0x00FF8800u + quint32(y));
+        }
+        encoder.damage(QRect(0, 60, width, height - 60));
+        const QList<StreamRect> scroll = sendFrame(2);
+        QVERIFY(std::any_of(scroll.begin(), scroll.end(),
+                            [](const StreamRect& r) { return r.encoding == u"copy"_s; }));
+        compare();
+        QCOMPARE(failed.count(), 0);
     }
 
     void pngHoldsTheExactPixels() {
