@@ -6,9 +6,16 @@
 #include "screen_stream.h"
 #include "viewer_command.h"
 
+#include <QTimer>
+
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
+
+namespace {
+// An agent that streams sends its first frame at once; one that stays silent this long will not.
+constexpr auto firstFrameDeadline = std::chrono::seconds(60);
+} // namespace
 
 int screenshotCommand(const QStringList& arguments, QTextStream& out, QTextStream& err) {
     QCommandLineParser parser;
@@ -76,8 +83,20 @@ int screenshotCommand(const QStringList& arguments, QTextStream& out, QTextStrea
         err << u"tellwyn: the screen stream broke: "_s << reason << Qt::endl;
         session.finish(exitProtocolError);
     });
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    QObject::connect(&deadline, &QTimer::timeout, &session, [&] {
+        err << u"tellwyn: the agent sent no picture within %1 s"_s.arg(firstFrameDeadline.count())
+            << Qt::endl;
+        session.finish(exitProtocolError);
+    });
     signInWhenReady(
-        session, std::move(*credentials), [&screenSession] { screenSession.start(); }, err);
+        session, std::move(*credentials),
+        [&] {
+            screenSession.start();
+            deadline.start(firstFrameDeadline);
+        },
+        err);
     return runSession(session);
 }
 
