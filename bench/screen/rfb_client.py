@@ -6,7 +6,6 @@ import ctypes
 import io
 import socket
 import struct
-import time
 import zlib
 
 import numpy as np
@@ -223,7 +222,3 @@ def load_native(path):
     native.tight_gradient.restype = None
     native.tight_gradient.argtypes = [ctypes.c_char_p, ctypes.c_int, ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
     return native
-
-
-def monotonic_ns():
-    return time.monotonic_ns()
