@@ -211,13 +211,6 @@ class Probes:
             self.pending = [p for p in self.pending if p is not self.pending[index] and not any(p is o for o in older)]
 
 
-def percentile(values, fraction):
-    if not values:
-        return float("nan")
-    ordered = sorted(values)
-    return ordered[min(len(ordered) - 1, int(round(fraction * (len(ordered) - 1))))]
-
-
 def compare_final(viewer, drawer, lossy, deadline_s=10):
     """Waits for the picture to settle on the screen's; how many pixels differ, and where."""
     screen = drawer.snapshot()
@@ -293,7 +286,8 @@ def run_one(server, scene, seconds, display, drawer_path, native, scratch, xvfb)
             "encoding": server.lossy_name if lossy else server.lossless_name,
             "cpu": 100 * cpu / elapsed, "viewer_cpu": 100 * own / elapsed, "xcpu": 100 * xcpu / elapsed, "wakeups": wakeups / elapsed,
             "kbps": received / elapsed / 1024, "fps": frames / elapsed, "memory": memory,
-            "p50": percentile(probes.latencies, 0.5), "p95": percentile(probes.latencies, 0.95),
+            "p50": np.percentile(probes.latencies, 50) if probes.latencies else float("nan"),
+            "p95": np.percentile(probes.latencies, 95) if probes.latencies else float("nan"),
             "seen": len(probes.latencies), "skipped": probes.superseded, "missing": len(probes.pending) + probes.lost,
             "differing": differing, "box": box, "error": error,
         }
