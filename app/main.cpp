@@ -15,6 +15,7 @@
 #include "update_alerts.h"
 #include "update_command.h"
 #include "x11_screen_capture.h"
+#include "x11_screen_source.h"
 #include "xdg_autostart_login_item.h"
 
 #include <QApplication>
@@ -152,6 +153,11 @@ int main(int argc, char** argv) {
     environment.makeScreenCapture = [] {
         return std::make_unique<X11ScreenCapture>();
     };
+    if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+        environment.makeScreenSource = [] { return std::make_unique<X11ScreenSource>(); };
+    } else {
+        environment.screenStreamingUnavailable = u"screen streaming on Wayland is not supported yet"_s;
+    }
     ServerManager manager(environment);
     // Without a window the status line has nowhere else to go: it is written to standard error.
     QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,

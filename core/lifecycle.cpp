@@ -2,6 +2,7 @@
 // port change, auto-start, sleep, wake and termination.
 
 #include "server_manager.h"
+#include "screen_stream_hub.h"
 
 #include "service_advertiser.h"
 #include "clock.h"
@@ -303,6 +304,7 @@ void ServerManager::stopServer() {
     updateServerState([](ServerState& state) {
         state.connectedClients.clear();
         state.authenticatedClients.clear();
+        state.streamingClients.clear();
     });
     m_clientComputerNames.clear();
     m_lastClientActivity.clear();

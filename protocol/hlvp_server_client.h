@@ -9,7 +9,10 @@
 #include <QObject>
 #include <QPointer>
 
+#include <QList>
+
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,6 +21,7 @@ class QSslSocket;
 
 namespace tellwyn {
 class FileTransferReceiver;
+class ScreenStreamHub;
 class SystemClipboard;
 }
 class QTimer;
@@ -56,6 +60,10 @@ public:
     using ClipboardHandler = std::function<void(const QString& text)>;
     using ActivityHandler = std::function<void()>;
     using SendCompletion = std::function<void(std::optional<HLVPError> error)>;
+    // Why a screen stream may not start now (the refusal to send), or none.
+    using ScreenAccessCheck = std::function<std::optional<ErrorMessage>(const ScreenCaptureRequest& request)>;
+    // A stream started (`started`), or ended; `detail` describes it, or says why it ended.
+    using ScreenStreamObserver = std::function<void(bool started, quint32 streamID, const QString& detail)>;
 
     HLVPServerClient(QSslSocket* socket, QString clientKey, Settings settings, QObject* parent = nullptr);
     ~HLVPServerClient() override;
@@ -77,6 +85,10 @@ public:
 
     void configureFileTransfers(bool enabled, const QString& destinationDirectory);
     void configureClipboardSharing(bool enabled);
+    // Streams come from `hub` once `check` lets them; without a hub every request is refused.
+    void configureScreenStreaming(ScreenStreamHub* hub, ScreenAccessCheck check);
+    void setOnScreenStreamChanged(ScreenStreamObserver observer) { m_onScreenStreamChanged = std::move(observer); }
+    bool isStreaming() const { return m_streamID != 0; }
     bool fileTransfersEnabled() const { return m_fileTransfersEnabled; }
     QString fileTransferDirectory() const { return m_fileTransferDirectory; }
     bool clipboardSharingEnabled() const { return m_clipboardSharingEnabled; }
@@ -90,6 +102,7 @@ public:
     // connection, or the text is over HLVP::maxClipboardBytes in UTF-8.
     void sendClipboardSync(const QString& text, SendCompletion completion = {});
 
+    // Ends the screen stream, if one runs, telling the viewer; the connection stays open.
     void stopStreaming();
     // Closes the connection: pending output is flushed for a short while, then the socket is cut.
     // Calling it again, or after the connection ended, does nothing.
@@ -110,6 +123,12 @@ private:
     void closeForProtocolError(const QString& code, const QString& reason, const QString& category);
     bool isOpen() const;
     void completeLater(SendCompletion completion, std::optional<HLVPError> error);
+    void startScreenStream(const ScreenCaptureRequest& request);
+    void receiveStreamMessage(quint32 streamID, const HLVPMessage& message);
+    // Ends the running stream; `reason` empty: the connection is gone and nothing is sent.
+    void endScreenStream(const QString& reason, const QString& text);
+    void queueStreamMessage(const HLVPMessage& message);
+    void flushStreamOutput();
 
     QPointer<QSslSocket> m_socket;
     QString m_clientKey;
@@ -128,6 +147,14 @@ private:
     QString m_fileTransferDirectory;
     bool m_clipboardSharingEnabled = false;
     std::unique_ptr<FileTransferReceiver> m_transfers;
+    QPointer<ScreenStreamHub> m_screenHub;
+    ScreenAccessCheck m_screenAccessCheck;
+    ScreenStreamObserver m_onScreenStreamChanged;
+    quint32 m_streamID = 0; // the running stream's, 0 when none
+    quint32 m_lastStreamID = 0;
+    quint64 m_streamHandle = 0;
+    // Stream messages wait here while the socket holds enough; the acknowledgement window bounds it.
+    std::deque<QByteArray> m_streamOutput;
     QTimer* m_closeDeadline = nullptr;
     QTimer* m_frameDeadline = nullptr;
     double m_frameTokens = 0;

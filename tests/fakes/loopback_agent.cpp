@@ -34,6 +34,9 @@ bool LoopbackAgent::start() {
     environment.statsProvider = &stats;
     environment.advertiser = &advertiser;
     environment.systemClipboard = &systemClipboard;
+    environment.permissions = permissions;
+    environment.makeScreenSource = makeScreenSource;
+    environment.screenStreamingUnavailable = screenStreamingUnavailable;
     manager = std::make_unique<ServerManager>(environment);
     VirtualTime::drainEvents();
     bool started = false;
