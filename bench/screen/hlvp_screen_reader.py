@@ -35,13 +35,14 @@ class AgentStream:
         self.client.send({"type": "handshake", "clientName": "screen benchmark", "protocolVersion": 1})
         self.client.send({"type": "authentication", "method": "password",
                           "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
-        self.client.send({"type": "screenCaptureRequest", "mode": "balanced" if lossy else "lossless",
-                          "maxFPS": 60})
         while self.stream is None:
             message = self._next(60)
             kind = message.get("type")
-            if kind == "authenticationResponse" and not message["success"]:
-                raise ConnectionError(f"sign-in refused: {message.get('errorMessage')}")
+            if kind == "authenticationResponse":
+                if not message["success"]:
+                    raise ConnectionError(f"sign-in refused: {message.get('errorMessage')}")
+                self.client.send({"type": "screenCaptureRequest", "mode": "balanced" if lossy else "lossless",
+                                  "maxFPS": 60})
             if kind == "error":
                 raise ConnectionError(f"the agent refused the stream: {message['message']}")
             if kind == "screenStreamStarted":
