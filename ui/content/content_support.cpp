@@ -22,7 +22,7 @@ QIcon symbolIcon(const QString& symbol, const QWidget* widget) {
         QString themeName;
         std::optional<QStyle::StandardPixmap> fallback;
     };
-    // Icon theme names of the freedesktop naming specification; the style's icons where a theme
+    // The desktop icon theme's standard names; the style's icons where a theme
     // lacks them (a bare X server has no theme at all).
     static const QHash<QString, Counterpart> counterparts{
         {u"arrow.clockwise"_s, {u"view-refresh"_s, QStyle::SP_BrowserReload}},
