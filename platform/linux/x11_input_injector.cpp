@@ -175,7 +175,6 @@ struct X11InputInjector::Private {
         xkb_keymap_unref(keymap);
         keymap = fresh;
         scratch = xkb_state_new(keymap);
-        remappedByUs.clear();
 
         const Reply<xcb_get_keyboard_mapping_reply_t> core(xcb_get_keyboard_mapping_reply(
             connection,
@@ -211,7 +210,7 @@ struct X11InputInjector::Private {
         if (levelThreeMask == 0) {
             levelThreeMask = modeSwitchMask;
         }
-        nextSpare = 0;
+        nextSpare = spareKeycodes.empty() ? 0 : nextSpare % spareKeycodes.size();
         return true;
     }
 
@@ -243,8 +242,8 @@ struct X11InputInjector::Private {
         return onlyHeld ? depressed : 0;
     }
 
-    // Keymap changes (a new layout, a remapped key) arrive as XKB events; our own borrowing of
-    // spare keycodes needs no reload.
+    // Keymap changes (a new layout, a remapped key) arrive as XKB events. Our own remapping of
+    // spare keycodes was read back when it was made.
     void followKeymapChanges() {
         bool reload = false;
         while (xcb_generic_event_t* event = xcb_poll_for_event(connection)) {
@@ -252,9 +251,10 @@ struct X11InputInjector::Private {
                 const uint8_t xkbType = event->pad0;
                 if (xkbType == XCB_XKB_NEW_KEYBOARD_NOTIFY) {
                     borrowed.clear(); // a new keymap replaced our borrowed symbols
+                    remappedByUs.clear();
                     reload = true;
                 } else if (xkbType == XCB_XKB_MAP_NOTIFY &&
-                           !onlyOurRemapping(*reinterpret_cast<xcb_xkb_map_notify_event_t*>(event))) {
+                           !isOurRemapping(*reinterpret_cast<xcb_xkb_map_notify_event_t*>(event))) {
                     reload = true;
                 }
             }
@@ -265,17 +265,13 @@ struct X11InputInjector::Private {
         }
     }
 
-    bool onlyOurRemapping(const xcb_xkb_map_notify_event_t& change) const {
-        const auto ours = [&](int first, int count) {
-            for (int keycode = first; keycode < first + count; ++keycode) {
-                if (std::find(remappedByUs.begin(), remappedByUs.end(), keycode) == remappedByUs.end()) {
-                    return false;
-                }
-            }
-            return true;
-        };
-        return change.nKeySyms > 0 && ours(change.firstKeySym, change.nKeySyms) &&
-               ours(change.firstKeyAct, change.nKeyActs) && ours(change.firstModMapKey, change.nModMapKeys);
+    bool isOurRemapping(const xcb_xkb_map_notify_event_t& change) {
+        const auto ours = std::find(remappedByUs.begin(), remappedByUs.end(), change.firstKeySym);
+        if (change.nKeySyms != 1 || ours == remappedByUs.end()) {
+            return false;
+        }
+        remappedByUs.erase(ours);
+        return true;
     }
 
     ServerState serverState() {
@@ -342,46 +338,48 @@ struct X11InputInjector::Private {
         if (layout == XKB_LAYOUT_INVALID) {
             return;
         }
-        const xkb_level_index_t levels = xkb_keymap_num_levels_for_key(keymap, keycode, layout);
-        std::vector<std::pair<xkb_level_index_t, xkb_mod_mask_t>> candidates;
+        bool hasKeysym = false;
         xkb_mod_mask_t levelModifiers = 0; // every modifier that picks a level on this key
+        const xkb_level_index_t levels = xkb_keymap_num_levels_for_key(keymap, keycode, layout);
         for (xkb_level_index_t level = 0; level < levels; ++level) {
             xkb_mod_mask_t masks[16];
-            size_t count = xkb_keymap_key_get_mods_for_level(keymap, keycode, layout, level, masks, 16);
-            if (level == 0 && count < 16) {
-                masks[count++] = 0; // no modifier at all gives the first level
-            }
-            const xkb_keysym_t* syms = nullptr;
-            const bool produces =
-                xkb_keymap_key_get_syms_by_level(keymap, keycode, layout, level, &syms) == 1 &&
-                syms[0] == keysym;
+            const size_t count = xkb_keymap_key_get_mods_for_level(keymap, keycode, layout, level, masks, 16);
             for (size_t i = 0; i < count; ++i) {
                 levelModifiers |= masks[i];
-                if (produces) {
-                    candidates.emplace_back(level, masks[i]);
-                }
             }
+            const xkb_keysym_t* syms = nullptr;
+            hasKeysym |= xkb_keymap_key_get_syms_by_level(keymap, keycode, layout, level, &syms) == 1 &&
+                         syms[0] == keysym;
         }
-        for (const auto& [level, mask] : candidates) {
-            const auto wanted = static_cast<uint8_t>((state.depressed & ~levelModifiers) | mask);
-            if (!canPress(static_cast<uint8_t>(wanted & ~state.depressed))) {
-                continue;
-            }
+        if (!hasKeysym) {
+            return;
+        }
+        // Every combination of those modifiers, the others left as they are: with Caps Lock on, a
+        // lower-case letter takes Shift, which no single level's modifiers say.
+        for (xkb_mod_mask_t subset = levelModifiers;; subset = (subset - 1) & levelModifiers) {
+            const auto wanted = static_cast<uint8_t>((state.depressed & ~levelModifiers) | subset);
             xkb_state_update_mask(scratch, wanted, state.latched, state.locked, 0, 0, group);
-            if (xkb_state_key_get_one_sym(scratch, keycode) != keysym) {
-                continue; // Caps Lock or a latch would turn it into something else
-            }
             const int cost = std::popcount(static_cast<unsigned>(wanted ^ state.depressed)) +
                              (group == state.group ? 0 : 8);
-            if (!best || cost < best->cost) {
+            if ((!best || cost < best->cost) && canPress(static_cast<uint8_t>(wanted & ~state.depressed)) &&
+                xkb_state_key_get_one_sym(scratch, keycode) == keysym) {
                 best = KeyChoice{keycode, wanted, group, cost};
+            }
+            if (subset == 0) {
+                break;
             }
         }
     }
 
+    // Puts `keysym` on `keycode` (NoSymbol: nothing), with its upper-case form on the shifted level
+    // for a letter so that Caps Lock and Shift act on it as on any letter key.
     void remap(xcb_keycode_t keycode, xkb_keysym_t keysym) {
         std::vector<xcb_keysym_t> syms(keysymsPerKeycode, XCB_NO_SYMBOL);
-        std::fill_n(syms.begin(), std::min<size_t>(2, syms.size()), keysym);
+        syms[0] = keysym;
+        if (keysymsPerKeycode > 1 && xkb_keysym_to_lower(keysym) != xkb_keysym_to_upper(keysym)) {
+            syms[0] = xkb_keysym_to_lower(keysym);
+            syms[1] = xkb_keysym_to_upper(keysym);
+        }
         xcb_change_keyboard_mapping(connection, 1, keycode, keysymsPerKeycode, syms.data());
         remappedByUs.push_back(keycode);
     }
@@ -391,33 +389,32 @@ struct X11InputInjector::Private {
                            [&](const KeyPress& p) { return p.keycode == keycode; });
     }
 
-    // A spare keycode showing `keysym`: one already lent to it, else the next one in turn that is
-    // not held down. None when every spare keycode is held.
-    std::optional<xcb_keycode_t> borrowKeycode(xkb_keysym_t keysym) {
-        for (const auto& [keycode, lent] : borrowed) {
-            if (lent == keysym) {
-                return keycode;
-            }
-        }
+    // Lends the next spare keycode in turn that is not held down to `keysym`, and reads the keymap
+    // back. False when every spare keycode is held.
+    bool borrowKeycode(xkb_keysym_t keysym) {
         for (size_t tried = 0; tried < spareKeycodes.size(); ++tried) {
             const xcb_keycode_t keycode = spareKeycodes[nextSpare];
             nextSpare = (nextSpare + 1) % spareKeycodes.size();
             if (!isPressed(keycode)) {
                 borrowed[keycode] = keysym;
                 remap(keycode, keysym);
-                return keycode;
+                return loadKeymap();
             }
         }
-        return std::nullopt;
+        return false;
     }
 
     void restoreBorrowedKeycodes() {
+        if (borrowed.empty()) {
+            return;
+        }
         for (const auto& [keycode, keysym] : borrowed) {
             if (!isPressed(keycode)) {
                 remap(keycode, XCB_NO_SYMBOL);
             }
         }
         std::erase_if(borrowed, [&](const auto& entry) { return !isPressed(entry.first); });
+        loadKeymap();
     }
 
     // Presses `keycode` with exactly `modifiers` held and in `group`, and puts the modifiers and
@@ -515,15 +512,14 @@ struct X11InputInjector::Private {
                 choice = choose(*standIn, state);
             }
         }
-        if (choice) {
-            pressWithModifiers(choice->keycode, choice->modifiers, choice->group, state);
-            return choice->keycode;
+        if (!choice && borrowKeycode(keysym)) {
+            choice = choose(keysym, state);
         }
-        const auto keycode = borrowKeycode(keysym);
-        if (keycode) {
-            fakeKey(*keycode, true);
+        if (!choice) {
+            return std::nullopt;
         }
-        return keycode;
+        pressWithModifiers(choice->keycode, choice->modifiers, choice->group, state);
+        return choice->keycode;
     }
 
     void releaseKeycodeUnlessHeld(xcb_keycode_t keycode) {

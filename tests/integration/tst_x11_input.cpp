@@ -26,7 +26,7 @@ xkb_keysym_t keysymNamed(const QString& name) {
 bool isModifierName(const QString& name) {
     static const QStringList modifiers{u"Shift_L"_s, u"Shift_R"_s, u"Control_L"_s,        u"Control_R"_s,
                                        u"Alt_L"_s,   u"Alt_R"_s,   u"ISO_Level3_Shift"_s, u"Mode_switch"_s,
-                                       u"Meta_L"_s,  u"Super_L"_s};
+                                       u"Meta_L"_s,  u"Super_L"_s, u"Caps_Lock"_s};
     return modifiers.contains(name);
 }
 
@@ -98,6 +98,13 @@ class TestX11Input : public QObject {
             &std::free);
         return reply->mask & (XCB_BUTTON_MASK_1 | XCB_BUTTON_MASK_2 | XCB_BUTTON_MASK_3 | XCB_BUTTON_MASK_4 |
                               XCB_BUTTON_MASK_5);
+    }
+
+    bool capsLockOn() {
+        std::unique_ptr<xcb_query_pointer_reply_t, decltype(&std::free)> reply(
+            xcb_query_pointer_reply(observer, xcb_query_pointer(observer, rootWindow()), nullptr),
+            &std::free);
+        return (reply->mask & XCB_MOD_MASK_LOCK) != 0;
     }
 
     xcb_window_t rootWindow() const { return xcb_setup_roots_iterator(xcb_get_setup(observer)).data->root; }
@@ -232,6 +239,23 @@ private Q_SLOTS:
         std::for_each(held.rbegin(), held.rend(),
                       [&](const QString& name) { injector->releaseKey(keysymNamed(name), 0); });
         QTRY_COMPARE_WITH_TIMEOUT(keysDown(), 0, patienceMs);
+    }
+
+    // With the user's Caps Lock on, symbols still arrive as sent, also on borrowed keycodes, and
+    // Caps Lock is left on.
+    void capsLockIsWorkedWithNeverToggled() {
+        useLayout(u"us"_s);
+        injector->setKeyMode(InputInjector::KeyMode::bySymbol);
+        QCOMPARE(QProcess::execute(u"xdotool"_s, {u"key"_s, u"Caps_Lock"_s}), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(capsLockOn(), patienceMs);
+        for (const QString& name : {u"a"_s, u"A"_s, u"1"_s, u"eacute"_s, u"Eacute"_s, u"odiaeresis"_s}) {
+            QVERIFY(injector->pressKey(keysymNamed(name), 0));
+            injector->releaseKey(keysymNamed(name), 0);
+            QCOMPARE(nextSymbolPress().value(1), name);
+        }
+        QVERIFY(capsLockOn());
+        QCOMPARE(QProcess::execute(u"xdotool"_s, {u"key"_s, u"Caps_Lock"_s}), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(!capsLockOn(), patienceMs);
     }
 
     // More symbols the layout lacks than it has spare keycodes: the spare ones are lent in turn.
