@@ -208,9 +208,9 @@ private Q_SLOTS:
         row("fr U263A, missing", u"fr"_s, none, u"U263A"_s);
         row("fr physical Q", u"fr"_s, none, u"q"_s, u"a"_s, 0, 0, 16);
 
-        // A symbol only the second group has, and the first group back for the next key.
+        // A symbol only the second group has, and the first group still in use after it.
         row("us,de odiaeresis", u"us,de"_s, none, u"odiaeresis"_s);
-        row("us,de y", u"us,de"_s, none, u"y"_s);
+        row("us,de physical Y", u"us,de"_s, none, u"z"_s, u"y"_s, 0, 0, 21);
     }
 
     void keysArriveAsMeant() {
