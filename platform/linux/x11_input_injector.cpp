@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 #include <xcb/xcb.h>
 #include <xcb/xtest.h>
@@ -105,7 +106,7 @@ struct X11InputInjector::Private {
     // Keycodes with nothing on them, lent to keysyms the layout lacks, in turn.
     std::vector<xcb_keycode_t> spareKeycodes;
     size_t nextSpare = 0;
-    std::map<xcb_keycode_t, xkb_keysym_t> borrowed;
+    std::set<xcb_keycode_t> borrowed;
     std::vector<xcb_keycode_t> remappedByUs; // so that our own map changes cause no reload
 
     KeyMode mode = KeyMode::bySymbol;
@@ -284,20 +285,6 @@ struct X11InputInjector::Private {
         return {reply->baseMods, reply->latchedMods, reply->lockedMods, reply->group, reply->lockedGroup};
     }
 
-    std::vector<xcb_keycode_t> keysDown() {
-        std::vector<xcb_keycode_t> down;
-        const Reply<xcb_query_keymap_reply_t> reply(
-            xcb_query_keymap_reply(connection, xcb_query_keymap(connection), nullptr));
-        if (reply) {
-            for (int keycode = minKeycode; keycode <= maxKeycode; ++keycode) {
-                if ((reply->keys[keycode / 8] & (1 << (keycode % 8))) != 0) {
-                    down.push_back(static_cast<xcb_keycode_t>(keycode));
-                }
-            }
-        }
-        return down;
-    }
-
     std::optional<xcb_keycode_t> modifierKeyFor(uint8_t mask) const {
         for (const auto& [keycode, mods] : modifierKeys) {
             if (mods == mask) {
@@ -396,7 +383,7 @@ struct X11InputInjector::Private {
             const xcb_keycode_t keycode = spareKeycodes[nextSpare];
             nextSpare = (nextSpare + 1) % spareKeycodes.size();
             if (!isPressed(keycode)) {
-                borrowed[keycode] = keysym;
+                borrowed.insert(keycode);
                 remap(keycode, keysym);
                 return loadKeymap();
             }
@@ -408,30 +395,30 @@ struct X11InputInjector::Private {
         if (borrowed.empty()) {
             return;
         }
-        for (const auto& [keycode, keysym] : borrowed) {
+        for (const xcb_keycode_t keycode : borrowed) {
             if (!isPressed(keycode)) {
                 remap(keycode, XCB_NO_SYMBOL);
             }
         }
-        std::erase_if(borrowed, [&](const auto& entry) { return !isPressed(entry.first); });
+        std::erase_if(borrowed, [&](xcb_keycode_t keycode) { return !isPressed(keycode); });
         loadKeymap();
     }
 
     // Presses `keycode` with exactly `modifiers` held and in `group`, and puts the modifiers and
-    // group back as they were right after, so what the user holds is what stays held.
+    // group back as they were right after, so what the viewer holds is what stays held. Only keys
+    // this injector holds can be let go for a moment: a key held on the local keyboard stays down.
     void pressWithModifiers(xcb_keycode_t keycode, uint8_t modifiers, uint8_t group,
                             const ServerState& state) {
         const auto unwanted = static_cast<uint8_t>(state.depressed & ~modifiers);
         const auto missing = static_cast<uint8_t>(modifiers & ~state.depressed);
         std::vector<xcb_keycode_t> lifted;
         std::vector<xcb_keycode_t> added;
-        if (unwanted != 0) {
-            for (const xcb_keycode_t down : keysDown()) {
-                const auto found = modifierKeys.find(down);
-                if (found != modifierKeys.end() && (found->second & unwanted) != 0) {
-                    fakeKey(down, false);
-                    lifted.push_back(down);
-                }
+        for (const KeyPress& press : presses) {
+            const auto found = modifierKeys.find(press.keycode);
+            if (!press.lifted && found != modifierKeys.end() && (found->second & unwanted) != 0 &&
+                std::find(lifted.begin(), lifted.end(), press.keycode) == lifted.end()) {
+                fakeKey(press.keycode, false);
+                lifted.push_back(press.keycode);
             }
         }
         for (int bit = 0; bit < 8; ++bit) {
@@ -500,8 +487,7 @@ struct X11InputInjector::Private {
                     static_cast<uint8_t>(found == modifierKeys.end() ? 0xff : ~found->second);
             }
             const auto choice = choose(keysym, withoutPair);
-            const bool altGrLevel =
-                choice && (choice->modifiers & levelThreeMask) != 0 && levelThreeMask != 0;
+            const bool altGrLevel = choice && (choice->modifiers & levelThreeMask) != 0;
             setLifted(pair, altGrLevel);
             state = serverState();
         }
@@ -551,8 +537,11 @@ void X11InputInjector::movePointer(int x, int y) {
     if (!d->usable) {
         return;
     }
-    xcb_test_fake_input(d->connection, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, d->root,
-                        static_cast<int16_t>(x), static_cast<int16_t>(y), XCB_NONE);
+    const auto coordinate = [](int value) {
+        return static_cast<int16_t>(std::clamp(value, 0, 32767));
+    };
+    xcb_test_fake_input(d->connection, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, d->root, coordinate(x),
+                        coordinate(y), XCB_NONE);
     xcb_flush(d->connection);
 }
 
