@@ -3,7 +3,9 @@
 #include <QByteArray>
 #include <QString>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -13,8 +15,9 @@ namespace tellwyn {
 // Writes a file and hashes it with SHA-256 on a thread of its own, so that the connection's thread
 // only decrypts and decodes. At most `maxQueuedBytes` wait in memory: append() blocks while the
 // disk is behind, which leaves further bytes in the socket and slows the sender through TCP.
-// Written ranges are handed to the kernel's writeback as they complete, so that the flush at the
-// end only waits for the last few mebibytes.
+// Where the file system allows, whole blocks are written past the page cache (O_DIRECT), which
+// also puts them on the disk as they go; elsewhere written ranges are handed to the kernel's
+// writeback as they complete. Either way the flush at the end only waits for the last few blocks.
 class FileWriter {
 public:
     static constexpr qsizetype defaultMaxQueuedBytes = 4 * 1024 * 1024;
@@ -36,7 +39,10 @@ public:
 
 private:
     void run();
-    bool writeAll(const QByteArray& data);
+    void startDirectWrites();
+    void stopDirectWrites();
+    bool write(const char* data, qsizetype size);
+    bool writeAll(const char* data, qsizetype size);
     void startWriteback(bool finalRange);
 
     const int m_fd;
@@ -51,6 +57,12 @@ private:
     QString m_error;
     QByteArray m_digest;
     // Worker-side only.
+    struct FreeBuffer {
+        void operator()(char* buffer) const { std::free(buffer); }
+    };
+    std::unique_ptr<char, FreeBuffer> m_staging; // the direct block being filled
+    qsizetype m_staged = 0;
+    bool m_direct = false;
     qint64 m_written = 0;
     qint64 m_writebackStarted = 0;
     qint64 m_writebackWaited = 0;
