@@ -116,4 +116,15 @@ std::optional<int> crashHelperDescriptor(int argc, char** argv) {
     return ok && descriptor >= 0 ? std::optional<int>(descriptor) : std::nullopt;
 }
 
+bool wantsDesktop(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        for (const char* oneOff : {"--headless", "--check-for-updates", "--help", "-h", "--version", "-v"}) {
+            if (std::strcmp(argv[i], oneOff) == 0) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 } // namespace tellwyn

@@ -35,4 +35,8 @@ AgentOptionsParse parseAgentOptions(const QStringList& arguments);
 // nothing for an ordinary start.
 std::optional<int> crashHelperDescriptor(int argc, char** argv);
 
+// Whether this run, given a reachable display, shows the agent on the desktop: not with
+// --headless, not for the one-off commands. The display itself is probed once, by the caller.
+bool wantsDesktop(int argc, char** argv);
+
 } // namespace tellwyn

@@ -15,22 +15,10 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QNetworkAccessManager>
-#include <cstring>
 
 using namespace Qt::StringLiterals;
 
 namespace tellwyn {
-
-bool wantsDesktop(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        for (const char* oneOff : {"--headless", "--check-for-updates", "--help", "-h", "--version", "-v"}) {
-            if (std::strcmp(argv[i], oneOff) == 0) {
-                return false;
-            }
-        }
-    }
-    return true;
-}
 
 int runDesktopAgent(const AgentEnvironment& environment, SingleInstance& instance,
                     const std::optional<QString>& updateFeedURL,

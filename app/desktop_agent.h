@@ -9,10 +9,6 @@ namespace tellwyn {
 
 class SingleInstance;
 
-// Whether this run, given a reachable display, shows the agent on the desktop: not with
-// --headless, not for the one-off commands. The display itself is probed once, by the caller.
-bool wantsDesktop(int argc, char** argv);
-
 // Runs the agent with its tray item, main window and start-up animations until it quits.
 // `prepare` runs on the agent core as soon as it exists.
 int runDesktopAgent(const AgentEnvironment& environment, SingleInstance& instance,

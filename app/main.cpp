@@ -1,39 +1,30 @@
 #include "agent_options.h"
 #include "crash_reporter.h"
-#include "desktop_agent.h"
+#include "desktop_module.h"
 #include "linux_host_probes.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "service_advertiser.h"
-#include "single_instance.h"
 #include "system_stats_provider.h"
-#include "update_alerts.h"
+#include "update_check.h"
 #include "update_command.h"
+#include "window_system.h"
 
 // The application is where the Linux implementations are chosen and built, one of each.
 #include "linux/avahi_service_publisher.h"
-#include "linux/desktop_permission_service.h"
-#include "linux/freedesktop_file_revealer.h"
-#include "linux/linux_display_probe.h"
 #include "linux/linux_system_events.h"
 #include "linux/linux_system_identity.h"
 #include "linux/logind_desktop_session.h"
 #include "linux/netlink_path_monitor.h"
 #include "linux/pam_account_verifier.h"
-#include "linux/qt_system_clipboard.h"
-#include "linux/secret_service_credential_store.h"
 #include "linux/settings_preferences.h"
 #include "linux/system_clock.h"
 #include "linux/unix_signal_watcher.h"
-#include "linux/x11_screen_capture.h"
-#include "linux/x11_window_system.h"
+#include "linux/x11_display.h"
 #include "linux/xdg_autostart_login_item.h"
 
-#include <QApplication>
 #include <QCoreApplication>
-#include <QDBusConnection>
 #include <QDir>
-#include <QGuiApplication>
 #include <QNetworkAccessManager>
 #include <QStandardPaths>
 #include <cstdio>
@@ -61,25 +52,24 @@ void printTo(FILE* stream, const QString& text) {
     std::fflush(stream);
 }
 
-std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv) {
-    // A GUI application cannot start without a display, so the choice is made before Qt starts.
-    if (hasArgument(argc, argv, "--headless") || !LinuxDisplayProbe::displayReachable()) {
-        return std::make_unique<QCoreApplication>(argc, argv);
-    }
-    if (hasArgument(argc, argv, "--check-for-updates") || wantsDesktop(argc, argv)) {
-        return std::make_unique<QApplication>(argc, argv); // the tray, windows, alerts and sheets are widgets
-    }
-    return std::make_unique<QGuiApplication>(argc, argv);
-}
+// What a headless agent has instead of a desktop: no windows, and no permission to capture or
+// inject (nothing to capture, nowhere to inject).
+class NoWindows final : public WindowSystem {
+public:
+    QList<WindowOwner> frontWindowOwners() override { return {}; }
+    Screens screens() override { return {}; }
+};
 
-int runUpdateCheck(const AgentOptions& options) {
-    if (qobject_cast<QApplication*>(QCoreApplication::instance())) {
-        UpdateCheckRequest request;
-        request.feedURL = resolveUpdateFeedURL(options.updateFeedURL);
-        QtScheduler scheduler;
-        FreedesktopFileRevealer revealer;
-        return runWidgetUpdateCheck(request, scheduler, revealer);
-    }
+class NoDesktopPermissions final : public PermissionService {
+public:
+    bool screenCaptureAllowed() override { return false; }
+    bool requestScreenCapture() override { return false; }
+    bool inputInjectionAllowed() override { return false; }
+    bool requestInputInjection() override { return false; }
+    bool openSettings(SettingsPage) override { return false; }
+};
+
+int runTerminalUpdateCheck(const AgentOptions& options) {
     QNetworkAccessManager network;
     QtScheduler scheduler;
     UpdateCommandOptions commandOptions;
@@ -109,9 +99,25 @@ int main(int argc, char** argv) {
     mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
     // Started by the crash reporter of a crashed agent: report that crash and nothing else.
     if (const std::optional<int> descriptor = crashHelperDescriptor(argc, argv)) {
-        return CrashReporter::runHelper(*descriptor, argc, argv);
+        QString error;
+        DesktopModule* module = loadDesktopModule(&error);
+        if (module == nullptr) {
+            printTo(stderr, u"tellwyn-agent: the crash cannot be reported: %1\n"_s.arg(error));
+            return 1;
+        }
+        return module->runCrashHelper(*descriptor, argc, argv);
     }
-    const std::unique_ptr<QCoreApplication> application = makeApplication(argc, argv);
+    // The desktop side is loaded only where a display answers; the choice is made before Qt starts,
+    // since a GUI application cannot start without one.
+    QString moduleError;
+    DesktopModule* desktopModule = desktopDisplayReachable() ? loadDesktopModule(&moduleError) : nullptr;
+    const bool headless = desktopModule == nullptr || hasArgument(argc, argv, "--headless");
+    const bool widgets = hasArgument(argc, argv, "--check-for-updates") || wantsDesktop(argc, argv);
+    const std::unique_ptr<QCoreApplication> application =
+        headless ? std::make_unique<QCoreApplication>(argc, argv)
+                 : desktopModule->makeApplication(argc, argv, widgets);
+    const std::unique_ptr<DesktopServices> desktopServices =
+        desktopModule != nullptr ? desktopModule->makeServices() : nullptr;
     QCoreApplication::setApplicationName(u"tellwyn-agent"_s);
     QCoreApplication::setApplicationVersion(QLatin1String(TELLWYN_VERSION));
 
@@ -121,14 +127,17 @@ int main(int argc, char** argv) {
         return parsed.exitCode;
     }
     const AgentOptions& options = *parsed.options;
+    if (!moduleError.isEmpty()) {
+        printTo(stderr, u"tellwyn-agent: running without the desktop: %1\n"_s.arg(moduleError));
+    }
     if (options.checkForUpdates) {
-        return runUpdateCheck(options);
+        return !headless ? desktopServices->runUpdateCheck(options.updateFeedURL)
+                         : runTerminalUpdateCheck(options);
     }
 
     // On a desktop a second launch shows the running agent's window instead of starting another.
-    const bool desktop = qobject_cast<QApplication*>(application.get()) != nullptr;
-    SingleInstance instance;
-    if (desktop && instance.claim() == SingleInstance::Claim::heldByAnother) {
+    const bool desktop = !headless && widgets;
+    if (desktop && !desktopServices->claimDesktop()) {
         return 0;
     }
 
@@ -143,10 +152,13 @@ int main(int argc, char** argv) {
         CrashReporter::install();
     }
     LinuxSystemIdentity identity;
-    LinuxDisplayProbe displays;
+    const std::unique_ptr<DisplayProbe> displays =
+        desktopServices ? desktopServices->makeDisplayProbe()
+                        : std::unique_ptr<DisplayProbe>(std::make_unique<X11DisplayProbe>());
     LinuxSystemEvents events;
-    QtSystemClipboard systemClipboard;
-    ServerLogManager::shared().setSystemClipboard(&systemClipboard);
+    const std::unique_ptr<SystemClipboard> systemClipboard =
+        desktopServices ? desktopServices->makeClipboard() : nullptr;
+    ServerLogManager::shared().setSystemClipboard(systemClipboard.get());
 
     if (!preferences.problem().isEmpty()) {
         printTo(stderr, u"tellwyn-agent: %1\n"_s.arg(preferences.problem()));
@@ -158,10 +170,14 @@ int main(int argc, char** argv) {
 
     // Declared before the statistics provider and the core, so destroyed after them: the
     // provider's worker reads the session, windows and permissions until the provider is gone.
-    const std::unique_ptr<PermissionService> permissions = makeDesktopPermissionService(dataDirectory);
+    const std::unique_ptr<PermissionService> permissions =
+        desktopServices ? desktopServices->makePermissionService(dataDirectory)
+                        : std::unique_ptr<PermissionService>(std::make_unique<NoDesktopPermissions>());
     LogindDesktopSession desktopSession;
-    X11WindowSystem windowSystem;
-    LinuxHostProbes hostProbes(desktopSession, windowSystem, *permissions,
+    const std::unique_ptr<WindowSystem> windowSystem =
+        desktopServices ? desktopServices->makeWindowSystem()
+                        : std::unique_ptr<WindowSystem>(std::make_unique<NoWindows>());
+    LinuxHostProbes hostProbes(desktopSession, *windowSystem, *permissions,
                                LinuxHostProbes::systemSources(identity));
     SystemStatsProvider statsProvider(hostProbes, clock);
     ServiceAdvertiser advertiser(
@@ -170,23 +186,22 @@ int main(int argc, char** argv) {
         scheduler, identity);
 
     PamAccountVerifier accountVerifier;
-    SecretServiceCredentialStore credentialStore;
+    // None without a desktop or a session bus (nor a window to lock).
+    const std::unique_ptr<HLVPCredentialStore> credentialStore =
+        desktopServices ? desktopServices->makeCredentialStore() : nullptr;
     XdgAutostartLoginItem loginItem = XdgAutostartLoginItem::forThisProgram();
-    AgentEnvironment environment{clock,  scheduler,     preferences, identity,     displays,
+    AgentEnvironment environment{clock,  scheduler,     preferences, identity,     *displays,
                                  events, statsProvider, advertiser,  dataDirectory};
     environment.listenAddress = options.listenAddress;
     environment.port = options.port;
     environment.accountVerifier = &accountVerifier;
-    environment.systemClipboard = &systemClipboard;
-    // Without a session bus there is no keyring to ask (nor a window to lock).
-    if (QDBusConnection::sessionBus().isConnected()) {
-        environment.credentialStore = &credentialStore;
-    }
+    environment.systemClipboard = systemClipboard.get();
+    environment.credentialStore = credentialStore.get();
     environment.loginItem = &loginItem;
     environment.permissions = permissions.get();
-    environment.makeScreenCapture = [] {
-        return std::make_unique<X11ScreenCapture>();
-    };
+    if (desktopServices) {
+        environment.makeScreenCapture = desktopServices->screenCaptureFactory();
+    }
     const auto prepare = [&options](ServerManager& manager) {
         // Without a window the status line has nowhere else to go: it is written to standard error.
         QObject::connect(&manager, &ServerManager::serverStateChanged, &manager,
@@ -210,7 +225,7 @@ int main(int argc, char** argv) {
         }
     };
     if (desktop) {
-        return runDesktopAgent(environment, instance, options.updateFeedURL, prepare);
+        return desktopServices->runAgent(environment, options.updateFeedURL, prepare);
     }
     ServerManager manager(environment);
     prepare(manager);

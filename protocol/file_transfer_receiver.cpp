@@ -195,6 +195,7 @@ void FileTransferReceiver::fail(const QString& transferID, const QString& reason
 }
 
 void FileTransferReceiver::discard(Transfer& transfer) {
+    transfer.writer.reset();
     if (transfer.file) {
         transfer.file->close();
         transfer.file->remove();
@@ -260,13 +261,14 @@ void FileTransferReceiver::offer(const FileOfferMessage& message) {
     // A hidden name of its own until the file is whole and verified.
     transfer.file = std::make_unique<QFile>(
         folder.filePath(u".tellwyn-upload-%1.part"_s.arg(QUuid::createUuid().toString(QUuid::Id128))));
-    if (!transfer.file->open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+    if (!transfer.file->open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered)) {
         refuse(message.transferID, u"The file cannot be written: %1"_s.arg(transfer.file->errorString()));
         return;
     }
     transfer.file->setPermissions(QFile::ReadOwner | QFile::WriteOwner);
     // Held until the file is closed: it tells a later agent that this partial file is alive.
     ::flock(transfer.file->handle(), LOCK_EX | LOCK_NB);
+    transfer.writer = std::make_unique<FileWriter>(transfer.file->handle());
     log(u"receiving \"%1\" (%2) as \"%3\""_s.arg(transfer.offeredName, sizeText(message.size),
                                                  transfer.savedName),
         u"TRANSFER"_s);
@@ -289,11 +291,10 @@ void FileTransferReceiver::chunk(const FileChunkMessage& message) {
         fail(message.transferID, u"More data arrived than the file's announced size."_s);
         return;
     }
-    if (transfer.file->write(message.data) != message.data.size()) {
-        fail(message.transferID, u"The file cannot be written: %1"_s.arg(transfer.file->errorString()));
+    if (!transfer.writer->append(message.data)) {
+        fail(message.transferID, transfer.writer->error());
         return;
     }
-    transfer.hash->addData(message.data);
     transfer.received += quint64(message.data.size());
     if (m_activity) {
         m_activity();
@@ -312,15 +313,18 @@ void FileTransferReceiver::complete(const FileCompleteMessage& message) {
              u"The file ended after %1 of %2."_s.arg(sizeText(transfer.received), sizeText(transfer.size)));
         return;
     }
-    if (transfer.hash->result() != message.sha256) {
+    // Every byte is on the disk once the writer has finished.
+    const std::optional<QByteArray> digest = transfer.writer->finish();
+    if (!digest) {
+        fail(message.transferID, transfer.writer->error());
+        return;
+    }
+    if (*digest != message.sha256) {
         fail(message.transferID,
              u"The file arrived damaged (its SHA-256 does not match) and was not kept."_s);
         return;
     }
-    if (!transfer.file->flush() || ::fsync(transfer.file->handle()) != 0) {
-        fail(message.transferID, u"The file cannot be written: %1"_s.arg(transfer.file->errorString()));
-        return;
-    }
+    transfer.writer.reset();
     transfer.file->close();
     // Linking never replaces a file that took the name meanwhile; then the next free name is tried.
     const QDir folder(m_directory);

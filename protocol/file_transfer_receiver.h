@@ -1,8 +1,8 @@
 #pragma once
 
+#include "file_writer.h"
 #include "hlvp.h"
 #include "hlvp_messages.h"
-#include "sha256.h"
 
 #include <QFile>
 #include <QString>
@@ -32,8 +32,8 @@ struct FileTransferLimits {
 };
 
 // Receives the files a viewer uploads on one connection: offer, chunks, completion, checked with
-// SHA-256 and renamed into place only when whole and verified. Nothing partial ever carries a
-// final name, and a transfer that breaks off leaves nothing behind.
+// SHA-256, flushed to the disk and renamed into place only when whole and verified. Nothing partial ever
+// carries a final name, and a transfer that breaks off leaves nothing behind.
 class FileTransferReceiver {
 public:
     using Sender = std::function<void(const HLVPMessage& message)>;
@@ -61,7 +61,7 @@ private:
         quint64 size = 0;
         quint64 received = 0;
         std::unique_ptr<QFile> file;
-        std::unique_ptr<Sha256> hash = std::make_unique<Sha256>();
+        std::unique_ptr<FileWriter> writer; // writes and hashes `file`; gone before it closes
     };
 
     void offer(const FileOfferMessage& message);

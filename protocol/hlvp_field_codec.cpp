@@ -105,7 +105,8 @@ std::optional<QByteArray> FieldReader::bytes(const char* key, const QCborValue& 
         fail(quoted(key) + u" is not a byte string"_s);
         return std::nullopt;
     }
-    QByteArray bytes = value.toByteArray();
+    const auto taken = m_takenBytes.constFind(QString::fromLatin1(key));
+    QByteArray bytes = taken != m_takenBytes.cend() ? *taken : value.toByteArray();
     if (bytes.size() > maxBytes) {
         fail(quoted(key) + u" is longer than %1 bytes"_s.arg(maxBytes));
         return std::nullopt;

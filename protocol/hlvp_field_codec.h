@@ -5,6 +5,7 @@
 #include <QCborArray>
 #include <QCborMap>
 #include <QCborValue>
+#include <QHash>
 
 // The two visitors that `fields()` of each message is called with: one writes the members into a
 // CBOR map, the other reads them back and checks their types and limits.
@@ -54,6 +55,9 @@ private:
 class FieldReader {
 public:
     explicit FieldReader(const QCborMap& map) : m_map(map) {}
+    // `takenBytes`: byte strings read beside the map, which holds an empty one under their keys.
+    FieldReader(const QCborMap& map, QHash<QString, QByteArray> takenBytes)
+        : m_map(map), m_takenBytes(std::move(takenBytes)) {}
 
     bool ok() const { return m_error.isEmpty(); }
     QString error() const { return m_error; }
@@ -102,6 +106,7 @@ private:
     void failInEntry(const char* key, const QString& entryError);
 
     const QCborMap& m_map;
+    QHash<QString, QByteArray> m_takenBytes;
     QString m_error;
 };
 

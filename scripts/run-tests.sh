@@ -33,6 +33,16 @@ if desktop_libraries="$(ldd "$viewer" | grep -E 'libQt6Gui|libQt6DBus|libxcb')";
     exit 1
 fi
 
+# A headless agent must not map the desktop's libraries: they belong to its desktop module.
+agent="$root/build/test-run/app/tellwyn-agent"
+ldd "$agent" >/dev/null
+if desktop_libraries="$(ldd "$agent" | grep -E 'libQt6Gui|libQt6Widgets|libqt6keychain|libX11')"; then
+    echo "FAIL: the agent $agent loads desktop libraries:" >&2
+    echo "$desktop_libraries" >&2
+    echo "Link them into the desktop module (tellwyn-agent-desktop) only." >&2
+    exit 1
+fi
+
 (cd "$root/build/test-run" && ctest --output-on-failure -j "$jobs")
 
 cmake -S "$root" -B "$root/build/sanitize" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTELLWYN_SANITIZE=ON "${launcher[@]}" \

@@ -10,7 +10,7 @@ test_packages=(openssl clang-format python3 python3-cbor2 procps clang-14 libcla
                xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2
                haskell-gtk-sni-tray-utils libglib2.0-bin qt6-qpa-plugins python3-pil
                at-spi2-core python3-pyatspi gir1.2-atspi-2.0 imagemagick x11-xkb-utils)
-bench_packages=(prometheus-node-exporter)
+bench_packages=(prometheus-node-exporter openssh-server openssh-client linux-perf)
 package_packages=(debhelper lintian debootstrap man-db systemd ccache librsvg2-bin)
 
 wanted=()

@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QTextStream>
 #include <functional>
+#include <malloc.h>
 
 using namespace Qt::StringLiterals;
 
@@ -65,6 +66,10 @@ QString mainHelp() {
 
 int main(int argc, char* argv[]) {
     using namespace tellwyn;
+    // Uploads pass through in pieces of a few hundred KiB: keep such blocks in the heap instead of
+    // mapping, zeroing and unmapping fresh pages for every piece.
+    mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(u"tellwyn"_s);
     QCoreApplication::setApplicationVersion(QLatin1String(TELLWYN_VERSION));

@@ -1,7 +1,7 @@
 // tellwyn send: upload files into the agent's folder for received files, with a progress bar.
 
+#include "file_reader.h"
 #include "hlvp.h"
-#include "sha256.h"
 #include "viewer_command.h"
 
 #include <QElapsedTimer>
@@ -19,6 +19,7 @@ namespace tellwyn {
 namespace {
 
 constexpr qint64 chunkBytes = 256 * 1024;
+constexpr qsizetype readAheadBytes = 4 * 1024 * 1024;
 
 QString sizeText(double bytes) {
     return QLocale::c().formattedDataSize(qint64(bytes), 1, QLocale::DataSizeIecFormat);
@@ -49,6 +50,7 @@ private:
             m_session.finish(m_failures == 0 ? exitOk : exitProtocolError);
             return;
         }
+        m_reader.reset(); // before its file closes
         const QString path = m_paths.at(m_index);
         m_file = std::make_unique<QFile>(path);
         if (!m_file->open(QIODevice::ReadOnly)) {
@@ -64,26 +66,25 @@ private:
         m_acknowledged = 0;
         m_window = 0;
         m_completeSent = false;
-        m_hash = std::make_unique<Sha256>();
+        m_reader = std::make_unique<FileReader>(m_file->handle(), m_size, chunkBytes, readAheadBytes);
         m_clock.start();
         m_session.send(FileOfferMessage{m_id, QFileInfo(path).fileName(), quint64(m_size), std::nullopt});
     }
 
     void pump() {
         while (m_sent < m_size && m_sent - m_acknowledged + chunkBytes <= qint64(m_window)) {
-            const QByteArray data = m_file->read(chunkBytes);
-            if (data.isEmpty()) {
+            const std::optional<QByteArray> data = m_reader->next();
+            if (!data) {
                 m_session.send(FileCancelMessage{m_id, u"The file could not be read."_s, std::nullopt});
-                fail(u"cannot read %1: %2"_s.arg(m_paths.at(m_index), m_file->errorString()));
+                fail(u"cannot read %1: %2"_s.arg(m_paths.at(m_index), m_reader->error()));
                 return;
             }
-            m_hash->addData(data);
-            m_session.send(FileChunkMessage{m_id, quint64(m_sent), data, std::nullopt});
-            m_sent += data.size();
+            m_session.send(FileChunkMessage{m_id, quint64(m_sent), *data, std::nullopt});
+            m_sent += data->size();
         }
         if (m_sent == m_size && !m_completeSent) {
             m_completeSent = true;
-            m_session.send(FileCompleteMessage{m_id, m_hash->result(), std::nullopt});
+            m_session.send(FileCompleteMessage{m_id, m_reader->digest(), std::nullopt});
         }
     }
 
@@ -155,7 +156,7 @@ private:
     qsizetype m_index = 0;
     int m_failures = 0;
     std::unique_ptr<QFile> m_file;
-    std::unique_ptr<Sha256> m_hash; // of what has been sent
+    std::unique_ptr<FileReader> m_reader; // reads and hashes ahead of what has been sent
     QString m_id;
     qint64 m_size = 0;
     qint64 m_sent = 0;

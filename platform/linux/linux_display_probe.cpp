@@ -1,11 +1,9 @@
 #include "linux_display_probe.h"
 
-#include <QFileInfo>
+#include "x11_display.h"
+
 #include <QGuiApplication>
 #include <QScreen>
-#include <cstdlib>
-#include <xcb/randr.h>
-#include <xcb/xcb.h>
 
 using namespace Qt::StringLiterals;
 
@@ -17,48 +15,10 @@ bool isVirtualPlatform(const QString& name) {
     return name == "offscreen"_L1 || name == "minimal"_L1 || name == "vnc"_L1;
 }
 
-int countX11Monitors() {
-    const char* display = std::getenv("DISPLAY");
-    if (display == nullptr || *display == '\0') {
-        return 0;
-    }
-    xcb_connection_t* connection = xcb_connect(display, nullptr);
-    int count = 0;
-    if (xcb_connection_has_error(connection) == 0) {
-        const xcb_setup_t* setup = xcb_get_setup(connection);
-        for (auto roots = xcb_setup_roots_iterator(setup); roots.rem > 0; xcb_screen_next(&roots)) {
-            auto cookie = xcb_randr_get_monitors(connection, roots.data->root, 1);
-            xcb_randr_get_monitors_reply_t* reply = xcb_randr_get_monitors_reply(connection, cookie, nullptr);
-            // Without RandR every X screen is one display.
-            count += reply != nullptr ? xcb_randr_get_monitors_monitors_length(reply) : 1;
-            std::free(reply);
-        }
-    }
-    xcb_disconnect(connection);
-    return count;
-}
-
 } // namespace
 
 bool LinuxDisplayProbe::displayReachable() {
-    const char* wayland = std::getenv("WAYLAND_DISPLAY");
-    const char* runtimeDirectory = std::getenv("XDG_RUNTIME_DIR");
-    if (wayland != nullptr && *wayland != '\0') {
-        const QString socket = QString::fromLocal8Bit(wayland);
-        const QString path =
-            socket.startsWith(u'/') ? socket : QString::fromLocal8Bit(runtimeDirectory) + u'/' + socket;
-        if (QFileInfo(path).exists()) {
-            return true;
-        }
-    }
-    const char* display = std::getenv("DISPLAY");
-    if (display == nullptr || *display == '\0') {
-        return false;
-    }
-    xcb_connection_t* connection = xcb_connect(display, nullptr);
-    const bool reachable = xcb_connection_has_error(connection) == 0;
-    xcb_disconnect(connection);
-    return reachable;
+    return desktopDisplayReachable();
 }
 
 int LinuxDisplayProbe::displayCount() const {
@@ -66,7 +26,7 @@ int LinuxDisplayProbe::displayCount() const {
         return isVirtualPlatform(QGuiApplication::platformName()) ? 0
                                                                   : static_cast<int>(gui->screens().size());
     }
-    return countX11Monitors();
+    return x11MonitorCount();
 }
 
 } // namespace tellwyn

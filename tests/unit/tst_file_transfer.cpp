@@ -7,6 +7,9 @@
 #include <QDir>
 #include <QTemporaryDir>
 #include <QTest>
+#include <csignal>
+#include <cstring>
+#include <sys/resource.h>
 
 using namespace Qt::StringLiterals;
 using namespace tellwyn;
@@ -271,6 +274,24 @@ private Q_SLOTS:
         QFile saved(folder + u"/report (1).txt"_s);
         QVERIFY(saved.open(QIODevice::ReadOnly));
         QCOMPARE(saved.readAll(), QByteArray("data"));
+    }
+
+    // The disk refusing a write (here: the process's file-size limit) fails the transfer with the
+    // system's reason, and nothing is kept.
+    void aWriteThatFailsOnTheWriterThreadFailsTheTransfer() {
+        std::signal(SIGXFSZ, SIG_IGN); // EFBIG instead of the signal
+        rlimit original{};
+        QCOMPARE(::getrlimit(RLIMIT_FSIZE, &original), 0);
+        rlimit small = original;
+        small.rlim_cur = 64 * 1024;
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &small), 0);
+        const FileResultMessage result = upload(u"big"_s, u"big.bin"_s, QByteArray(256 * 1024, 'b'));
+        ::setrlimit(RLIMIT_FSIZE, &original);
+        QVERIFY(!result.success);
+        QCOMPARE(*result.errorMessage,
+                 u"The file cannot be written: %1"_s.arg(QString::fromLocal8Bit(strerror(EFBIG))));
+        QCOMPARE(everything(folder), QStringList());
+        QCOMPARE(receiver->activeTransfers(), 0);
     }
 };
 

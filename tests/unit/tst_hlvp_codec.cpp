@@ -203,6 +203,27 @@ private Q_SLOTS:
         QVERIFY(decoded(cbor(map)) == HLVPMessage(HandshakeMessage{u"Viewer"_s, 1, {}}));
     }
 
+    // A file's piece is taken from the frame's own buffer, and its limit still holds.
+    void largePiecesAreTakenFromTheFrameWithoutACopy() {
+        const FileChunkMessage chunk{u"t"_s, 7, QByteArray(wire::maxFileChunkBytes, 'c'), {}};
+        QByteArray body = wire::encodeMessage(chunk);
+        const char* const frameBytes = body.constData();
+        const wire::DecodeResult result = wire::decodeMessage(body);
+        QVERIFY(std::holds_alternative<HLVPMessage>(result));
+        const auto& decodedChunk = std::get<FileChunkMessage>(std::get<HLVPMessage>(result));
+        QVERIFY(decodedChunk == chunk);
+        QVERIFY(body.isEmpty());
+        QVERIFY(decodedChunk.data.constData() > frameBytes &&
+                decodedChunk.data.constData() < frameBytes + wire::maxFileChunkBytes);
+
+        QCborMap tooLarge = QCborValue::fromCbor(wire::encodeMessage(chunk)).toMap();
+        tooLarge.insert(u"data"_s, QByteArray(wire::maxFileChunkBytes + 1, 'c'));
+        QByteArray tooLargeBody = cbor(tooLarge);
+        const wire::DecodeResult refused = wire::decodeMessage(tooLargeBody);
+        QVERIFY(std::holds_alternative<wire::DecodeError>(refused));
+        QVERIFY(std::get<wire::DecodeError>(refused).reason.contains(u"\"data\" is longer than"_s));
+    }
+
     void fileNamesThatAreNotUtf8ArriveAsBytes() {
         const QCborMap map{{u"type"_s, u"fileOffer"_s},
                            {u"transferID"_s, u"t"_s},
