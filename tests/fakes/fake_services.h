@@ -11,9 +11,13 @@
 
 #include <QMetaObject>
 #include <QMutex>
+#include <QPointer>
 #include <QSemaphore>
 #include <QStringList>
+#include <algorithm>
 #include <atomic>
+#include <functional>
+#include <utility>
 
 namespace tellwyn::testing {
 
@@ -83,24 +87,51 @@ struct QuietAgentServices {
     ServiceAdvertiser advertiser;
 };
 
-// A keyring in memory; `failure` makes every call fail with that text.
+// A keyring in memory; `failure` makes every call fail with that text. Each call acts at once and
+// its answer comes as a queued call, as from a real keyring; while `holdAnswers` is set the
+// answers wait for releaseAnswers().
 class FakeCredentialStore final : public HLVPCredentialStore {
 public:
-    Lookup agentLockPassword() override {
-        if (failure) {
-            return {std::nullopt, failure};
-        }
-        return {stored, std::nullopt};
+    void agentLockPassword(QObject* context, LookupHandler done) override {
+        const Lookup lookup = failure ? Lookup{std::nullopt, failure} : Lookup{stored, std::nullopt};
+        answer(context, [lookup, done = std::move(done)] { done(lookup); });
     }
-    std::optional<QString> saveAgentLockPassword(const QString& password) override {
-        if (failure) {
-            return failure;
+    void saveAgentLockPassword(const QString& password, QObject* context, SaveHandler done) override {
+        if (!failure) {
+            stored = password;
         }
-        stored = password;
-        return std::nullopt;
+        answer(context, [error = failure, done = std::move(done)] { done(error); });
+    }
+    // Sends the held answers in the order they were asked for, or the newest first, as a keyring
+    // may when an older call takes longer.
+    void releaseAnswers(bool newestFirst = false) {
+        holdAnswers = false;
+        QList<std::function<void()>> held = std::exchange(m_held, {});
+        if (newestFirst) {
+            std::reverse(held.begin(), held.end());
+        }
+        for (const std::function<void()>& send : held) {
+            send();
+        }
     }
     std::optional<QString> stored;
     std::optional<QString> failure;
+    bool holdAnswers = false;
+
+private:
+    void answer(QObject* context, std::function<void()> send) {
+        std::function<void()> queued = [context = QPointer(context), send = std::move(send)] {
+            if (context) {
+                QMetaObject::invokeMethod(context, send, Qt::QueuedConnection);
+            }
+        };
+        if (holdAnswers) {
+            m_held.append(std::move(queued));
+        } else {
+            queued();
+        }
+    }
+    QList<std::function<void()>> m_held;
 };
 
 class FakeLoginItem final : public LoginItem {

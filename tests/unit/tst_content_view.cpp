@@ -53,7 +53,8 @@ struct Desk {
         environment.credentialStore = &keyring;
         environment.loginItem = &loginItem;
         manager = std::make_unique<ServerManager>(environment);
-        VirtualTime::drainEvents();
+        VirtualTime::drainEvents(); // the settings load in a queued step,
+        VirtualTime::drainEvents(); // and the keyring answers that step in a queued call of its own
     }
 };
 
@@ -242,25 +243,38 @@ private Q_SLOTS:
     void settingsPasswordSaveConfirmsOrAlerts() {
         Desk desk;
         desk.keyring.stored = u"old secret"_s;
+        desk.keyring.holdAnswers = true;
         ServerManagerTestAccess(*desk.manager).loadPasswordProtectionSettings();
         desk.manager->setPasswordProtection(true);
         SettingsView settings(*desk.manager);
         settings.show();
         auto* field = child<QLineEdit>(&settings, u"passwordField"_s);
+        auto* save = child(&settings, u"savePassword"_s);
         auto* saved = child<QWidget>(&settings, u"passwordSavedRow"_s);
+        // The keyring's answer arrives after the sheet opened, and shows in it.
+        QCOMPARE(field->text(), QString());
+        desk.keyring.releaseAnswers();
+        VirtualTime::drainEvents();
         QCOMPARE(field->text(), u"old secret"_s);
         QVERIFY(!saved->isVisible());
 
+        // While the keyring is asked the sheet stays usable; the result shows when it answers.
         field->clear();
         QTest::keyClicks(field, u"new secret"_s);
+        desk.keyring.holdAnswers = true;
         QTest::keyClick(field, Qt::Key_Return);
+        QVERIFY(!save->isEnabled());
+        QVERIFY(!saved->isVisible());
+        desk.keyring.releaseAnswers();
+        VirtualTime::drainEvents();
+        QVERIFY(save->isEnabled());
         QCOMPARE(desk.keyring.stored, u"new secret"_s);
         QVERIFY(saved->isVisible());
         QTest::keyClicks(field, u"!"_s);
         QVERIFY(!saved->isVisible());
 
         desk.keyring.failure = u"The keyring is locked"_s;
-        click(child(&settings, u"savePassword"_s));
+        click(save);
         QVERIFY(!saved->isVisible());
         QVERIFY(settings.passwordSaveFailed());
         QMessageBox* alert = settings.passwordAlert();

@@ -113,15 +113,45 @@ private Q_SLOTS:
                 {u"[INFO] No desktop session: no keyring for the lock password and no window to lock"_s}));
     }
 
+    void aKeyringAnswerThatArrivesLateStillCounts() {
+        keyring.stored = u"sesame"_s;
+        keyring.holdAnswers = true;
+        start();
+        // Until the keyring answers there is nothing to compare with: no entry opens the lock.
+        QVERIFY(!manager->verifyLockPassword(QString()));
+        QVERIFY(!manager->verifyLockPassword(u"sesame"_s));
+        QCOMPARE(manager->uiLockFailures(), 0);
+        keyring.releaseAnswers();
+        VirtualTime::drainEvents();
+        QVERIFY(manager->verifyLockPassword(u"sesame"_s));
+
+        // A password set while the read is on its way is newer than what the read brings, even
+        // when the read's answer comes last.
+        keyring.holdAnswers = true;
+        start();
+        manager->updateLockPassword(u"newer"_s);
+        keyring.releaseAnswers(true);
+        VirtualTime::drainEvents();
+        QCOMPARE(lockPassword(), u"newer"_s);
+    }
+
     void changingThePasswordKeepsTheOldOneWhenTheKeyringRefuses() {
         keyring.stored = u"old"_s;
         start();
+        std::optional<bool> stored;
+        const auto remember = [&stored](bool answer) {
+            stored = answer;
+        };
         keyring.failure = u"denied"_s;
-        QVERIFY(!manager->updateLockPassword(u"new"_s));
+        manager->updateLockPassword(u"new"_s, remember);
+        VirtualTime::drainEvents();
+        QCOMPARE(stored, std::optional<bool>(false));
         QCOMPARE(lockPassword(), u"old"_s);
         QVERIFY(loggedLines().contains(u"[ERROR] Failed to update agent UI-lock password: denied"_s));
         keyring.failure.reset();
-        QVERIFY(manager->updateLockPassword(QString())); // no rule on content: empty is stored too
+        manager->updateLockPassword(QString(), remember); // no rule on content: empty is stored too
+        VirtualTime::drainEvents();
+        QCOMPARE(stored, std::optional<bool>(true));
         QCOMPARE(keyring.stored, std::optional<QString>(QString()));
         QVERIFY(loggedLines().contains(u"[AUTH] Agent UI-lock password updated in the keyring"_s));
         QVERIFY(!preferences.values.contains(u"ServerPassword"_s));
