@@ -88,30 +88,27 @@ struct QuietAgentServices {
 };
 
 // A keyring in memory; `failure` makes every call fail with that text. Each call acts at once and
-// its answer comes as a queued call, as from a real keyring; while `holdAnswers` is set the
-// answers wait for releaseAnswers().
+// answers by a queued call, as a real keyring does; while `holdAnswers` is set the answers wait
+// for releaseAnswers(), which sends them in order, or the newest first as a slow keyring may.
 class FakeCredentialStore final : public HLVPCredentialStore {
 public:
     void agentLockPassword(QObject* context, LookupHandler done) override {
-        const Lookup lookup = failure ? Lookup{std::nullopt, failure} : Lookup{stored, std::nullopt};
-        answer(context, [lookup, done = std::move(done)] { done(lookup); });
+        answer(context, [done, lookup = failure ? Lookup{std::nullopt, failure}
+                                                : Lookup{stored, std::nullopt}] { done(lookup); });
     }
     void saveAgentLockPassword(const QString& password, QObject* context, SaveHandler done) override {
-        if (!failure) {
-            stored = password;
-        }
-        answer(context, [error = failure, done = std::move(done)] { done(error); });
+        stored = failure ? stored : password;
+        answer(context, [done, error = failure] { done(error); });
     }
-    // Sends the held answers in the order they were asked for, or the newest first, as a keyring
-    // may when an older call takes longer.
     void releaseAnswers(bool newestFirst = false) {
         holdAnswers = false;
-        QList<std::function<void()>> held = std::exchange(m_held, {});
         if (newestFirst) {
-            std::reverse(held.begin(), held.end());
+            std::reverse(m_held.begin(), m_held.end());
         }
-        for (const std::function<void()>& send : held) {
-            send();
+        for (const auto& [context, send] : std::exchange(m_held, {})) {
+            if (context) {
+                QMetaObject::invokeMethod(context, send, Qt::QueuedConnection);
+            }
         }
     }
     std::optional<QString> stored;
@@ -120,18 +117,12 @@ public:
 
 private:
     void answer(QObject* context, std::function<void()> send) {
-        std::function<void()> queued = [context = QPointer(context), send = std::move(send)] {
-            if (context) {
-                QMetaObject::invokeMethod(context, send, Qt::QueuedConnection);
-            }
-        };
-        if (holdAnswers) {
-            m_held.append(std::move(queued));
-        } else {
-            queued();
+        m_held.append({context, std::move(send)});
+        if (!holdAnswers) {
+            releaseAnswers();
         }
     }
-    QList<std::function<void()>> m_held;
+    QList<std::pair<QPointer<QObject>, std::function<void()>>> m_held;
 };
 
 class FakeLoginItem final : public LoginItem {
