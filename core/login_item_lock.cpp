@@ -62,7 +62,7 @@ void ServerManager::loadPasswordProtectionSettings() {
         store->agentLockPassword(
             this, [this, request = ++m_lockPasswordRequests](const HLVPCredentialStore::Lookup& lookup) {
                 if (request != m_lockPasswordRequests) {
-                    return; // a password set or read since then is the newer one
+                    return; // a password stored or read since then is the newer one
                 }
                 m_lockPasswordPending = false;
                 if (lookup.error) {
@@ -82,12 +82,12 @@ void ServerManager::setPasswordProtection(bool enabled) {
 }
 
 void ServerManager::updateLockPassword(const QString& password, std::function<void(bool stored)> completion) {
-    ++m_lockPasswordRequests;
     const auto answered = [this, password,
                            completion = std::move(completion)](const std::optional<QString>& error) {
         if (error) {
             log(u"Failed to update agent UI-lock password: %1"_s.arg(*error), u"ERROR"_s);
         } else {
+            ++m_lockPasswordRequests;
             m_lockPasswordPending = false;
             updateSettingsState([&](SettingsState& settings) { settings.serverPassword = password; });
             m_environment.preferences.remove(PreferenceKey::serverPassword);

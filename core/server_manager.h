@@ -263,8 +263,8 @@ private:
     QDateTime m_uiLockBlockedUntil;
     // The keyring has not yet answered the read at start: there is no password to compare with.
     bool m_lockPasswordPending = false;
-    // Bumped by every read and change of the lock password: a read's answer counts only if
-    // nothing was asked of the keyring after it.
+    // Bumped by every read of the lock password and every password the keyring stored: a read's
+    // answer counts only if nothing newer came since it was asked.
     quint64 m_lockPasswordRequests = 0;
     // Account checks queued or running, counted against their rate-limit keys until they end.
     QHash<QString, qint64> m_queuedAuthChecks;
