@@ -39,33 +39,40 @@ void ServerManager::loadPasswordProtectionSettings() {
     const bool enabled = preferences.boolValue(PreferenceKey::passwordProtectionEnabled);
     const QString legacy = preferences.object(PreferenceKey::serverPassword).value_or(QVariant()).toString();
     HLVPCredentialStore* store = m_environment.credentialStore;
-    QString password;
+    // An older plain copy works from memory at once; the keyring's copy counts when it arrives.
+    updateSettingsState([&](SettingsState& settings) {
+        settings.passwordProtectionEnabled = enabled;
+        settings.serverPassword = legacy;
+    });
     if (store == nullptr) {
         // A machine without a desktop session (a server, an agent started over ssh): there is no
         // keyring to ask and nothing to fail, so it is said once, as a fact.
         log(u"No desktop session: no keyring for the lock password and no window to lock"_s, u"INFO"_s);
-        password = legacy;
     } else if (!legacy.isEmpty()) {
-        const std::optional<QString> error = store->saveAgentLockPassword(legacy);
-        password = legacy;
-        if (!error) {
-            preferences.remove(PreferenceKey::serverPassword);
-            log(u"Migrated agent UI-lock password to the keyring"_s, u"AUTH"_s);
-        } else {
-            log(u"Agent password migration deferred: %1"_s.arg(*error), u"ERROR"_s);
-        }
+        store->saveAgentLockPassword(legacy, this, [this](const std::optional<QString>& error) {
+            if (!error) {
+                m_environment.preferences.remove(PreferenceKey::serverPassword);
+                log(u"Migrated agent UI-lock password to the keyring"_s, u"AUTH"_s);
+            } else {
+                log(u"Agent password migration deferred: %1"_s.arg(*error), u"ERROR"_s);
+            }
+        });
     } else {
-        const HLVPCredentialStore::Lookup lookup = store->agentLockPassword();
-        if (lookup.error) {
-            log(u"Agent password migration deferred: %1"_s.arg(*lookup.error), u"ERROR"_s);
-        } else {
-            password = lookup.password.value_or(QString());
-        }
+        m_lockPasswordPending = true;
+        store->agentLockPassword(
+            this, [this, request = ++m_lockPasswordRequests](const HLVPCredentialStore::Lookup& lookup) {
+                if (request != m_lockPasswordRequests) {
+                    return; // a password stored or read since then is the newer one
+                }
+                m_lockPasswordPending = false;
+                if (lookup.error) {
+                    log(u"Agent password migration deferred: %1"_s.arg(*lookup.error), u"ERROR"_s);
+                } else if (lookup.password) {
+                    updateSettingsState(
+                        [&](SettingsState& settings) { settings.serverPassword = *lookup.password; });
+                }
+            });
     }
-    updateSettingsState([&](SettingsState& settings) {
-        settings.passwordProtectionEnabled = enabled;
-        settings.serverPassword = password;
-    });
 }
 
 void ServerManager::setPasswordProtection(bool enabled) {
@@ -74,21 +81,35 @@ void ServerManager::setPasswordProtection(bool enabled) {
     log(enabled ? u"Password protection enabled"_s : u"Password protection disabled"_s, u"AUTH"_s);
 }
 
-bool ServerManager::updateLockPassword(const QString& password) {
-    HLVPCredentialStore* store = m_environment.credentialStore;
-    const std::optional<QString> error =
-        store != nullptr ? store->saveAgentLockPassword(password) : std::optional<QString>(u"No keyring."_s);
-    if (error) {
-        log(u"Failed to update agent UI-lock password: %1"_s.arg(*error), u"ERROR"_s);
-        return false;
+void ServerManager::updateLockPassword(const QString& password, std::function<void(bool stored)> completion) {
+    const auto answered = [this, password,
+                           completion = std::move(completion)](const std::optional<QString>& error) {
+        if (error) {
+            log(u"Failed to update agent UI-lock password: %1"_s.arg(*error), u"ERROR"_s);
+        } else {
+            ++m_lockPasswordRequests;
+            m_lockPasswordPending = false;
+            updateSettingsState([&](SettingsState& settings) { settings.serverPassword = password; });
+            m_environment.preferences.remove(PreferenceKey::serverPassword);
+            log(u"Agent UI-lock password updated in the keyring"_s, u"AUTH"_s);
+        }
+        if (completion) {
+            completion(!error);
+        }
+    };
+    if (HLVPCredentialStore* store = m_environment.credentialStore) {
+        store->saveAgentLockPassword(password, this, answered);
+    } else {
+        // Answered later all the same, as a keyring would be.
+        QMetaObject::invokeMethod(
+            this, [answered] { answered(u"No keyring."_s); }, Qt::QueuedConnection);
     }
-    updateSettingsState([&](SettingsState& settings) { settings.serverPassword = password; });
-    m_environment.preferences.remove(PreferenceKey::serverPassword);
-    log(u"Agent UI-lock password updated in the keyring"_s, u"AUTH"_s);
-    return true;
 }
 
 bool ServerManager::verifyLockPassword(const QString& text) {
+    if (m_lockPasswordPending) {
+        return false; // nothing to compare with yet; the administrator's way still opens the lock
+    }
     const QDateTime now = m_environment.clock.now();
     if (now < m_uiLockBlockedUntil) {
         return false;

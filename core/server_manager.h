@@ -105,7 +105,9 @@ public:
 
     // The menu lock.
     void setPasswordProtection(bool enabled);
-    bool updateLockPassword(const QString& password);
+    // Stores the password in the keyring; `completion` learns whether it was stored once the
+    // keyring has answered. Until then the lock keeps the password it had.
+    void updateLockPassword(const QString& password, std::function<void(bool stored)> completion = {});
     bool verifyLockPassword(const QString& text);
 
     // Permissions.
@@ -259,6 +261,11 @@ private:
     std::optional<QString> m_lastSentClipboardContent;
     qint64 m_uiLockFailures = 0;
     QDateTime m_uiLockBlockedUntil;
+    // The keyring has not yet answered the read at start: there is no password to compare with.
+    bool m_lockPasswordPending = false;
+    // Bumped by every read of the lock password and every password the keyring stored: a read's
+    // answer counts only if nothing newer came since it was asked.
+    quint64 m_lockPasswordRequests = 0;
     // Account checks queued or running, counted against their rate-limit keys until they end.
     QHash<QString, qint64> m_queuedAuthChecks;
     std::unique_ptr<SignInMemory> m_signInMemory;

@@ -1,6 +1,7 @@
 // tellwyn clip get|put|watch: read, set and follow the agent's clipboard.
 
 #include "hlvp.h"
+#include "message_text.h"
 #include "viewer_command.h"
 
 #include <QTimer>
@@ -91,7 +92,7 @@ int clipCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
         err);
     QObject::connect(&session, &ViewerSession::messageReceived, &session, [&](const HLVPMessage& message) {
         if (const auto* refusal = std::get_if<ErrorMessage>(&message)) {
-            err << u"tellwyn: the agent refused: %1"_s.arg(refusal->message) << Qt::endl;
+            err << u"tellwyn: the agent refused: %1"_s.arg(agentText(refusal->message)) << Qt::endl;
             session.finish(exitProtocolError);
         } else if (const auto* clipboard = std::get_if<ClipboardMessage>(&message)) {
             if (action == u"get"_s) {

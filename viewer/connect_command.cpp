@@ -48,9 +48,9 @@ int connectCommand(const QStringList& arguments, QTextStream& out, QTextStream& 
     QObject::connect(&session, &ViewerSession::ready, &session,
                      [&](const HandshakeResponseMessage& response) {
                          out << u"Connected to %1 at %2 (protocol version %3, agent version %4)."_s
-                                    .arg(response.agentName, target->address.display())
+                                    .arg(agentText(response.agentName), target->address.display())
                                     .arg(response.protocolVersion)
-                                    .arg(response.agentVersion)
+                                    .arg(agentText(response.agentVersion))
                              << Qt::endl;
                          heartbeats.start();
                      });

@@ -1,6 +1,7 @@
 // tellwyn discover: list the agents advertised on the local network, and find one by its name.
 
 #include "hlvp.h"
+#include "message_text.h"
 #include "service_browser_backend.h"
 #include "viewer_command.h"
 
@@ -30,8 +31,9 @@ QString agentLine(const ResolvedService& service) {
     for (auto it = service.txtRecord.cbegin(); it != service.txtRecord.cend(); ++it) {
         txt.append(it.key() + u'=' + QString::fromUtf8(it.value()));
     }
-    return QStringList{service.key.name, service.hostName, hostText(service), QString::number(service.port),
-                       txt.join(u' ')}
+    // Everything but the address came from the network as whoever advertised it chose.
+    return QStringList{agentText(service.key.name), agentText(service.hostName), hostText(service),
+                       QString::number(service.port), agentText(txt.join(u' '))}
         .join(u'\t');
 }
 

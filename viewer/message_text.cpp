@@ -1,6 +1,7 @@
 #include "message_text.h"
 
 #include "hlvp_codec.h"
+#include "server_log_manager.h"
 
 #include <QCborMap>
 #include <QCborValue>
@@ -56,6 +57,10 @@ QString plural(quint64 count, const QString& unit) {
 
 } // namespace
 
+QString agentText(const QString& text) {
+    return ServerLogManager::escapeControlCharacters(text);
+}
+
 QString uptimeText(quint64 seconds) {
     return plural(seconds / 86400, u"day"_s) + u", "_s + plural(seconds % 86400 / 3600, u"hour"_s);
 }
@@ -93,14 +98,15 @@ QString statisticsText(const SystemStatsMessage& s) {
     };
     QStringList lines;
     for (const auto& [label, value] : rows) {
-        lines.append((label + u':').leftJustified(25) + value);
+        lines.append((label + u':').leftJustified(25) + agentText(value));
     }
     if (!s.diskVolumes) {
         lines.append(u"Volumes:                 unknown"_s);
     } else {
         lines.append(u"Volumes:"_s);
         for (const HLVPDiskVolumeInfo& volume : *s.diskVolumes) {
-            lines.append(u"  %1  %2: %3 free of %4"_s.arg(volume.path, volume.name, gibText(volume.freeBytes),
+            lines.append(u"  %1  %2: %3 free of %4"_s.arg(agentText(volume.path), agentText(volume.name),
+                                                          gibText(volume.freeBytes),
                                                           gibText(volume.totalBytes)));
         }
     }
@@ -113,7 +119,9 @@ QByteArray statisticsJson(const SystemStatsMessage& stats) {
     return QJsonDocument(record).toJson(QJsonDocument::Compact);
 }
 
-QString messageSummary(const HLVPMessage& message) {
+namespace {
+
+QString summaryOf(const HLVPMessage& message) {
     const QString type = wireTypeName(message);
     if (const auto* stats = std::get_if<SystemStatsMessage>(&message)) {
         return u"%1: memory %2 free of %3, disk %4 free of %5, uptime %6 s"_s.arg(
@@ -140,6 +148,13 @@ QString messageSummary(const HLVPMessage& message) {
         return u"%1: %2 characters"_s.arg(type).arg(clipboard->text.size());
     }
     return type;
+}
+
+} // namespace
+
+QString messageSummary(const HLVPMessage& message) {
+    // The type names are the viewer's own; every other part came over the wire.
+    return agentText(summaryOf(message));
 }
 
 } // namespace tellwyn

@@ -6,6 +6,11 @@
 
 namespace tellwyn {
 
+// A text that came from the agent or the network (refusal reasons, names, statistics) as the
+// terminal may show it: escaped as the agent's log escapes what it writes, so that it cannot move
+// the cursor, drive the terminal or forge lines of its own.
+QString agentText(const QString& text);
+
 // One line naming a message and its main content, as `tellwyn connect` prints what arrives.
 QString messageSummary(const HLVPMessage& message);
 

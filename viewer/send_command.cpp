@@ -2,6 +2,7 @@
 
 #include "file_reader.h"
 #include "hlvp.h"
+#include "message_text.h"
 #include "viewer_command.h"
 
 #include <QElapsedTimer>
@@ -108,7 +109,7 @@ private:
     }
 
     void fail(const QString& reason) {
-        m_err << u"tellwyn: %1 was not sent: %2"_s.arg(m_paths.at(m_index), reason) << Qt::endl;
+        m_err << u"tellwyn: %1 was not sent: %2"_s.arg(m_paths.at(m_index), agentText(reason)) << Qt::endl;
         ++m_failures;
         ++m_index;
         next();
@@ -129,7 +130,8 @@ private:
             if (result->success) {
                 m_acknowledged = m_size;
                 progress(true);
-                m_out << u"%1 -> %2"_s.arg(m_paths.at(m_index), result->savedName.value_or(QString()))
+                m_out << u"%1 -> %2"_s.arg(m_paths.at(m_index),
+                                           agentText(result->savedName.value_or(QString())))
                       << Qt::endl;
                 ++m_index;
                 next();
@@ -143,7 +145,7 @@ private:
                    cancel && cancel->transferID == m_id) {
             fail(cancel->reason);
         } else if (const auto* refusal = std::get_if<ErrorMessage>(&message)) {
-            m_err << u"tellwyn: the agent refused: %1"_s.arg(refusal->message) << Qt::endl;
+            m_err << u"tellwyn: the agent refused: %1"_s.arg(agentText(refusal->message)) << Qt::endl;
             m_session.finish(exitProtocolError);
         }
     }

@@ -90,7 +90,7 @@ int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStrea
                 }
             } else {
                 err << u"tellwyn: sign-in refused: %1"_s.arg(
-                           response->errorMessage.value_or(u"(no reason given)"_s))
+                           agentText(response->errorMessage.value_or(u"(no reason given)"_s)))
                     << Qt::endl;
                 session.finish(exitSignInRefused);
             }
@@ -111,7 +111,8 @@ int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStrea
                 session.finish(exitOk);
             }
         } else if (const auto* refusal = std::get_if<ErrorMessage>(&message)) {
-            err << u"tellwyn: the agent refused a message: %1: %2"_s.arg(refusal->code, refusal->message)
+            err << u"tellwyn: the agent refused a message: %1: %2"_s.arg(agentText(refusal->code),
+                                                                         agentText(refusal->message))
                 << Qt::endl;
             session.finish(exitProtocolError);
         }

@@ -2,6 +2,7 @@
 
 #include "hlvp.h"
 #include "known_agents.h"
+#include "message_text.h"
 #include "password_prompt.h"
 #include "system_identity.h"
 
@@ -124,7 +125,7 @@ void signInWhenReady(ViewerSession& session, Credentials credentials, std::funct
                              return;
                          }
                          err << u"tellwyn: sign-in refused: %1"_s.arg(
-                                    response->errorMessage.value_or(u"(no reason given)"_s))
+                                    agentText(response->errorMessage.value_or(u"(no reason given)"_s)))
                              << Qt::endl;
                          session.finish(exitSignInRefused);
                      });

@@ -1,6 +1,7 @@
 #include "viewer_session.h"
 
 #include "known_agents.h"
+#include "message_text.h"
 
 #include <QTimer>
 
@@ -29,10 +30,11 @@ ViewerSession::ViewerSession(AgentAddress address, QString clientName, QString k
             return; // closing on purpose
         }
         if (kind == HLVPConnection::connectFailed) {
-            m_err << u"tellwyn: cannot connect to %1: %2"_s.arg(m_address.display(), reason) << Qt::endl;
+            m_err << u"tellwyn: cannot connect to %1: %2"_s.arg(m_address.display(), agentText(reason))
+                  << Qt::endl;
             m_exitCode = exitConnectFailed;
         } else {
-            m_err << u"tellwyn: %1: %2"_s.arg(m_address.display(), reason) << Qt::endl;
+            m_err << u"tellwyn: %1: %2"_s.arg(m_address.display(), agentText(reason)) << Qt::endl;
             m_exitCode = exitProtocolError;
         }
     });
@@ -86,7 +88,7 @@ bool ViewerSession::checkFingerprint(const QString& fingerprint) {
 void ViewerSession::onMessage(const HLVPMessage& message) {
     if (const auto* goodbye = std::get_if<DisconnectMessage>(&message)) {
         m_agentSaidGoodbye = true;
-        m_err << u"The agent ended the session: %1"_s.arg(goodbye->reason) << Qt::endl;
+        m_err << u"The agent ended the session: %1"_s.arg(agentText(goodbye->reason)) << Qt::endl;
     }
     Q_EMIT messageReceived(message);
 }

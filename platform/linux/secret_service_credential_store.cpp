@@ -2,10 +2,7 @@
 
 #include "alternate_signal_stack.h"
 
-#include <QDeadlineTimer>
-#include <QMutex>
 #include <QThread>
-#include <QWaitCondition>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -35,49 +32,37 @@ QObject* keyringThreadContext() {
     return context;
 }
 
-// Runs the job that `makeJob` creates to its end on the keyring thread, and waits for it there
-// without running the caller's event loop: a nested loop here would let the agent's queued work
-// run in the middle of the step that asked for the password. False when it did not finish in time.
+// Starts the job that `makeJob` creates on the keyring thread and returns at once; `read` turns
+// the finished job into the answer, which `deliver` receives on `context`'s thread. The relay is
+// made here, on the caller's thread, while `context` surely lives: its deletion on the keyring
+// thread carries the answer over a queued connection, which Qt drops if `context` has gone.
 template <typename JobType, typename Result>
-bool runToEnd(std::function<JobType*()> makeJob, std::function<Result(JobType&)> read,
-              std::chrono::milliseconds timeout, Result& result) {
-    struct Outcome {
-        QMutex lock;
-        QWaitCondition done;
-        std::optional<Result> value;
-    };
-    auto outcome = std::make_shared<Outcome>();
+void startJob(std::function<JobType*()> makeJob, std::function<Result(JobType&)> read, QObject* context,
+              std::function<void(const Result&)> deliver) {
+    auto answer = std::make_shared<std::optional<Result>>();
+    auto* relay = new QObject;
+    QObject::connect(relay, &QObject::destroyed, context,
+                     [answer, deliver = std::move(deliver)] { deliver(**answer); });
+    QObject* keyring = keyringThreadContext();
+    relay->moveToThread(keyring->thread());
     QMetaObject::invokeMethod(
-        keyringThreadContext(),
-        [makeJob = std::move(makeJob), read = std::move(read), outcome] {
+        keyring,
+        [makeJob = std::move(makeJob), read = std::move(read), answer, relay] {
             JobType* job = makeJob();
-            QObject::connect(job, &QKeychain::Job::finished, job, [job, read, outcome] {
-                Result value = read(*job);
-                QMutexLocker locker(&outcome->lock);
-                outcome->value = std::move(value);
-                outcome->done.wakeAll();
+            QObject::connect(job, &QKeychain::Job::finished, relay, [job, read, answer, relay] {
+                *answer = read(*job);
+                relay->deleteLater();
             });
             job->setAutoDelete(true);
             job->start();
         },
         Qt::QueuedConnection);
-    QMutexLocker locker(&outcome->lock);
-    if (!outcome->value && !outcome->done.wait(&outcome->lock, QDeadlineTimer(timeout))) {
-        return false;
-    }
-    result = std::move(*outcome->value);
-    return true;
 }
 
 } // namespace
 
-SecretServiceCredentialStore::SecretServiceCredentialStore(std::chrono::milliseconds timeout)
-    : m_timeout(timeout) {
-}
-
-HLVPCredentialStore::Lookup SecretServiceCredentialStore::agentLockPassword() {
-    Lookup lookup;
-    const bool answered = runToEnd<QKeychain::ReadPasswordJob, Lookup>(
+void SecretServiceCredentialStore::agentLockPassword(QObject* context, LookupHandler done) {
+    startJob<QKeychain::ReadPasswordJob, Lookup>(
         [] {
             auto* job = new QKeychain::ReadPasswordJob(serviceName);
             job->setKey(lockPasswordKey);
@@ -93,16 +78,12 @@ HLVPCredentialStore::Lookup SecretServiceCredentialStore::agentLockPassword() {
             }
             return Lookup{job.textData(), std::nullopt};
         },
-        m_timeout, lookup);
-    if (!answered) {
-        return {std::nullopt, u"The keyring did not answer."_s};
-    }
-    return lookup;
+        context, std::move(done));
 }
 
-std::optional<QString> SecretServiceCredentialStore::saveAgentLockPassword(const QString& password) {
-    std::optional<QString> error;
-    const bool answered = runToEnd<QKeychain::WritePasswordJob, std::optional<QString>>(
+void SecretServiceCredentialStore::saveAgentLockPassword(const QString& password, QObject* context,
+                                                         SaveHandler done) {
+    startJob<QKeychain::WritePasswordJob, std::optional<QString>>(
         [password] {
             auto* job = new QKeychain::WritePasswordJob(serviceName);
             job->setKey(lockPasswordKey);
@@ -114,11 +95,7 @@ std::optional<QString> SecretServiceCredentialStore::saveAgentLockPassword(const
             return job.error() != QKeychain::NoError ? std::optional<QString>(job.errorString())
                                                      : std::nullopt;
         },
-        m_timeout, error);
-    if (!answered) {
-        return u"The keyring did not answer."_s;
-    }
-    return error;
+        context, std::move(done));
 }
 
 } // namespace tellwyn

@@ -2,22 +2,15 @@
 
 #include "hlvp_credential_store.h"
 
-#include <chrono>
-
 namespace tellwyn {
 
 // The credential store on the Secret Service (GNOME Keyring, KWallet) through QtKeychain: one
-// item, service "TellwynAgent", key "agent-ui-lock". Each call waits for the keyring's answer on a
-// thread of its own, at most `timeout`, so that a keyring that never answers cannot hang the agent.
+// item, service "TellwynAgent", key "agent-ui-lock". The keyring is asked from a thread of its
+// own, so a keyring that is slow, or waits for the user to unlock it, never holds up the caller.
 class SecretServiceCredentialStore final : public HLVPCredentialStore {
 public:
-    explicit SecretServiceCredentialStore(std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
-    Lookup agentLockPassword() override;
-    std::optional<QString> saveAgentLockPassword(const QString& password) override;
-
-private:
-    std::chrono::milliseconds m_timeout;
+    void agentLockPassword(QObject* context, LookupHandler done) override;
+    void saveAgentLockPassword(const QString& password, QObject* context, SaveHandler done) override;
 };
 
 } // namespace tellwyn

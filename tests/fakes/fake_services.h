@@ -11,9 +11,13 @@
 
 #include <QMetaObject>
 #include <QMutex>
+#include <QPointer>
 #include <QSemaphore>
 #include <QStringList>
+#include <algorithm>
 #include <atomic>
+#include <functional>
+#include <utility>
 
 namespace tellwyn::testing {
 
@@ -83,24 +87,42 @@ struct QuietAgentServices {
     ServiceAdvertiser advertiser;
 };
 
-// A keyring in memory; `failure` makes every call fail with that text.
+// A keyring in memory; `failure` makes every call fail with that text. Each call acts at once and
+// answers by a queued call, as a real keyring does; while `holdAnswers` is set the answers wait
+// for releaseAnswers(), which sends them in order, or the newest first as a slow keyring may.
 class FakeCredentialStore final : public HLVPCredentialStore {
 public:
-    Lookup agentLockPassword() override {
-        if (failure) {
-            return {std::nullopt, failure};
-        }
-        return {stored, std::nullopt};
+    void agentLockPassword(QObject* context, LookupHandler done) override {
+        answer(context, [done, lookup = failure ? Lookup{std::nullopt, failure}
+                                                : Lookup{stored, std::nullopt}] { done(lookup); });
     }
-    std::optional<QString> saveAgentLockPassword(const QString& password) override {
-        if (failure) {
-            return failure;
+    void saveAgentLockPassword(const QString& password, QObject* context, SaveHandler done) override {
+        stored = failure ? stored : password;
+        answer(context, [done, error = failure] { done(error); });
+    }
+    void releaseAnswers(bool newestFirst = false) {
+        holdAnswers = false;
+        if (newestFirst) {
+            std::reverse(m_held.begin(), m_held.end());
         }
-        stored = password;
-        return std::nullopt;
+        for (const auto& [context, send] : std::exchange(m_held, {})) {
+            if (context) {
+                QMetaObject::invokeMethod(context, send, Qt::QueuedConnection);
+            }
+        }
     }
     std::optional<QString> stored;
     std::optional<QString> failure;
+    bool holdAnswers = false;
+
+private:
+    void answer(QObject* context, std::function<void()> send) {
+        m_held.append({context, std::move(send)});
+        if (!holdAnswers) {
+            releaseAnswers();
+        }
+    }
+    QList<std::pair<QPointer<QObject>, std::function<void()>>> m_held;
 };
 
 class FakeLoginItem final : public LoginItem {

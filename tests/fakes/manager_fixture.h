@@ -57,7 +57,8 @@ protected:
     ServerManager& startManager(AgentEnvironment environment) {
         manager.reset();
         manager = std::make_unique<ServerManager>(std::move(environment));
-        VirtualTime::drainEvents();
+        VirtualTime::drainEvents(); // the settings load in a queued step,
+        VirtualTime::drainEvents(); // and the keyring answers that step in a queued call of its own
         return *manager;
     }
 };

@@ -113,15 +113,41 @@ private Q_SLOTS:
                 {u"[INFO] No desktop session: no keyring for the lock password and no window to lock"_s}));
     }
 
+    void aKeyringAnswerThatArrivesLateStillCounts() {
+        keyring.stored = u"sesame"_s;
+        keyring.holdAnswers = true;
+        start();
+        // Until the keyring answers no entry opens the lock, and none counts as a failure.
+        QVERIFY(!manager->verifyLockPassword(QString()) && !manager->verifyLockPassword(u"sesame"_s));
+        QCOMPARE(manager->uiLockFailures(), 0);
+        // A save the keyring refuses meanwhile does not void the read, even when it answers first.
+        keyring.failure = u"denied"_s;
+        manager->updateLockPassword(u"other"_s);
+        keyring.failure.reset();
+        keyring.releaseAnswers(true);
+        VirtualTime::drainEvents();
+        QVERIFY(manager->verifyLockPassword(u"sesame"_s));
+
+        // A password set while the read is on its way wins, even when the read answers last.
+        keyring.holdAnswers = true;
+        start();
+        manager->updateLockPassword(u"newer"_s);
+        keyring.releaseAnswers(true);
+        VirtualTime::drainEvents();
+        QCOMPARE(lockPassword(), u"newer"_s);
+    }
+
     void changingThePasswordKeepsTheOldOneWhenTheKeyringRefuses() {
         keyring.stored = u"old"_s;
         start();
         keyring.failure = u"denied"_s;
-        QVERIFY(!manager->updateLockPassword(u"new"_s));
+        manager->updateLockPassword(u"new"_s);
+        VirtualTime::drainEvents();
         QCOMPARE(lockPassword(), u"old"_s);
         QVERIFY(loggedLines().contains(u"[ERROR] Failed to update agent UI-lock password: denied"_s));
         keyring.failure.reset();
-        QVERIFY(manager->updateLockPassword(QString())); // no rule on content: empty is stored too
+        manager->updateLockPassword(QString()); // no rule on content: empty is stored too
+        VirtualTime::drainEvents();
         QCOMPARE(keyring.stored, std::optional<QString>(QString()));
         QVERIFY(loggedLines().contains(u"[AUTH] Agent UI-lock password updated in the keyring"_s));
         QVERIFY(!preferences.values.contains(u"ServerPassword"_s));

@@ -271,11 +271,32 @@ void SettingsView::redraw() {
     reflect(m_loginItems, settings.enableLoginItems);
     reflect(m_autoStart, settings.autoStartServer);
     m_passwordRows->setVisible(settings.passwordProtectionEnabled);
+    // The keyring's copy may arrive after the sheet opened; what the user typed is left alone.
+    if (!m_passwordField->isModified() && m_passwordField->text() != settings.serverPassword) {
+        m_passwordField->setText(settings.serverPassword);
+    }
 }
 
 void SettingsView::savePassword() {
-    const bool stored = m_serverManager.updateLockPassword(m_passwordField->text());
-    setPasswordSaved(stored);
+    if (m_passwordSaving) {
+        return; // one save at a time: its answer says what the keyring holds
+    }
+    m_passwordSaving = true;
+    m_saveButton->setEnabled(false);
+    setPasswordSaved(false);
+    const QString password = m_passwordField->text();
+    m_serverManager.updateLockPassword(password, [self = QPointer(this), password](bool stored) {
+        if (self) {
+            self->showPasswordSaveResult(stored, password);
+        }
+    });
+}
+
+void SettingsView::showPasswordSaveResult(bool stored, const QString& password) {
+    m_passwordSaving = false;
+    m_saveButton->setEnabled(true);
+    // Typing after "Save" makes the text unsaved again; the mark is for the text that was saved.
+    setPasswordSaved(stored && m_passwordField->text() == password);
     m_passwordSaveFailed = !stored;
     if (m_passwordSaveFailed) {
         m_passwordAlert = new QMessageBox(QMessageBox::Warning, uiText("Password Not Saved"),

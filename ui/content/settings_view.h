@@ -47,6 +47,7 @@ public:
 private:
     void redraw();
     void savePassword();
+    void showPasswordSaveResult(bool stored, const QString& password);
     void setPasswordSaved(bool saved);
     QCheckBox* addToggle(QBoxLayout* layout, const char* title, const QString& objectName);
 
@@ -54,6 +55,7 @@ private:
     qint64 m_pendingServerPort = 5905;
     bool m_passwordSaveFailed = false;
     bool m_passwordSaved = false;
+    bool m_passwordSaving = false;
 
     QLineEdit* m_portField = nullptr;
     QLabel* m_serviceStatus = nullptr;
