@@ -14,22 +14,15 @@ import os
 import shutil
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from bench_common import resident_kib  # noqa: E402
+
 HOLD_SECONDS = 1.0  # the installer's response waits this long, so the idle size can be read
-
-
-def resident_kib(pid):
-    try:
-        with open(f"/proc/{pid}/status") as f:
-            for line in f:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
-    except FileNotFoundError:
-        return None
-    return None
 
 
 def make_server(installer, size, feed_version):

@@ -19,6 +19,18 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def resident_kib(pid):
+    """The resident size of process `pid` in KiB; None once it has ended."""
+    try:
+        with open(f"/proc/{pid}/status", encoding="ascii") as status:
+            for line in status:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return None
+
+
 def run_as(user):
     """The command prefix that runs a program as `user`, replacing the current process (so that
     signals reach the program itself)."""

@@ -69,6 +69,13 @@ class HLVPClient:
         self.send({"type": "handshake", "clientName": name, "protocolVersion": 1})
         return self.receive_until("handshakeResponse")
 
+    def sign_in(self, name, user, password, timeout=60.0):
+        """Hand-shakes as `name` and signs in with a password; the agent's answer."""
+        self.handshake(name)
+        self.send({"type": "authentication", "method": "password",
+                   "credentials": {"username": user, "password": password}})
+        return self.receive_until("authenticationResponse", timeout)
+
     def is_closed_by_agent(self, timeout=15.0):
         """True when the agent ends the connection within `timeout`; messages before that are skipped."""
         try:

@@ -9,16 +9,8 @@ import unittest
 
 import cbor2
 
-from agent_process import Agent
+from agent_process import Agent, resident_kib
 from hlvp_client import HLVPClient, frame, tls_context
-
-
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status", encoding="ascii") as status:
-        for line in status:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
 
 
 class BadInputTest(unittest.TestCase):
@@ -49,7 +41,7 @@ class BadInputTest(unittest.TestCase):
             agent.wait_until_running()
             good = HLVPClient(agent.port)
             self.assertIsNotNone(good.handshake("Good Viewer"))
-            rss_before = rss_kib(agent.process.pid)
+            rss_before = resident_kib(agent.process.pid)
 
             results = {}
 
@@ -137,7 +129,7 @@ class BadInputTest(unittest.TestCase):
             good.send({"type": "heartbeat", "sequenceNumber": 99})
             self.assertEqual(good.receive_until("heartbeatResponse")["sequenceNumber"], 99)
             self.assertIsNone(agent.process.poll())
-            self.assertLess(rss_kib(agent.process.pid) - rss_before, 64 * 1024)
+            self.assertLess(resident_kib(agent.process.pid) - rss_before, 64 * 1024)
             good.send({"type": "disconnect", "reason": "done"})
             good.close()
 

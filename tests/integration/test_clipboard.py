@@ -9,6 +9,7 @@ import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
 from agent_process import Agent
+from desktop_session import start_xvfb, stop
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
 
@@ -17,13 +18,7 @@ class XDisplay:
     """An Xvfb of the test's own; any local user may connect (the agent runs as the test account)."""
 
     def __init__(self):
-        read_end, write_end = os.pipe()
-        self.process = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "800x600x24",
-                                         "-nolisten", "tcp", "-ac", "-noreset"], pass_fds=(write_end,),
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        with os.fdopen(read_end) as chosen:
-            self.name = ":" + chosen.readline().strip()
+        self.process, self.name = start_xvfb("800x600")
         self.env = dict(os.environ, DISPLAY=self.name)
         self.owners = []
 
@@ -44,8 +39,7 @@ class XDisplay:
         for owner in self.owners:
             owner.kill()
             owner.wait()
-        self.process.terminate()
-        self.process.wait(10)
+        stop(self.process)
 
 
 class Watcher:
@@ -75,8 +69,7 @@ class Watcher:
         return False
 
     def stop(self):
-        self.process.terminate()
-        self.process.wait(10)
+        stop(self.process)
         self._reader.join(5)
 
 

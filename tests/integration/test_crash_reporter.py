@@ -20,6 +20,7 @@ from datetime import datetime, timezone
 from unittest import mock
 
 from agent_process import AGENT, Agent
+from desktop_session import start_xvfb, stop
 
 PROGRAM = os.environ.get("TELLWYN_CRASHING_PROGRAM", "crashing_program")
 BOUNDARY = r"[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}"
@@ -254,13 +255,8 @@ class CrashingProgramTest(CrashReportTestCase):
                     self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
 
     def test_pressing_ok_in_the_alert_ends_the_wait(self):
-        read_end, write_end = os.pipe()
-        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp"],
-                                pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
+        xvfb, display = start_xvfb()
         try:
-            with os.fdopen(read_end) as chosen:
-                display = ":" + chosen.readline().strip()
             with ReportServer() as server:
                 env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=server.url, DISPLAY=display, LC_ALL="C.UTF-8")
                 env.pop("WAYLAND_DISPLAY", None)
@@ -283,8 +279,7 @@ class CrashingProgramTest(CrashReportTestCase):
                 self.assertLess(time.monotonic() - pressed, 0.5 + 2.0)
                 self.assertEqual(len(server.wait_for_posts(1)), 1)
         finally:
-            xvfb.terminate()
-            xvfb.wait(10)
+            stop(xvfb)
 
 
 class AgentCrashTest(CrashReportTestCase):

@@ -15,24 +15,10 @@ import time
 import unittest
 
 from agent_process import Agent
+from desktop_session import start_system_bus, stop
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
 SERVICE_TYPE = "_hlvp._tcp"
-
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-"""
 
 AVAHI_CONFIG = """[server]
 use-ipv4=yes
@@ -98,28 +84,15 @@ class PrivateAvahi:
 
     def __init__(self):
         self.dir = tempfile.TemporaryDirectory(prefix="tellwyn-avahi-")
-        bus_socket = os.path.join(self.dir.name, "system_bus_socket")
-        bus_config = os.path.join(self.dir.name, "bus.conf")
-        avahi_config = os.path.join(self.dir.name, "avahi-daemon.conf")
-        with open(bus_config, "w") as f:
-            f.write(BUS_CONFIG.format(socket=bus_socket))
-        with open(avahi_config, "w") as f:
+        self.avahi_config = os.path.join(self.dir.name, "avahi-daemon.conf")
+        with open(self.avahi_config, "w") as f:
             f.write(AVAHI_CONFIG)
-        self.address = "unix:path=" + bus_socket
-        self.bus = subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + bus_config])
         self.avahi = None
-        self.avahi_config = avahi_config
-        deadline = time.monotonic() + 10
-        while not os.path.exists(bus_socket):
-            if time.monotonic() > deadline or self.bus.poll() is not None:
-                self.close()
-                raise AssertionError("the private system bus did not start")
-            time.sleep(0.05)
+        self.bus, self.address = start_system_bus(self.dir.name)
         self.start_daemon()
 
     def start_daemon(self):
-        avahi_config = self.avahi_config
-        self.avahi = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", AVAHI_LAUNCH, "sh", avahi_config],
+        self.avahi = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", AVAHI_LAUNCH, "sh", self.avahi_config],
                                       env=self.env(), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.output = []
         for line in self.avahi.stdout:
@@ -161,13 +134,7 @@ class PrivateAvahi:
 
     def close(self):
         for process in (self.avahi, self.bus):
-            if process is not None and process.poll() is None:
-                process.terminate()
-                try:
-                    process.wait(10)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait(5)
+            stop(process)
         if self.avahi is not None:
             self.avahi.stdout.close()
         self.dir.cleanup()

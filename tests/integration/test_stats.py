@@ -11,6 +11,7 @@ import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
 from agent_process import Agent
+from desktop_session import start_xvfb, stop
 from hlvp_client import HLVPClient
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
@@ -138,10 +139,7 @@ class StatsTest(unittest.TestCase):
 def sign_in_and_receive(agent):
     client = HLVPClient(agent.port)
     try:
-        client.handshake("Stats Viewer")
-        client.send({"type": "authentication", "method": "password",
-                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
-        assert client.receive_until("authenticationResponse", timeout=15)["success"]
+        assert client.sign_in("Stats Viewer", TEST_USER, TEST_PASSWORD)["success"]
         return client.receive_until("systemStats", timeout=10)
     finally:
         client.close()
@@ -152,18 +150,8 @@ class StatsWithDisplayTest(unittest.TestCase):
     """With an X server the record counts its screens and says whether capture and input work."""
 
     def setUp(self):
-        # Xvfb picks a free display and says which once it accepts connections.
-        read_end, write_end = os.pipe()
-        self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1280x800x24",
-                                      "-nolisten", "tcp", "-noreset"], pass_fds=(write_end,),
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        self.addCleanup(self.xvfb.wait, 10)
-        self.addCleanup(self.xvfb.kill)
-        with os.fdopen(read_end) as chosen:
-            number = chosen.readline().strip()
-        self.assertTrue(number, "Xvfb did not start")
-        self.display = ":" + number
+        self.xvfb, self.display = start_xvfb("1280x800")
+        self.addCleanup(stop, self.xvfb)
         self.agent = Agent(user=TEST_USER, display=self.display)
         self.addCleanup(self.agent.close)
         self.agent.wait_until_running()

@@ -17,6 +17,7 @@ import time
 import unittest
 
 from agent_process import AGENT
+from desktop_session import start_xvfb, stop
 
 MIB = 1 << 20
 
@@ -278,17 +279,8 @@ class DesktopCheckTest(UpdateTestCase):
 
     def setUp(self):
         super().setUp()
-        # Xvfb picks a free display number itself: other tests may run displays at the same time.
-        read_end, write_end = os.pipe()
-        self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "800x600x24",
-                                      "-nolisten", "tcp"], pass_fds=(write_end,),
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        self.addCleanup(self.xvfb.kill)
-        with os.fdopen(read_end) as chosen:
-            number = chosen.readline().strip()
-        self.assertTrue(number, "Xvfb did not start")
-        self.display = ":" + number
+        xvfb, self.display = start_xvfb("800x600")
+        self.addCleanup(stop, xvfb)
 
     def window_titles(self):
         tree = subprocess.run(["xwininfo", "-root", "-tree"], capture_output=True, text=True,

@@ -1,3 +1,4 @@
+#include "event_wait.h"
 #include "fake_network.h"
 #include "update_check.h"
 
@@ -46,7 +47,7 @@ class TestUpdateCheck : public QObject {
         std::optional<UpdateCheckOutcome> outcome;
         fetchUpdateOutcome(network, UpdateCheckRequest{feedURL, running}, &context,
                            [&](UpdateCheckOutcome o) { outcome = std::move(o); });
-        if (!QTest::qWaitFor([&] { return outcome.has_value(); }, 5000)) {
+        if (!QTest::qWaitFor([&] { return outcome.has_value(); }, tellwyn::testing::eventDeadlineMs)) {
             qFatal("no outcome");
         }
         return *outcome;
@@ -253,7 +254,7 @@ private Q_SLOTS:
         feed = "1.6.0|Patch|Fixes|https://127.0.0.1/TellwynAgent-1.6.0.deb";
         checkForUpdates(network, request, &context, presenter);
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.presentations.size(), 2);
+        TRY_COMPARE(presenter.presentations.size(), 2);
         const UpdateDownloadPresentation& first = presenter.presentations.constFirst();
         QCOMPARE(first.info, info(u"1.6.0"_s, UpdateType::patch, u"Fixes"_s,
                                   u"https://127.0.0.1/TellwynAgent-1.6.0.deb"_s));
@@ -263,17 +264,17 @@ private Q_SLOTS:
 
         feed = "1.5.0";
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.upToDate, 1);
+        TRY_COMPARE(presenter.upToDate, 1);
 
         feed = "garbage";
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.failures, QStringList{u"Invalid update feed format."_s});
+        TRY_COMPARE(presenter.failures, QStringList{u"Invalid update feed format."_s});
 
         // Without a usable installer address not even the fallback can be made.
         qputenv(downloadBaseEnvironmentVariable, "http://[bad/");
         feed = "1.6.0";
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.failures.size(), 2);
+        TRY_COMPARE(presenter.failures.size(), 2);
         qunsetenv(downloadBaseEnvironmentVariable);
         QCOMPARE(presenter.failures.constLast(),
                  u"The download link for this update is missing or invalid."_s);
@@ -291,7 +292,7 @@ private Q_SLOTS:
         fetchUpdateOutcome(network, UpdateCheckRequest{u"https://127.0.0.1/f.txt"_s, u"1.0"_s}, context.get(),
                            [&delivered](UpdateCheckOutcome) { delivered = true; });
         context.reset();
-        QTRY_VERIFY(network.lastReply() == nullptr || network.lastReply()->isFinished());
+        TRY_VERIFY(network.lastReply() == nullptr || network.lastReply()->isFinished());
         QTest::qWait(0);
         QVERIFY(!delivered);
     }
