@@ -147,14 +147,12 @@ class CrashReportTestCase(unittest.TestCase):
         cls.version = agent_version()
 
     def assertExactUpload(self, post, before):
-        """Checks the request and form of one upload and returns the report text."""
+        """Checks that one upload reached the endpoint as a form with this machine's report, and
+        returns the report text. The form's exact bytes and headers are pinned by the unit tests."""
         method, path, headers, body = post
-        self.assertEqual(method, "POST")
-        self.assertEqual(path, "/crash_reports/index.php")
-        self.assertEqual(headers["User-Agent"], f"TellwynAgent-{self.version}")
+        self.assertEqual((method, path), ("POST", "/crash_reports/index.php"))
         form = FORM.match(body)
         self.assertIsNotNone(form, body[:300])
-        self.assertEqual(headers["Content-Type"], "multipart/form-data; boundary=" + form["boundary"].decode())
         report = form["report"].decode("utf-8")
         self.assertTrue(report.startswith(header(self.version)), report[:400])
         stamp = report[len(header(self.version)):].split("\n", 1)[0]
@@ -213,21 +211,14 @@ class CrashingProgramTest(CrashReportTestCase):
                 # The handler found at install runs afterwards: here the runtime's own.
                 self.assertIn(f"terminate called after throwing an instance of '{name}'", stderr)
 
-    def test_a_stack_overflow_is_reported(self):
-        with ReportServer() as server:
-            result, _, before = crash("overflow", server.url)
-            self.assertEqual(result.returncode, -signal.SIGSEGV)
-            body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
-            self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
-            self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
-
-    def test_a_stack_overflow_on_a_worker_thread_is_reported(self):
-        with ReportServer() as server:
-            result, _, before = crash("worker-overflow", server.url)
-            self.assertEqual(result.returncode, -signal.SIGSEGV)
-            body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
-            self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
-            self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
+    def test_a_stack_overflow_on_the_main_or_a_worker_thread_is_reported(self):
+        for how in ("overflow", "worker-overflow"):
+            with self.subTest(how), ReportServer() as server:
+                result, _, before = crash(how, server.url)
+                self.assertEqual(result.returncode, -signal.SIGSEGV)
+                body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
+                self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
+                self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
 
     def test_ends_within_the_waits_when_the_server_never_answers(self):
         with ReportServer(answer=False) as server:
