@@ -29,13 +29,19 @@ class SignInTest(unittest.TestCase):
     def test_the_accounts_password_signs_in_and_the_first_record_is_printed(self):
         code, out, err = self.stats(TEST_USER, TEST_PASSWORD)
         self.assertEqual(code, 0, err)
-        self.assertRegex(out, r"(?m)^Total memory: +[1-9][\d.]* GiB$")
+        # The record, printed readably.
+        with open("/proc/meminfo") as meminfo:
+            total_kib = int(next(line for line in meminfo if line.startswith("MemTotal:")).split()[1])
+        self.assertRegex(out, rf"(?m)^Total memory: +{total_kib / (1 << 20):.1f} GiB$")
         self.assertRegex(out, r"(?m)^Uptime: +\d+ days?, \d+ hours?$")
+        self.assertRegex(out, r"(?m)^Active application: +System$")
+        self.assertRegex(out, r"(?m)^Screen locked: +(yes|no|unknown)$")
+        self.assertRegex(out, r"(?m)^Volumes:\n  / ")
         self.agent.wait_for_log("AUTH", f"System authentication successful for user: {TEST_USER}")
         self.agent.wait_for_log("AUTH", "Authentication successful for Sign-in Viewer")
         self.assertNotIn(TEST_PASSWORD, "\n".join(self.agent.stdout_lines + self.agent.stderr_lines))
 
-    def test_refusals_reach_the_viewer_and_repeated_failures_are_blocked(self):
+    def test_a_refusal_reaches_the_viewer_and_pam_explains_it_in_the_log(self):
         code, _, err = self.stats(TEST_USER, "not the password")
         self.assertEqual(code, 6)
         self.assertIn("tellwyn: sign-in refused: Invalid credentials for this computer's account", err)
@@ -45,15 +51,8 @@ class SignInTest(unittest.TestCase):
                     if c == "AUTH" and m.startswith(f"System authentication failed for user {TEST_USER}: ")]
         self.assertEqual(len(failures), 1)
         self.assertGreater(len(failures[0]), len(f"System authentication failed for user {TEST_USER}: "))
-
-        # At once again: still inside the back-off, refused without a check.
-        code, _, err = self.stats(TEST_USER, TEST_PASSWORD)
-        self.assertEqual(code, 6)
-        self.assertIn("Too many failed authentication attempts. Try again later.", err)
-        self.agent.wait_for_log("SECURITY", "Authentication rate-limited for Sign-in Viewer")
-        log = "\n".join(self.agent.stdout_lines + self.agent.stderr_lines)
-        self.assertNotIn("not the password", log)
-        self.assertNotIn(TEST_PASSWORD, log)
+        # The back-off and blocking that follow are pinned in virtual time by the unit tests.
+        self.assertNotIn("not the password", "\n".join(self.agent.stdout_lines + self.agent.stderr_lines))
 
     def test_no_password_source_is_a_local_error(self):
         viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER],
