@@ -12,7 +12,6 @@ import argparse
 import http.server
 import os
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile

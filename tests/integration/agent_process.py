@@ -39,7 +39,80 @@ def run_as(user):
     return ["sudo", "-n", "-u", user, "--"]
 
 
-class Agent:
+class Program:
+    """A process whose printed lines are collected as they come; `stdin_text` is written to it and
+    its input closed."""
+
+    def __init__(self, args, env=None, stdin_text=None):
+        self.process = subprocess.Popen(args, stdin=subprocess.DEVNULL if stdin_text is None else subprocess.PIPE,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        env=env or dict(os.environ, LC_ALL="C.UTF-8"), text=True, encoding="utf-8",
+                                        errors="replace")
+        if stdin_text is not None:
+            self.process.stdin.write(stdin_text)
+            self.process.stdin.close()
+        self.stdout_lines = []
+        self.stderr_lines = []
+        self._changed = threading.Condition()
+        self._readers = [threading.Thread(target=self._read, args=(self.process.stdout, self.stdout_lines), daemon=True),
+                         threading.Thread(target=self._read, args=(self.process.stderr, self.stderr_lines), daemon=True)]
+        for reader in self._readers:
+            reader.start()
+
+    def _read(self, stream, lines):
+        for line in stream:
+            with self._changed:
+                lines.append(line.rstrip("\n"))
+                self._changed.notify_all()
+        with self._changed:
+            self._changed.notify_all()
+
+    def wait_for(self, predicate, timeout=60.0, what="condition"):
+        deadline = time.monotonic() + timeout
+        with self._changed:
+            while not predicate():
+                remaining = deadline - time.monotonic()
+                if remaining <= 0:
+                    raise AssertionError(f"timed out waiting for {what}\nstdout:\n" + "\n".join(self.stdout_lines)
+                                         + "\nstderr:\n" + "\n".join(self.stderr_lines))
+                self._changed.wait(min(remaining, 0.2))
+
+    def wait_for_output(self, text, timeout=60.0):
+        """Waits until a printed line contains `text`."""
+        self.wait_for(lambda: any(text in line for line in self.stdout_lines), timeout, repr(text))
+
+    def stop(self, sig=signal.SIGTERM, timeout=15.0):
+        if self.process.poll() is None:
+            self.process.send_signal(sig)
+        code = self.process.wait(timeout)
+        for reader in self._readers:
+            reader.join(5)
+        return code
+
+    def finish(self, timeout=15.0):
+        """Waits for the end: the exit code, standard output and standard error."""
+        code = self.process.wait(timeout)
+        for reader in self._readers:
+            reader.join(5)
+        return code, "\n".join(self.stdout_lines), "\n".join(self.stderr_lines)
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait(5)
+        for reader in self._readers:
+            reader.join(5)
+        self.process.stdout.close()
+        self.process.stderr.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+
+class Agent(Program):
     """One agent process with its own configuration and data folders, listening on loopback."""
 
     def __init__(self, port=None, config_dir=None, data_dir=None, extra_args=(), start=True, user=None,
@@ -72,40 +145,14 @@ class Agent:
             env["DISPLAY"] = display
             env["QT_QPA_PLATFORM"] = "xcb"
         env.update(extra_env or {})
-        self.process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
-                                        text=True, encoding="utf-8", errors="replace")
-        self.stdout_lines = []
-        self.stderr_lines = []
-        self._changed = threading.Condition()
-        self._readers = [threading.Thread(target=self._read, args=(self.process.stdout, self.stdout_lines), daemon=True),
-                         threading.Thread(target=self._read, args=(self.process.stderr, self.stderr_lines), daemon=True)]
-        for reader in self._readers:
-            reader.start()
-
-    def _read(self, stream, lines):
-        for line in stream:
-            with self._changed:
-                lines.append(line.rstrip("\n"))
-                self._changed.notify_all()
-        with self._changed:
-            self._changed.notify_all()
+        super().__init__(args, env)
 
     def log(self):
         """The log lines as (category, message) pairs, without the time."""
         with self._changed:
             return [(m.group(2), m.group(3)) for m in map(LOG_LINE.match, self.stdout_lines) if m]
 
-    def wait_for(self, predicate, timeout=15.0, what="condition"):
-        deadline = time.monotonic() + timeout
-        with self._changed:
-            while not predicate():
-                remaining = deadline - time.monotonic()
-                if remaining <= 0:
-                    raise AssertionError(f"timed out waiting for {what}\nstdout:\n" + "\n".join(self.stdout_lines)
-                                         + "\nstderr:\n" + "\n".join(self.stderr_lines))
-                self._changed.wait(min(remaining, 0.2))
-
-    def wait_for_log(self, category, message, timeout=15.0):
+    def wait_for_log(self, category, message, timeout=60.0):
         self.wait_for(lambda: any(c == category and m == message for c, m in self._log_unlocked()), timeout,
                       f"[{category}] {message}")
 
@@ -122,26 +169,6 @@ class Agent:
                 return message[len(prefix):]
         return None
 
-    def stop(self, sig=signal.SIGTERM, timeout=15.0):
-        if self.process.poll() is None:
-            self.process.send_signal(sig)
-        code = self.process.wait(timeout)
-        for reader in self._readers:
-            reader.join(5)
-        return code
-
     def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait(5)
-        for reader in self._readers:
-            reader.join(5)
-        self.process.stdout.close()
-        self.process.stderr.close()
+        super().close()
         self._scratch.cleanup()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.close()

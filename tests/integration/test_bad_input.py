@@ -7,10 +7,8 @@ import threading
 import time
 import unittest
 
-import cbor2
-
 from agent_process import Agent, resident_kib
-from hlvp_client import HLVPClient, frame, tls_context
+from hlvp_client import HLVPClient, frame
 
 
 class BadInputTest(unittest.TestCase):

@@ -3,12 +3,11 @@ xclip, and the real viewer signed in through PAM."""
 import os
 import shutil
 import subprocess
-import threading
 import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent
+from agent_process import Agent, Program
 from desktop_session import start_xvfb, stop
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
@@ -42,37 +41,6 @@ class XDisplay:
         stop(self.process)
 
 
-class Watcher:
-    """`tellwyn clip watch`, collecting what it prints."""
-
-    def __init__(self, port, known):
-        self.process = subprocess.Popen([VIEWER, "clip", "watch", f"127.0.0.1:{port}", "-u", TEST_USER,
-                                         "--password-stdin", "--name", "Watcher", "--known-agents", known],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                        text=True)
-        self.process.stdin.write(TEST_PASSWORD + "\n")
-        self.process.stdin.close()
-        self.lines = []
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        for line in self.process.stdout:
-            self.lines.append(line.rstrip("\n"))
-
-    def wait_for(self, text, timeout=10.0):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if text in self.lines:
-                return True
-            time.sleep(0.05)
-        return False
-
-    def stop(self):
-        stop(self.process)
-        self._reader.join(5)
-
-
 @unittest.skipUnless(test_account_exists() and shutil.which("Xvfb") and shutil.which("xclip"),
                      "needs the test account, Xvfb and xclip: run scripts/setup.sh test")
 class ClipboardTest(unittest.TestCase):
@@ -91,21 +59,26 @@ class ClipboardTest(unittest.TestCase):
                                "--known-agents", self.known], input=TEST_PASSWORD + "\n" + stdin,
                               capture_output=True, text=True, timeout=30)
 
+    def watcher(self):
+        """`tellwyn clip watch`, collecting what it prints."""
+        return Program([VIEWER, "clip", "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER, "--password-stdin",
+                        "--name", "Watcher", "--known-agents", self.known], stdin_text=TEST_PASSWORD + "\n")
+
     def test_copies_on_the_machine_reach_a_watching_viewer(self):
         self.display.copy("copied before the viewer came")
-        watcher = Watcher(self.agent.port, self.known)
+        watcher = self.watcher()
         try:
             # The monitor starts with the sign-in; its first look sends what is on the clipboard.
-            self.assertTrue(watcher.wait_for("copied before the viewer came"), watcher.lines)
+            watcher.wait_for(lambda: "copied before the viewer came" in watcher.stdout_lines, what="the first copy")
             self.display.copy("copied later ✓")
-            self.assertTrue(watcher.wait_for("copied later ✓"), watcher.lines)
+            watcher.wait_for(lambda: "copied later ✓" in watcher.stdout_lines, what="the later copy")
             code = self.viewer("get", f"127.0.0.1:{self.agent.port}")
             self.assertEqual((code.returncode, code.stdout), (0, "copied later ✓"), code.stderr)
         finally:
-            watcher.stop()
+            watcher.close()
 
     def test_text_from_a_viewer_lands_on_the_clipboard_and_is_not_sent_back(self):
-        watcher = Watcher(self.agent.port, self.known)
+        watcher = self.watcher()
         try:
             self.agent.wait_for_log("CLIPBOARD", "Clipboard sync monitor started")
             put = self.viewer("put", f"127.0.0.1:{self.agent.port}", stdin="from the viewer\nsecond line")
@@ -114,9 +87,9 @@ class ClipboardTest(unittest.TestCase):
             self.agent.wait_for_log("CLIPBOARD", "Clipboard snapshot received from Putter (27 bytes)")
             # Several monitor ticks later, the watching viewer has not been sent it.
             time.sleep(4)
-            self.assertNotIn("from the viewer", watcher.lines)
+            self.assertNotIn("from the viewer", watcher.stdout_lines)
         finally:
-            watcher.stop()
+            watcher.close()
 
 
 if __name__ == "__main__":

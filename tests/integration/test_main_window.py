@@ -5,7 +5,6 @@ import shutil
 import subprocess
 import tempfile
 import threading
-import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
