@@ -10,6 +10,7 @@ import agent_process  # noqa: E402
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists  # noqa: E402,F401
 from agent_process import Agent, free_port, resident_kib  # noqa: E402,F401
 from hlvp_client import HLVPClient  # noqa: E402,F401
+from http_server import LoopbackHTTP  # noqa: E402,F401
 
 TICKS = os.sysconf("SC_CLK_TCK")
 

@@ -13,6 +13,30 @@ AGENT = os.environ.get("TELLWYN_AGENT", "tellwyn-agent")
 LOG_LINE = re.compile(r"^\[([^\]]*)\] \[([^\]]*)\] (.*)$")
 
 
+def agent_version(with_build=False):
+    """The agent's version, "1.0.0", or with its build "1.0.0 (1)", from `--version`."""
+    words = subprocess.run([AGENT, "--version"], capture_output=True, text=True, check=True).stdout.split()
+    return f"{words[1]} ({words[3].rstrip(')')})" if with_build else words[1]
+
+
+def os_pretty_name():
+    """This machine's PRETTY_NAME from os-release, or None."""
+    for path in ("/etc/os-release", "/usr/lib/os-release"):
+        try:
+            with open(path, encoding="utf-8") as release:
+                for line in release:
+                    if line.startswith("PRETTY_NAME="):
+                        return line.split("=", 1)[1].strip().strip('"')
+        except OSError:
+            pass
+    return None
+
+
+def mem_total_bytes():
+    with open("/proc/meminfo") as meminfo:
+        return int(next(line for line in meminfo if line.startswith("MemTotal:")).split()[1]) * 1024
+
+
 def free_port():
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as probe:
         probe.bind(("127.0.0.1", 0))

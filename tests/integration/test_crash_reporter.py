@@ -5,7 +5,6 @@ agent is crashed from outside with kill. Each report must arrive as the exact mu
 copied to standard error, and the process must still end by its signal.
 """
 import errno
-import http.server
 import os
 import platform
 import re
@@ -19,8 +18,9 @@ import unittest
 from datetime import datetime, timezone
 from unittest import mock
 
-from agent_process import AGENT, Agent
+from agent_process import Agent, agent_version, os_pretty_name
 from desktop_session import start_xvfb, stop
+from http_server import LoopbackHTTP
 
 PROGRAM = os.environ.get("TELLWYN_CRASHING_PROGRAM", "crashing_program")
 BOUNDARY = r"[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}"
@@ -33,18 +33,8 @@ FORM = re.compile(rb"--(?P<boundary>" + BOUNDARY.encode() + rb")\r\n"
 WAIT_LIMIT = 3.0 + 0.5 + 1.0 + 0.5 + 2.0
 
 
-def agent_version():
-    out = subprocess.run([AGENT, "--version"], capture_output=True, text=True, check=True).stdout
-    return out.split()[1]
-
-
 def os_version():
-    pretty = "Linux"
-    with open("/etc/os-release", encoding="utf-8") as release:
-        for line in release:
-            if line.startswith("PRETTY_NAME="):
-                pretty = line.split("=", 1)[1].strip().strip('"')
-    return f"{pretty} (Linux {platform.release()})"
+    return f"{os_pretty_name() or 'Linux'} (Linux {platform.release()})"
 
 
 def header(version):
@@ -56,39 +46,23 @@ OS Version: {os_version()}
 Timestamp: """
 
 
-class ReportServer:
-    """Receives crash reports over HTTP on loopback; with answer=False it reads them but never answers."""
+class ReportServer(LoopbackHTTP):
+    """Receives crash reports over HTTP on loopback."""
 
-    def __init__(self, answer=True):
-        self.posts = []
+    def __init__(self):
+        super().__init__()
+        self.report_url = self.url("/crash_reports/index.php")
+
+
+class SilentServer:
+    """Reads crash reports on loopback but never answers."""
+
+    def __init__(self):
         self.requests_seen = 0
-        self._changed = threading.Condition()
-        if answer:
-            owner = self
-
-            class Handler(http.server.BaseHTTPRequestHandler):
-                def do_POST(self):
-                    body = self.rfile.read(int(self.headers["Content-Length"]))
-                    with owner._changed:
-                        owner.posts.append((self.command, self.path, self.headers, body))
-                        owner._changed.notify_all()
-                    self.send_response(200)
-                    self.end_headers()
-
-                def log_message(self, *args):
-                    pass
-
-            self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-            self._thread = threading.Thread(target=self._server.serve_forever, daemon=True)
-            self.port = self._server.server_address[1]
-        else:
-            self._server = None
-            self._listener = socket.create_server(("127.0.0.1", 0))
-            self._held = []
-            self._thread = threading.Thread(target=self._hold, daemon=True)
-            self.port = self._listener.getsockname()[1]
-        self._thread.start()
-        self.url = f"http://127.0.0.1:{self.port}/crash_reports/index.php"
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._held = []
+        threading.Thread(target=self._hold, daemon=True).start()
+        self.report_url = f"http://127.0.0.1:{self._listener.getsockname()[1]}/crash_reports/index.php"
 
     def _hold(self):
         while True:
@@ -98,29 +72,15 @@ class ReportServer:
                 return
             self._held.append(connection)
             if connection.recv(65536):
-                with self._changed:
-                    self.requests_seen += 1
-                    self._changed.notify_all()
-
-    def close(self):
-        if self._server:
-            self._server.shutdown()
-            self._server.server_close()
-        else:
-            self._listener.close()
-            for connection in self._held:
-                connection.close()
-
-    def wait_for_posts(self, count, timeout=10.0):
-        with self._changed:
-            self._changed.wait_for(lambda: len(self.posts) >= count, timeout)
-            return list(self.posts)
+                self.requests_seen += 1
 
     def __enter__(self):
         return self
 
     def __exit__(self, *exc):
-        self.close()
+        self._listener.close()
+        for connection in self._held:
+            connection.close()
 
 
 def without_core_files():
@@ -175,7 +135,7 @@ class CrashingProgramTest(CrashReportTestCase):
                  ("abort", signal.SIGABRT, "SIGABRT (Abort)", "crashByAbort()")]
         for how, number, text, function in cases:
             with self.subTest(how), ReportServer() as server:
-                result, _, before = crash(how, server.url)
+                result, _, before = crash(how, server.report_url)
                 self.assertEqual(result.returncode, -number, result.stderr.decode(errors="replace"))
                 posts = server.wait_for_posts(1)
                 self.assertEqual(len(posts), 1)
@@ -194,7 +154,7 @@ class CrashingProgramTest(CrashReportTestCase):
                  ("int", "int", "Unknown", "throwInteger()", None)]
         for how, name, reason, function, user_info in cases:
             with self.subTest(how), ReportServer() as server:
-                result, _, before = crash(how, server.url)
+                result, _, before = crash(how, server.report_url)
                 stderr = result.stderr.decode(errors="replace")
                 self.assertEqual(result.returncode, -signal.SIGABRT, stderr)
                 posts = server.wait_for_posts(1)
@@ -214,15 +174,15 @@ class CrashingProgramTest(CrashReportTestCase):
     def test_a_stack_overflow_on_the_main_or_a_worker_thread_is_reported(self):
         for how in ("overflow", "worker-overflow"):
             with self.subTest(how), ReportServer() as server:
-                result, _, before = crash(how, server.url)
+                result, _, before = crash(how, server.report_url)
                 self.assertEqual(result.returncode, -signal.SIGSEGV)
                 body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
                 self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
                 self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
 
     def test_ends_within_the_waits_when_the_server_never_answers(self):
-        with ReportServer(answer=False) as server:
-            result, elapsed, _ = crash("segv", server.url)
+        with SilentServer() as server:
+            result, elapsed, _ = crash("segv", server.report_url)
             self.assertEqual(result.returncode, -signal.SIGSEGV)
             self.assertEqual(server.requests_seen, 1)
             # The 0.5 s for the upload and the 0.5 s pause both pass; nothing waits for the 5 s time-out.
@@ -237,7 +197,7 @@ class CrashingProgramTest(CrashReportTestCase):
                 how = "stress-kill" if run % 2 else "stress"
                 with self.subTest(run=run, how=how):
                     try:
-                        result, elapsed, _ = crash(how, server.url, timeout=20)
+                        result, elapsed, _ = crash(how, server.report_url, timeout=20)
                     except subprocess.TimeoutExpired:
                         self.fail(f"run {run} ({how}) hung")
                     self.assertEqual(result.returncode, -signal.SIGSEGV)
@@ -249,7 +209,7 @@ class CrashingProgramTest(CrashReportTestCase):
         xvfb, display = start_xvfb()
         try:
             with ReportServer() as server:
-                env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=server.url, DISPLAY=display, LC_ALL="C.UTF-8")
+                env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=server.report_url, DISPLAY=display, LC_ALL="C.UTF-8")
                 env.pop("WAYLAND_DISPLAY", None)
                 env.pop("QT_QPA_PLATFORM", None)
                 child = subprocess.Popen([PROGRAM, "segv", "--gui"], env=env, stdout=subprocess.DEVNULL,
@@ -298,7 +258,7 @@ class AgentCrashTest(CrashReportTestCase):
 
     def test_a_crashed_agent_uploads_its_report_and_dies_by_the_signal(self):
         with ReportServer() as server:
-            code, before, stderr = self.crash_agent(signal.SIGSEGV, server.url)
+            code, before, stderr = self.crash_agent(signal.SIGSEGV, server.report_url)
             self.assertEqual(code, -signal.SIGSEGV)
             posts = server.wait_for_posts(1)
             self.assertEqual(len(posts), 1)
@@ -311,7 +271,7 @@ class AgentCrashTest(CrashReportTestCase):
         for name, args, preferences in [("option", ["--no-crash-reporter"], None),
                                         ("preference", [], "enableCrashReporter=false\n")]:
             with self.subTest(name), ReportServer() as server:
-                code, _, stderr = self.crash_agent(signal.SIGSEGV, server.url, args, preferences)
+                code, _, stderr = self.crash_agent(signal.SIGSEGV, server.report_url, args, preferences)
                 self.assertEqual(code, -signal.SIGSEGV)
                 self.assertNotIn("Crash Report", stderr)
                 self.assertEqual(server.wait_for_posts(1, timeout=1.0), [])

@@ -4,7 +4,7 @@ import subprocess
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent
+from agent_process import Agent, mem_total_bytes
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
 
@@ -30,9 +30,7 @@ class SignInTest(unittest.TestCase):
         code, out, err = self.stats(TEST_USER, TEST_PASSWORD)
         self.assertEqual(code, 0, err)
         # The record, printed readably.
-        with open("/proc/meminfo") as meminfo:
-            total_kib = int(next(line for line in meminfo if line.startswith("MemTotal:")).split()[1])
-        self.assertRegex(out, rf"(?m)^Total memory: +{total_kib / (1 << 20):.1f} GiB$")
+        self.assertRegex(out, rf"(?m)^Total memory: +{mem_total_bytes() / (1 << 30):.1f} GiB$")
         self.assertRegex(out, r"(?m)^Uptime: +\d+ days?, \d+ hours?$")
         self.assertRegex(out, r"(?m)^Active application: +System$")
         self.assertRegex(out, r"(?m)^Screen locked: +(yes|no|unknown)$")

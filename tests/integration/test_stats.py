@@ -10,7 +10,7 @@ import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent
+from agent_process import Agent, agent_version, mem_total_bytes, os_pretty_name
 from desktop_session import start_xvfb, stop
 from hlvp_client import HLVPClient
 
@@ -24,29 +24,9 @@ ALWAYS_PRESENT = ["totalMemory", "freeMemory", "totalDiskSpace", "freeDiskSpace"
                   "diskVolumes"]
 
 
-def mem_total_bytes():
-    with open("/proc/meminfo") as meminfo:
-        for line in meminfo:
-            if line.startswith("MemTotal:"):
-                return int(line.split()[1]) * 1024
-    raise AssertionError("no MemTotal")
-
-
 def uptime_seconds():
     with open("/proc/uptime") as uptime:
         return float(uptime.read().split()[0])
-
-
-def pretty_name():
-    for path in ("/etc/os-release", "/usr/lib/os-release"):
-        try:
-            with open(path) as release:
-                for line in release:
-                    if line.startswith("PRETTY_NAME="):
-                        return line.split("=", 1)[1].strip().strip('"')
-        except OSError:
-            pass
-    return None
 
 
 @unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
@@ -81,10 +61,10 @@ class StatsTest(unittest.TestCase):
         if isinstance(boot, str):
             boot = datetime.datetime.fromisoformat(boot.replace("Z", "+00:00"))
         self.assertLess(abs(boot.timestamp() - (time.time() - uptime_seconds())), 15)
-        if pretty_name():
-            self.assertEqual(record["osVersion"], pretty_name())
+        if os_pretty_name():
+            self.assertEqual(record["osVersion"], os_pretty_name())
         self.assertTrue(record["macModel"])
-        self.assertEqual(record["agentVersion"], self.agent_version())
+        self.assertEqual(record["agentVersion"], agent_version(with_build=True))
         # Without a display: nothing in front, no screens, nobody on a seat but the agent's account.
         self.assertEqual(record["activeProcess"], "System")
         self.assertEqual(record["displayCount"], 0)
@@ -110,13 +90,6 @@ class StatsTest(unittest.TestCase):
         self.assertEqual(viewer.returncode, 0, err)
         self.assertEqual(first["totalMemory"], mem_total_bytes())
         self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
-
-    @staticmethod
-    def agent_version():
-        # "tellwyn-agent 1.0.0 (build 1)" becomes "1.0.0 (1)".
-        words = subprocess.run([os.environ.get("TELLWYN_AGENT", "tellwyn-agent"), "--version"],
-                               capture_output=True, text=True).stdout.split()
-        return f"{words[1]} ({words[3].rstrip(')')})"
 
 
 def sign_in_and_receive(agent):

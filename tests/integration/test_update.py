@@ -4,7 +4,6 @@ The servers misbehave on purpose: error statuses, empty and undecodable feeds, c
 off midway, slow bodies and redirects from https to http.
 """
 import hashlib
-import http.server
 import os
 import random
 import signal
@@ -12,63 +11,14 @@ import socket
 import ssl
 import subprocess
 import tempfile
-import threading
 import time
 import unittest
 
-from agent_process import AGENT
+from agent_process import AGENT, agent_version
+from http_server import LoopbackHTTP
 from desktop_session import start_xvfb, stop
 
 MIB = 1 << 20
-
-
-class Handler(http.server.BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.1"
-    routes = {}  # path -> function(handler), set by each test through its server
-
-    def do_GET(self):
-        route = self.server.routes.get(self.path.split("?")[0])
-        if route is None:
-            self.reply(404, b"not found")
-        else:
-            route(self)
-
-    def reply(self, status, body=b"", headers=()):
-        self.send_response(status)
-        for name, value in headers:
-            self.send_header(name, value)
-        self.send_header("Content-Length", str(len(body)))
-        self.end_headers()
-        self.wfile.write(body)
-
-    def log_message(self, *args):
-        pass
-
-
-class Server:
-    """A threaded HTTP server on 127.0.0.1, optionally with TLS."""
-
-    def __init__(self, tls_context=None):
-        self.httpd = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.httpd.daemon_threads = True
-        self.httpd.routes = {}
-        self.scheme = "http"
-        if tls_context is not None:
-            self.httpd.socket = tls_context.wrap_socket(self.httpd.socket, server_side=True)
-            self.scheme = "https"
-        self.thread = threading.Thread(target=self.httpd.serve_forever, daemon=True)
-        self.thread.start()
-
-    @property
-    def routes(self):
-        return self.httpd.routes
-
-    def url(self, path):
-        return f"{self.scheme}://127.0.0.1:{self.httpd.server_address[1]}{path}"
-
-    def close(self):
-        self.httpd.shutdown()
-        self.httpd.server_close()
 
 
 def block(index):
@@ -105,11 +55,6 @@ def serve_blocks(count, delay=0.0, chunk=MIB, stop_after=None):
     return route
 
 
-def agent_version():
-    out = subprocess.run([AGENT, "--version"], capture_output=True, text=True, check=True).stdout
-    return out.split()[1]
-
-
 class UpdateTestCase(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -122,8 +67,8 @@ class UpdateTestCase(unittest.TestCase):
         cls.certificate = cert
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(cert, key)
-        cls.http = Server()
-        cls.https = Server(context)
+        cls.http = LoopbackHTTP()
+        cls.https = LoopbackHTTP(context)
         major = int(agent_version().split(".")[0])
         cls.newer = f"{major + 1}.0.0"
         cls.current = agent_version()
