@@ -77,6 +77,7 @@ class Program:
             self.process.stdin.close()
         self.stdout_lines = []
         self.stderr_lines = []
+        self._taken = 0  # stdout lines that next_line has gone past
         self._changed = threading.Condition()
         self._readers = [threading.Thread(target=self._read, args=(self.process.stdout, self.stdout_lines), daemon=True),
                          threading.Thread(target=self._read, args=(self.process.stderr, self.stderr_lines), daemon=True)]
@@ -100,6 +101,17 @@ class Program:
                     raise AssertionError(f"timed out waiting for {what}\nstdout:\n" + "\n".join(self.stdout_lines)
                                          + "\nstderr:\n" + "\n".join(self.stderr_lines))
                 self._changed.wait(min(remaining, 0.2))
+
+    def next_line(self, predicate=lambda line: True, what="a line", timeout=60.0):
+        """The next printed line, after those already taken, that `predicate` accepts."""
+        def found():
+            while self._taken < len(self.stdout_lines):
+                self._taken += 1
+                if predicate(self.stdout_lines[self._taken - 1]):
+                    return True
+            return False
+        self.wait_for(found, timeout, what)
+        return self.stdout_lines[self._taken - 1]
 
     def wait_for_output(self, text, timeout=60.0):
         """Waits until a printed line contains `text`."""

@@ -4,17 +4,15 @@ The test starts its own avahi-daemon on a private system bus, inside a network n
 whose only interface is loopback, so nothing is announced on the machine's real networks and the
 machine's own daemon, if any, is left alone."""
 import os
-import queue
 import re
 import signal
 import socket
 import subprocess
 import tempfile
-import threading
 import time
 import unittest
 
-from agent_process import Agent
+from agent_process import Agent, Program
 from desktop_session import start_system_bus, stop
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
@@ -55,28 +53,6 @@ def parse_txt(text):
         key, _, value = item.partition("=")
         values[key] = value
     return values
-
-
-class LineReader:
-    """The lines a process prints, with a time limit on each wait."""
-
-    def __init__(self, stream):
-        self.lines = queue.Queue()
-        threading.Thread(target=self._read, args=(stream,), daemon=True).start()
-
-    def _read(self, stream):
-        for line in stream:
-            self.lines.put(line.rstrip("\n"))
-
-    def next_matching(self, predicate, what, timeout=20.0):
-        deadline = time.monotonic() + timeout
-        while True:
-            try:
-                line = self.lines.get(timeout=max(0.0, deadline - time.monotonic()))
-            except queue.Empty:
-                raise AssertionError(f"timed out waiting for {what}") from None
-            if predicate(line):
-                return line
 
 
 class PrivateAvahi:
@@ -240,21 +216,14 @@ class AdvertisementTest(unittest.TestCase):
                             first_line + out + err)
 
     def test_watch_reports_agents_coming_and_going(self):
-        watcher = subprocess.Popen([VIEWER, "discover", "--watch"], env=self.avahi.env(), stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        try:
-            lines = LineReader(watcher.stdout)
+        with Program([VIEWER, "discover", "--watch"], env=self.avahi.env()) as watcher:
             agent = self.start_agent()
-            appeared = lines.next_matching(lambda line: True, "an agent to appear")
+            appeared = watcher.next_line(what="an agent to appear")
             self.assertTrue(appeared.startswith(f"+\t{self.name}\t"), appeared)
             self.assertIn(f"\t127.0.0.1\t{agent.port}\t", appeared)
             agent.stop()
-            gone = lines.next_matching(lambda line: True, "the agent to go")
-            self.assertEqual(gone, "-" + appeared[1:])
-        finally:
-            watcher.send_signal(signal.SIGTERM)
-            watcher.communicate(timeout=15)
-        self.assertEqual(watcher.returncode, 0)
+            self.assertEqual(watcher.next_line(what="the agent to go"), "-" + appeared[1:])
+            self.assertEqual(watcher.stop(), 0)
 
     def test_network_change_republishes_under_the_same_name_and_port(self):
         # The agent runs beside the daemon, so that it sees that namespace's addresses change.
@@ -264,23 +233,19 @@ class AdvertisementTest(unittest.TestCase):
         agent.wait_until_running()
         self.avahi.wait_for(lambda s: self.name in s, self.name)
 
-        browser = subprocess.Popen(["avahi-browse", "--parsable", SERVICE_TYPE], env=self.avahi.env(),
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        self.addCleanup(browser.stdout.close)
-        self.addCleanup(browser.wait, 10)
-        self.addCleanup(browser.terminate)
-        lines = LineReader(browser.stdout)
+        browser = Program(["avahi-browse", "--parsable", SERVICE_TYPE], env=self.avahi.env())
+        self.addCleanup(browser.close)
 
         def event(sign):
             return lambda line: line.startswith(sign + ";") and unescape(line.split(";")[3]) == self.name
 
-        lines.next_matching(event("+"), "the advertisement already there")
+        browser.next_line(event("+"), "the advertisement already there")
         address = ["ip", "address", "add", "127.0.0.2/8", "dev", "lo"]
         subprocess.run(in_namespace + address, check=True)
         self.addCleanup(subprocess.run, in_namespace + ["ip", "address", "del", "127.0.0.2/8", "dev", "lo"])
 
-        lines.next_matching(event("-"), "the advertisement to be withdrawn")
-        lines.next_matching(event("+"), "the advertisement to come back")
+        browser.next_line(event("-"), "the advertisement to be withdrawn")
+        browser.next_line(event("+"), "the advertisement to come back")
         seen = self.avahi.wait_for(lambda s: self.name in s, self.name)
         self.assertEqual(seen[self.name][2], agent.port)
         self.assertEqual(seen[self.name][3], {"name": self.host, "hostname": self.host, "type": "HLVP"})

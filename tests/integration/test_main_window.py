@@ -4,11 +4,10 @@ import os
 import shutil
 import subprocess
 import tempfile
-import threading
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent, run_as
+from agent_process import Agent, Program, run_as
 from desktop_session import DesktopSession
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
@@ -62,34 +61,19 @@ class MainWindowTest(unittest.TestCase):
 
     def test_the_dashboard_shows_a_signed_in_viewer_and_its_button_ends_the_session(self):
         self.assertEqual(self.desktop.atspi("wait", "Running", "--role", "label").returncode, 0)
-        viewer = subprocess.Popen([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
-                                   "--password-stdin", "--name", "Dashboard Viewer", "--known-agents", self.known],
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                  env=dict(os.environ, LC_ALL="C.UTF-8"))
-        viewer.stdin.write(TEST_PASSWORD + "\n")
-        viewer.stdin.close()
-        errors = []
-        reader = threading.Thread(target=lambda: errors.extend(viewer.stderr), daemon=True)
-        reader.start()
-        try:
+        viewer = Program([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER, "--password-stdin",
+                          "--name", "Dashboard Viewer", "--known-agents", self.known], stdin_text=TEST_PASSWORD + "\n")
+        with viewer:
             self.agent.wait_for_log("AUTH", "Authentication successful for Dashboard Viewer", timeout=60)
             # The row of the connection, found by its button's name as a screen reader finds it.
             pressed = self.desktop.atspi("press", "Disconnect client", "--description", "Client ")
             self.assertEqual(pressed.returncode, 0, pressed.stderr)
             self.assertRegex(pressed.stdout.strip(), r"^Client \S+$")
             self.agent.wait_for_log("CONNECT", "Disconnecting Dashboard Viewer", timeout=60)
-            viewer.stdout.read()
-            viewer.wait(60)
-            reader.join(10)
-            self.assertIn("The agent ended the session: Normal disconnect", "".join(errors))
+            _, _, errors = viewer.finish(60)
+            self.assertIn("The agent ended the session: Normal disconnect", errors)
             # The row is gone again.
             self.assertEqual(self.desktop.atspi("wait", "0", "--role", "label").returncode, 0)
-        finally:
-            if viewer.poll() is None:
-                viewer.kill()
-                viewer.wait(10)
-            viewer.stdout.close()
-            viewer.stderr.close()
 
 
 if __name__ == "__main__":

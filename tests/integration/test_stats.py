@@ -5,12 +5,11 @@ import json
 import os
 import signal
 import subprocess
-import threading
 import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent, agent_version, mem_total_bytes, os_pretty_name
+from agent_process import Agent, Program, agent_version, mem_total_bytes, os_pretty_name
 from desktop_session import start_xvfb, stop
 from hlvp_client import HLVPClient
 
@@ -74,20 +73,11 @@ class StatsTest(unittest.TestCase):
             self.assertEqual(record["loggedInUser"], TEST_USER)
 
     def test_watch_prints_each_record_as_it_arrives_until_interrupted(self):
-        viewer = subprocess.Popen([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
-                                   "--password-stdin", "--known-agents", self.known, "--json"],
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                  env=dict(os.environ, LC_ALL="C.UTF-8"))
-        watchdog = threading.Timer(40, viewer.kill)
-        watchdog.start()
-        self.addCleanup(watchdog.cancel)
-        viewer.stdin.write(TEST_PASSWORD + "\n")
-        viewer.stdin.flush()
-        first = json.loads(viewer.stdout.readline())
-        second = json.loads(viewer.stdout.readline())
-        viewer.send_signal(signal.SIGINT)
-        _, err = viewer.communicate(timeout=10)
-        self.assertEqual(viewer.returncode, 0, err)
+        with Program([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER, "--password-stdin",
+                      "--known-agents", self.known, "--json"], stdin_text=TEST_PASSWORD + "\n") as viewer:
+            first = json.loads(viewer.next_line(what="the first record"))
+            second = json.loads(viewer.next_line(what="the second record"))
+            self.assertEqual(viewer.stop(signal.SIGINT), 0, viewer.stderr_lines)
         self.assertEqual(first["totalMemory"], mem_total_bytes())
         self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
 
