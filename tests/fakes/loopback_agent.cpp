@@ -66,19 +66,19 @@ std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional
             return nullptr;
         }
     }
-    for (int i = 0; i < 200 && viewer->key.isEmpty(); ++i) {
-        VirtualTime::drainEvents();
-        for (const QString& key : manager->serverState().connectedClients.keys()) {
-            if (!before.contains(key)) {
-                viewer->key = key;
+    const bool registered = QTest::qWaitFor(
+        [&] {
+            VirtualTime::drainEvents();
+            for (const QString& key : manager->serverState().connectedClients.keys()) {
+                if (!before.contains(key)) {
+                    viewer->key = key;
+                }
             }
-        }
-        if (viewer->key.isEmpty()) {
-            QTest::qWait(10);
-        }
-    }
+            return !viewer->key.isEmpty();
+        },
+        eventDeadlineMs);
     VirtualTime::drainEvents();
-    return viewer->key.isEmpty() ? nullptr : std::move(viewer);
+    return registered ? std::move(viewer) : nullptr;
 }
 
 void LoopbackAgent::signIn(LoopbackViewer& viewer, const QString& user, const QString& password) {
