@@ -117,7 +117,7 @@ class Program:
         """Waits until a printed line contains `text`."""
         self.wait_for(lambda: any(text in line for line in self.stdout_lines), timeout, repr(text))
 
-    def stop(self, sig=signal.SIGTERM, timeout=15.0):
+    def stop(self, sig=signal.SIGTERM, timeout=60.0):
         if self.process.poll() is None:
             self.process.send_signal(sig)
         code = self.process.wait(timeout)
@@ -125,7 +125,7 @@ class Program:
             reader.join(5)
         return code
 
-    def finish(self, timeout=15.0):
+    def finish(self, timeout=60.0):
         """Waits for the end: the exit code, standard output and standard error."""
         code = self.process.wait(timeout)
         for reader in self._readers:

@@ -88,7 +88,7 @@ class DesktopSession:
         self.tray = subprocess.Popen([*self.prefix, "gtk-sni-tray-standalone", "--watcher"], env=self.env,
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-    def gdbus(self, *args, timeout=30):
+    def gdbus(self, *args, timeout=60):
         result = subprocess.run([*self.prefix, "gdbus", "call", "--session", *args], env=self.env, capture_output=True,
                                 text=True, timeout=timeout)
         return result.stdout if result.returncode == 0 else None
@@ -154,11 +154,11 @@ class DesktopSession:
     def window_names(self):
         """The names of the X client windows on screen (viewable top-level windows)."""
         result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "."], env=self.env,
-                                capture_output=True, text=True, timeout=30)
+                                capture_output=True, text=True, timeout=60)
         names = []
         for window in result.stdout.split():
             name = subprocess.run(["xdotool", "getwindowname", window], env=self.env, capture_output=True,
-                                  text=True, timeout=30).stdout.strip()
+                                  text=True, timeout=60).stdout.strip()
             names.append(name)
         return names
 

@@ -28,7 +28,7 @@ def frame(message):
 
 
 class HLVPClient:
-    def __init__(self, port, host="127.0.0.1", timeout=10.0, source=None):
+    def __init__(self, port, host="127.0.0.1", timeout=60.0, source=None):
         raw = socket.create_connection((host, port), timeout=timeout,
                                        source_address=(source, 0) if source else None)
         self.sock = tls_context().wrap_socket(raw, server_hostname=host)
@@ -41,7 +41,7 @@ class HLVPClient:
     def send_raw(self, data):
         self.sock.sendall(data)
 
-    def receive(self, timeout=10.0):
+    def receive(self, timeout=60.0):
         """The next message, or None when the agent closed the connection."""
         self.sock.settimeout(timeout)
         while True:
@@ -59,7 +59,7 @@ class HLVPClient:
                 return None
             self._buffer += chunk
 
-    def receive_until(self, message_type, timeout=10.0):
+    def receive_until(self, message_type, timeout=60.0):
         while True:
             message = self.receive(timeout)
             if message is None or message.get("type") == message_type:
@@ -76,7 +76,7 @@ class HLVPClient:
                    "credentials": {"username": user, "password": password}})
         return self.receive_until("authenticationResponse", timeout)
 
-    def is_closed_by_agent(self, timeout=15.0):
+    def is_closed_by_agent(self, timeout=60.0):
         """True when the agent ends the connection within `timeout`; messages before that are skipped."""
         try:
             while True:

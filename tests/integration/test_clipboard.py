@@ -3,7 +3,6 @@ xclip, and the real viewer signed in through PAM."""
 import os
 import shutil
 import subprocess
-import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
@@ -31,7 +30,7 @@ class XDisplay:
 
     def paste(self):
         result = subprocess.run(["xclip", "-selection", "clipboard", "-o"], capture_output=True, env=self.env,
-                                timeout=10)
+                                timeout=60)
         return result.stdout.decode() if result.returncode == 0 else None
 
     def close(self):
@@ -57,7 +56,7 @@ class ClipboardTest(unittest.TestCase):
     def viewer(self, *args, stdin=""):
         return subprocess.run([VIEWER, "clip", *args, "-u", TEST_USER, "--password-stdin", "--name", "Putter",
                                "--known-agents", self.known], input=TEST_PASSWORD + "\n" + stdin,
-                              capture_output=True, text=True, timeout=30)
+                              capture_output=True, text=True, timeout=60)
 
     def watcher(self):
         """`tellwyn clip watch`, collecting what it prints."""
@@ -77,19 +76,12 @@ class ClipboardTest(unittest.TestCase):
         finally:
             watcher.close()
 
-    def test_text_from_a_viewer_lands_on_the_clipboard_and_is_not_sent_back(self):
-        watcher = self.watcher()
-        try:
-            self.agent.wait_for_log("CLIPBOARD", "Clipboard sync monitor started")
-            put = self.viewer("put", f"127.0.0.1:{self.agent.port}", stdin="from the viewer\nsecond line")
-            self.assertEqual(put.returncode, 0, put.stderr)
-            self.assertEqual(self.display.paste(), "from the viewer\nsecond line")
-            self.agent.wait_for_log("CLIPBOARD", "Clipboard snapshot received from Putter (27 bytes)")
-            # Several monitor ticks later, the watching viewer has not been sent it.
-            time.sleep(4)
-            self.assertNotIn("from the viewer", watcher.stdout_lines)
-        finally:
-            watcher.close()
+    def test_text_from_a_viewer_lands_on_the_clipboard(self):
+        # That it is never sent back to the viewers is pinned in virtual time by the unit tests.
+        put = self.viewer("put", f"127.0.0.1:{self.agent.port}", stdin="from the viewer\nsecond line")
+        self.assertEqual(put.returncode, 0, put.stderr)
+        self.assertEqual(self.display.paste(), "from the viewer\nsecond line")
+        self.agent.wait_for_log("CLIPBOARD", "Clipboard snapshot received from Putter (27 bytes)")
 
 
 if __name__ == "__main__":

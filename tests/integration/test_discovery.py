@@ -90,7 +90,7 @@ class PrivateAvahi:
     def browse(self):
         """What a stock browser resolves now: {instance name: (host, address, port, txt)}."""
         result = subprocess.run(["avahi-browse", "--resolve", "--parsable", "--terminate", SERVICE_TYPE],
-                                env=self.env(), capture_output=True, text=True, timeout=30)
+                                env=self.env(), capture_output=True, text=True, timeout=60)
         found = {}
         for line in result.stdout.splitlines():
             fields = line.split(";")
@@ -98,7 +98,7 @@ class PrivateAvahi:
                 found[unescape(fields[3])] = (fields[6], fields[7], int(fields[8]), parse_txt(";".join(fields[9:])))
         return found
 
-    def wait_for(self, predicate, what, timeout=20.0):
+    def wait_for(self, predicate, what, timeout=60.0):
         deadline = time.monotonic() + timeout
         while True:
             seen = self.browse()
@@ -193,7 +193,7 @@ class AdvertisementTest(unittest.TestCase):
         self.assertEqual(seen[alternative][3], {"name": self.host, "hostname": self.host, "type": "HLVP"})
 
         listing = subprocess.run([VIEWER, "discover", "--time", "2"], env=self.avahi.env(), capture_output=True,
-                                 text=True, timeout=30)
+                                 text=True, timeout=60)
         self.assertEqual(listing.returncode, 0, listing.stderr)
         txt = f"hostname={self.host} name={self.host} type=HLVP"
         self.assertEqual(sorted(listing.stdout.splitlines()), sorted([
@@ -211,7 +211,7 @@ class AdvertisementTest(unittest.TestCase):
                 first_line = viewer.stdout.readline()
             finally:
                 viewer.send_signal(signal.SIGTERM)
-                out, err = viewer.communicate(timeout=15)
+                out, err = viewer.communicate(timeout=60)
             self.assertTrue(first_line.startswith(f"Connected to {self.host} at 127.0.0.1:{second.port} "),
                             first_line + out + err)
 

@@ -22,7 +22,7 @@ class SignInTest(unittest.TestCase):
     def stats(self, user, password, *extra):
         viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", user, "--password-stdin",
                                  "--name", "Sign-in Viewer", "--known-agents", self.known, *extra],
-                                input=password + "\n", capture_output=True, text=True, timeout=30,
+                                input=password + "\n", capture_output=True, text=True, timeout=60,
                                 env=dict(os.environ, LC_ALL="C.UTF-8"))
         return viewer.returncode, viewer.stdout, viewer.stderr
 
@@ -54,7 +54,7 @@ class SignInTest(unittest.TestCase):
 
     def test_no_password_source_is_a_local_error(self):
         viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER],
-                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30,
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60,
                                 start_new_session=True)  # no controlling terminal to prompt on
         self.assertEqual(viewer.returncode, 1)
         self.assertIn("--password-stdin", viewer.stderr)

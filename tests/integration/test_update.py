@@ -141,7 +141,7 @@ class UpdateCheckTest(UpdateTestCase):
         for args in (["--download"], ["--update-feed", self.http.url("/feed.txt")]):
             with self.subTest(args):
                 done = subprocess.run([AGENT, "--headless", *args], capture_output=True, text=True,
-                                      env=self.environment(), timeout=30)
+                                      env=self.environment(), timeout=60)
                 self.assertEqual(done.returncode, 2)
                 self.assertIn("go with --check-for-updates", done.stderr)
 
@@ -201,13 +201,13 @@ class InstallerDownloadTest(UpdateTestCase):
         process = subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                    encoding="utf-8", env=self.environment())
         try:
-            deadline = time.monotonic() + 30
+            deadline = time.monotonic() + 60
             while not any(name.endswith(".part") for name in self.files()):
                 self.assertLess(time.monotonic(), deadline, "the download never started")
                 time.sleep(0.05)
             self.assertTrue(all(name.startswith(".") for name in self.files()), self.files())
             process.send_signal(signal.SIGINT)
-            out, err = process.communicate(timeout=30)
+            out, err = process.communicate(timeout=60)
         finally:
             if process.poll() is None:
                 process.kill()
@@ -234,7 +234,7 @@ class DesktopCheckTest(UpdateTestCase):
         agent = subprocess.Popen([AGENT, "--check-for-updates", "--update-feed", feed], env=env,
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         try:
-            deadline = time.monotonic() + 20
+            deadline = time.monotonic() + 60
             while title not in self.window_titles():
                 self.assertIsNone(agent.poll(), "the agent ended without showing a window")
                 self.assertLess(time.monotonic(), deadline, f"no window {title!r}: {self.window_titles()}")
