@@ -235,26 +235,11 @@ class CrashingProgramTest(CrashReportTestCase):
 
 class AgentCrashTest(CrashReportTestCase):
     def crash_agent(self, number, url, extra_args=(), preferences=None):
-        with mock.patch.dict(os.environ, {"TELLWYN_CRASH_REPORT_URL": url}), Agent(extra_args=extra_args) as agent:
+        with mock.patch.dict(os.environ, {"TELLWYN_CRASH_REPORT_URL": url}), \
+                Agent(extra_args=extra_args, preferences=preferences) as agent:
             agent.wait_until_running()
-            if preferences is not None:
-                # Read at the next start: stop, write, start again with the same folders.
-                agent.stop()
-                with open(os.path.join(agent.config_dir, "tellwyn-agent.conf"), "a", encoding="utf-8") as conf:
-                    conf.write(preferences)
-                with Agent(port=agent.port, config_dir=agent.config_dir, data_dir=agent.data_dir,
-                           extra_args=extra_args) as again:
-                    again.wait_until_running()
-                    return self._kill(again, number)
-            return self._kill(agent, number)
-
-    def _kill(self, agent, number):
-        before = datetime.now(timezone.utc).replace(microsecond=0)
-        agent.process.send_signal(number)
-        code = agent.process.wait(30)
-        for reader in agent._readers:
-            reader.join(5)
-        return code, before, "\n".join(agent.stderr_lines)
+            before = datetime.now(timezone.utc).replace(microsecond=0)
+            return agent.stop(number), before, "\n".join(agent.stderr_lines)
 
     def test_a_crashed_agent_uploads_its_report_and_dies_by_the_signal(self):
         with ReportServer() as server:
@@ -269,7 +254,7 @@ class AgentCrashTest(CrashReportTestCase):
 
     def test_the_option_and_the_preference_leave_the_reporter_off(self):
         for name, args, preferences in [("option", ["--no-crash-reporter"], None),
-                                        ("preference", [], "enableCrashReporter=false\n")]:
+                                        ("preference", [], {"enableCrashReporter": "false"})]:
             with self.subTest(name), ReportServer() as server:
                 code, _, stderr = self.crash_agent(signal.SIGSEGV, server.report_url, args, preferences)
                 self.assertEqual(code, -signal.SIGSEGV)
