@@ -68,21 +68,15 @@ class PrivateAvahi:
         self.start_daemon()
 
     def start_daemon(self):
-        self.avahi = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", AVAHI_LAUNCH, "sh", self.avahi_config],
-                                      env=self.env(), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self.output = []
-        for line in self.avahi.stdout:
-            self.output.append(line)
-            if "Server startup complete" in line:
-                break
-        else:
-            self.close()
-            raise AssertionError("avahi-daemon did not start:\n" + "".join(self.output))
+        self.avahi = Program(["unshare", "--net", "--mount", "sh", "-c", AVAHI_LAUNCH, "sh", self.avahi_config],
+                             env=self.env())
+        self.avahi.wait_for(lambda: any("Server startup complete" in line
+                                        for line in self.avahi.stdout_lines + self.avahi.stderr_lines),
+                            what="avahi-daemon to start")
 
     def stop_daemon(self):
-        self.avahi.terminate()
-        self.avahi.wait(10)
-        self.avahi.stdout.close()
+        self.avahi.stop()
+        self.avahi.close()
 
     def env(self, **extra):
         return dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.address, LC_ALL="C.UTF-8", **extra)
@@ -109,10 +103,9 @@ class PrivateAvahi:
             time.sleep(0.2)
 
     def close(self):
-        for process in (self.avahi, self.bus):
-            stop(process)
         if self.avahi is not None:
-            self.avahi.stdout.close()
+            self.avahi.close()
+        stop(self.bus)
         self.dir.cleanup()
 
 
@@ -227,7 +220,7 @@ class AdvertisementTest(unittest.TestCase):
 
     def test_network_change_republishes_under_the_same_name_and_port(self):
         # The agent runs beside the daemon, so that it sees that namespace's addresses change.
-        in_namespace = ["nsenter", f"--net=/proc/{self.avahi.avahi.pid}/ns/net"]
+        in_namespace = ["nsenter", f"--net=/proc/{self.avahi.avahi.process.pid}/ns/net"]
         agent = Agent(prefix=in_namespace)
         self.addCleanup(agent.close)
         agent.wait_until_running()
