@@ -1,7 +1,6 @@
 """A small HLVP client written from docs/protocol.md alone: TLS 1.3, 4-byte big-endian frame
 length, one CBOR map per frame. Used to talk to the real agent the way any third-party viewer
 would, and to send it what no well-behaved viewer would."""
-import hashlib
 import socket
 import ssl
 import struct
@@ -12,14 +11,10 @@ import cbor2
 def tls_context():
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.minimum_version = ssl.TLSVersion.TLSv1_3
-    # Agents present self-signed certificates; the fingerprint is checked instead.
+    # Agents present self-signed certificates: this client accepts any.
     context.check_hostname = False
     context.verify_mode = ssl.CERT_NONE
     return context
-
-
-def fingerprint_of(der):
-    return ":".join(f"{b:02X}" for b in hashlib.sha256(der).digest())
 
 
 def frame(message):
@@ -32,7 +27,6 @@ class HLVPClient:
         raw = socket.create_connection((host, port), timeout=timeout,
                                        source_address=(source, 0) if source else None)
         self.sock = tls_context().wrap_socket(raw, server_hostname=host)
-        self.fingerprint = fingerprint_of(self.sock.getpeercert(binary_form=True))
         self._buffer = b""
 
     def send(self, message):
@@ -75,15 +69,6 @@ class HLVPClient:
         self.send({"type": "authentication", "method": "password",
                    "credentials": {"username": user, "password": password}})
         return self.receive_until("authenticationResponse", timeout)
-
-    def is_closed_by_agent(self, timeout=60.0):
-        """True when the agent ends the connection within `timeout`; messages before that are skipped."""
-        try:
-            while True:
-                if self.receive(timeout) is None:
-                    return True
-        except (socket.timeout, TimeoutError):
-            return False
 
     def close(self):
         try:

@@ -7,7 +7,6 @@ import hashlib
 import os
 import random
 import signal
-import socket
 import ssl
 import subprocess
 import tempfile
@@ -29,25 +28,18 @@ def block(index):
 BASE_BLOCK = random.Random(7).randbytes(MIB)
 
 
-def serve_blocks(count, delay=0.0, chunk=MIB, stop_after=None):
-    """A body of `count` blocks; `stop_after` bytes are sent before the connection is cut."""
+def serve_blocks(count, delay=0.0, chunk=MIB):
+    """A body of `count` blocks, sent `chunk` bytes at a time with `delay` seconds between."""
     def route(handler):
         handler.send_response(200)
         handler.send_header("Content-Length", str(count * MIB))
         handler.send_header("Content-Type", "application/vnd.debian.binary-package")
         handler.end_headers()
-        sent = 0
         try:
             for i in range(count):
                 data = block(i)
                 for offset in range(0, MIB, chunk):
-                    if stop_after is not None and sent >= stop_after:
-                        handler.wfile.flush()
-                        handler.connection.shutdown(socket.SHUT_RDWR)
-                        handler.close_connection = True
-                        return
                     handler.wfile.write(data[offset:offset + chunk])
-                    sent += chunk
                     if delay:
                         time.sleep(delay)
         except (BrokenPipeError, ConnectionResetError):
