@@ -33,7 +33,7 @@ class TestPortalPermissions : public QObject {
         stopPortal();
         m_portal = std::make_unique<QProcess>();
         m_portal->start(qEnvironmentVariable("TELLWYN_FAKE_PORTAL", u"fake_xdg_portal"_s), arguments);
-        if (!m_portal->waitForReadyRead(10000)) {
+        if (!m_portal->waitForReadyRead(testing::eventDeadlineMs)) {
             return false;
         }
         return m_portal->readLine().trimmed() == "ready";

@@ -1,3 +1,4 @@
+#include "event_wait.h"
 #include "fake_discovery.h"
 #include "log_lines.h"
 #include "manager_fixture.h"
@@ -24,7 +25,7 @@ namespace {
 bool acceptsConnections(quint16 port) {
     QTcpSocket socket;
     socket.connectToHost(QHostAddress::LocalHost, port);
-    return socket.waitForConnected(2000);
+    return socket.waitForConnected(eventDeadlineMs);
 }
 
 } // namespace
