@@ -57,6 +57,25 @@ def start_system_bus(folder):
     return bus, "unix:path=" + socket
 
 
+def poll_until(read, timeout=60.0, what="condition", interval=0.2):
+    """Polls `read` until it answers something true, and returns that; a loaded machine gets a
+    minute."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        value = read()
+        if value:
+            return value
+        time.sleep(interval)
+    raise AssertionError(f"timed out waiting for {what}")
+
+
+def window_titles(display):
+    """The titles of the windows on `display`, as xwininfo lists them."""
+    tree = subprocess.run(["xwininfo", "-root", "-tree"], capture_output=True, text=True, timeout=60,
+                          env=dict(os.environ, DISPLAY=display)).stdout
+    return [line.split('"')[1] for line in tree.splitlines() if line.count('"') >= 2]
+
+
 def stop(process, timeout=10):
     if process is not None and process.poll() is None:
         process.terminate()
@@ -94,14 +113,7 @@ class DesktopSession:
         return result.stdout if result.returncode == 0 else None
 
     def wait_for(self, read, timeout=60.0, what="condition"):
-        """Polls `read` until it answers something true; a loaded machine gets a minute."""
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            value = read()
-            if value:
-                return value
-            time.sleep(0.2)
-        raise AssertionError(f"timed out waiting for {what}")
+        return poll_until(read, timeout, what)
 
     def registered_items(self):
         """The StatusNotifierItems the watcher knows, as "service/path" texts."""

@@ -19,7 +19,7 @@ from datetime import datetime, timezone
 from unittest import mock
 
 from agent_process import Agent, agent_version, os_pretty_name
-from desktop_session import start_xvfb, stop
+from desktop_session import poll_until, start_xvfb, stop
 from http_server import LoopbackHTTP
 
 PROGRAM = os.environ.get("TELLWYN_CRASHING_PROGRAM", "crashing_program")
@@ -214,13 +214,9 @@ class CrashingProgramTest(CrashReportTestCase):
                 env.pop("QT_QPA_PLATFORM", None)
                 child = subprocess.Popen([PROGRAM, "segv", "--gui"], env=env, stdout=subprocess.DEVNULL,
                                          stderr=subprocess.DEVNULL, preexec_fn=without_core_files)
-                window = ""
-                deadline = time.monotonic() + 60
-                while not window and time.monotonic() < deadline:
-                    window = subprocess.run(["xdotool", "search", "--name", "^TellwynAgent$"], env=env,
-                                            capture_output=True, text=True).stdout.strip()
-                    time.sleep(0.1)
-                self.assertTrue(window, "the alert window appeared")
+                window = poll_until(lambda: subprocess.run(["xdotool", "search", "--name", "^TellwynAgent$"], env=env,
+                                                           capture_output=True, text=True).stdout.strip(),
+                                    what="the alert window", interval=0.1)
                 self.assertIsNone(child.poll(), "the crashed process waits while the alert is up")
                 pressed = time.monotonic()
                 subprocess.run(["xdotool", "windowfocus", "--sync", window.split()[0], "key", "Return"], env=env,

@@ -15,7 +15,7 @@ import unittest
 
 from agent_process import AGENT, agent_version
 from http_server import LoopbackHTTP
-from desktop_session import start_xvfb, stop
+from desktop_session import poll_until, start_xvfb, stop, window_titles
 
 MIB = 1 << 20
 
@@ -216,22 +216,14 @@ class DesktopCheckTest(UpdateTestCase):
         xvfb, self.display = start_xvfb("800x600")
         self.addCleanup(stop, xvfb)
 
-    def window_titles(self):
-        tree = subprocess.run(["xwininfo", "-root", "-tree"], capture_output=True, text=True,
-                              env=dict(os.environ, DISPLAY=self.display)).stdout
-        return [line.split('"')[1] for line in tree.splitlines() if line.count('"') >= 2]
-
     def shows_window(self, feed, title):
         env = self.environment(DISPLAY=self.display, XDG_RUNTIME_DIR=self.home.name)
         agent = subprocess.Popen([AGENT, "--check-for-updates", "--update-feed", feed], env=env,
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         try:
-            deadline = time.monotonic() + 60
-            while title not in self.window_titles():
-                self.assertIsNone(agent.poll(), "the agent ended without showing a window")
-                self.assertLess(time.monotonic(), deadline, f"no window {title!r}: {self.window_titles()}")
-                time.sleep(0.1)
-            self.assertIsNone(agent.poll())  # it waits for the user
+            poll_until(lambda: title in window_titles(self.display) or agent.poll() is not None,
+                       what=f"a window {title!r}")
+            self.assertIsNone(agent.poll(), "the agent ended without showing a window")  # it waits for the user
         finally:
             agent.kill()
             agent.communicate()
