@@ -9,56 +9,35 @@ installer's first byte (idle) and the largest resident size seen while the body 
 Usage: bench_download.py [--agent PATH] [--size-mib N] [--rounds N]
 """
 import argparse
-import http.server
 import os
 import shutil
-import socket
 import subprocess
+import sys
 import tempfile
-import threading
 import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from bench_common import LoopbackHTTP, resident_kib  # noqa: E402
 
 HOLD_SECONDS = 1.0  # the installer's response waits this long, so the idle size can be read
 
 
-def resident_kib(pid):
-    try:
-        with open(f"/proc/{pid}/status") as f:
-            for line in f:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
-    except FileNotFoundError:
-        return None
-    return None
-
-
 def make_server(installer, size, feed_version):
-    class Handler(http.server.BaseHTTPRequestHandler):
-        protocol_version = "HTTP/1.1"
+    server = LoopbackHTTP()
+    feed = f"{feed_version}|Major||{server.url('/TellwynAgent.deb')}".encode()
+    server.routes["/feed.txt"] = lambda handler: handler.reply(200, feed)
 
-        def do_GET(self):
-            if self.path == "/feed.txt":
-                body = f"{feed_version}|Major||http://127.0.0.1:{self.server.server_address[1]}/TellwynAgent.deb".encode()
-                self.send_response(200)
-                self.send_header("Content-Length", str(len(body)))
-                self.end_headers()
-                self.wfile.write(body)
-                return
-            if not self.headers.get("User-Agent", "").startswith("curl"):
-                time.sleep(HOLD_SECONDS)
-            self.send_response(200)
-            self.send_header("Content-Length", str(size))
-            self.end_headers()
-            self.wfile.flush()
-            with open(installer, "rb") as f:
-                self.connection.sendfile(f)
+    def send_installer(handler):
+        if not handler.headers.get("User-Agent", "").startswith("curl"):
+            time.sleep(HOLD_SECONDS)
+        handler.send_response(200)
+        handler.send_header("Content-Length", str(size))
+        handler.end_headers()
+        handler.wfile.flush()
+        with open(installer, "rb") as f:
+            handler.connection.sendfile(f)
 
-        def log_message(self, *args):
-            pass
-
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-    server.daemon_threads = True
-    threading.Thread(target=server.serve_forever, daemon=True).start()
+    server.routes["/TellwynAgent.deb"] = send_installer
     return server
 
 
@@ -116,11 +95,10 @@ def main():
                 f.write(block)
         size = os.path.getsize(installer)
         server = make_server(installer, size, "999.0.0")
-        port = server.server_address[1]
         home = os.path.join(scratch, "home")
         agent_times, curl_times, idles, peaks = [], [], [], []
         for round_number in range(args.rounds):
-            seconds, idle, peak, saved = run_agent(args.agent, f"http://127.0.0.1:{port}/feed.txt", home)
+            seconds, idle, peak, saved = run_agent(args.agent, server.url("/feed.txt"), home)
             if os.path.getsize(saved) != size:
                 raise SystemExit("the agent's file has the wrong size")
             os.remove(saved)
@@ -128,7 +106,7 @@ def main():
             idles.append(idle)
             peaks.append(peak)
             curl_target = os.path.join(scratch, "curl.bin")
-            curl_times.append(run_curl(f"http://127.0.0.1:{port}/TellwynAgent.deb", curl_target))
+            curl_times.append(run_curl(server.url("/TellwynAgent.deb"), curl_target))
             os.remove(curl_target)
             print(f"round {round_number + 1}: agent {seconds:.2f} s, curl {curl_times[-1]:.2f} s, "
                   f"agent idle {idle} KiB, peak {peak} KiB")
@@ -141,7 +119,7 @@ def main():
         growth = max(p - i for p, i in zip(peaks, idles) if i is not None)
         print(f"agent resident size: idle {max(i for i in idles if i)} KiB, peak {max(peaks)} KiB, "
               f"largest growth during a download {growth} KiB ({growth / 1024:.1f} MiB)")
-        server.shutdown()
+        server.close()
     finally:
         shutil.rmtree(scratch, ignore_errors=True)
 

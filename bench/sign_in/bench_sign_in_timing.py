@@ -10,49 +10,26 @@ each wrong user name comes from an address of its own.
 Needs root (it runs the agent as the test account of scripts/setup.sh test)."""
 import argparse
 import os
-import socket
 import statistics
-import struct
 import sys
 import time
 
-import cbor2
-
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "..", "tests", "integration"))
-from accounts import TEST_PASSWORD, TEST_USER  # noqa: E402
-import agent_process  # noqa: E402
-from agent_process import Agent  # noqa: E402
-from hlvp_client import frame, tls_context  # noqa: E402
-
-
-def receive(sock):
-    buffer = b""
-    while True:
-        if len(buffer) >= 4:
-            (length,) = struct.unpack(">I", buffer[:4])
-            if len(buffer) >= 4 + length:
-                return cbor2.loads(buffer[4:4 + length]), buffer[4 + length:]
-        chunk = sock.recv(65536)
-        if not chunk:
-            raise ConnectionError("closed")
-        buffer += chunk
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from bench_common import TEST_PASSWORD, TEST_USER, Agent, HLVPClient, use_agent  # noqa: E402
 
 
 def sign_in(port, source, user, password):
-    """Seconds from the sign-in frame to the answer, and whether it succeeded."""
-    raw = socket.create_connection(("127.0.0.1", port), timeout=30, source_address=(source, 0))
-    with tls_context().wrap_socket(raw, server_hostname="127.0.0.1") as sock:
-        sock.sendall(frame({"type": "handshake", "clientName": "Timing", "protocolVersion": 1}))
-        while receive(sock)[0].get("type") != "handshakeResponse":
-            pass
+    """Seconds from the sign-in frame to the answer, and the answer."""
+    client = HLVPClient(port, timeout=30, source=source)
+    try:
+        client.handshake("Timing")
         started = time.perf_counter()
-        sock.sendall(frame({"type": "authentication", "method": "password",
-                            "credentials": {"username": user, "password": password}}))
-        while True:
-            message, _ = receive(sock)
-            if message.get("type") == "authenticationResponse":
-                return time.perf_counter() - started, message
+        client.send({"type": "authentication", "method": "password",
+                     "credentials": {"username": user, "password": password}})
+        answer = client.receive_until("authenticationResponse", timeout=30)
+        return time.perf_counter() - started, answer
+    finally:
+        client.close()
 
 
 def main():
@@ -60,7 +37,7 @@ def main():
     parser.add_argument("--agent", required=True)
     parser.add_argument("--samples", type=int, default=40)
     args = parser.parse_args()
-    agent_process.AGENT = args.agent
+    use_agent(args.agent)
     wrong_password, wrong_name = [], []
     with Agent(user=TEST_USER) as agent:
         agent.wait_until_running()

@@ -10,25 +10,9 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests", "integration"))
-from accounts import TEST_PASSWORD, TEST_USER, test_account_exists  # noqa: E402
-from hlvp_client import HLVPClient  # noqa: E402
-
-TICKS = os.sysconf("SC_CLK_TCK")
-
-
-def cpu_seconds(pid):
-    with open(f"/proc/{pid}/stat") as stat:
-        fields = stat.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / TICKS
-
-
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status") as status:
-        for line in status:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from bench_common import (TEST_PASSWORD, TEST_USER, Agent, HLVPClient, cpu_seconds,  # noqa: E402
+                          resident_kib, test_account_exists, use_agent)
 
 
 def main():
@@ -39,25 +23,20 @@ def main():
     args = parser.parse_args()
     if not test_account_exists():
         sys.exit(f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
-    os.environ["TELLWYN_AGENT"] = args.agent
-    from agent_process import Agent
-
+    use_agent(args.agent)
     agent = Agent(user=TEST_USER)
     agent.wait_until_running()
     pid = agent.process.pid
     time.sleep(1.0)
-    idle_rss = rss_kib(pid)
+    idle_rss = resident_kib(pid)
 
     clients = []
     for index in range(args.viewers):
         client = HLVPClient(agent.port, timeout=30)
-        client.handshake(f"Load Viewer {index + 1}")
-        client.send({"type": "authentication", "method": "password",
-                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
-        if not client.receive_until("authenticationResponse", timeout=30)["success"]:
+        if not client.sign_in(f"Load Viewer {index + 1}", TEST_USER, TEST_PASSWORD)["success"]:
             sys.exit("sign-in refused")
         clients.append(client)
-    signed_in_rss = rss_kib(pid)
+    signed_in_rss = resident_kib(pid)
 
     records = [0] * len(clients)
     stop = threading.Event()
@@ -82,7 +61,7 @@ def main():
     rss_samples = []
     while time.monotonic() - start < args.seconds:
         time.sleep(1.0)
-        rss_samples.append(rss_kib(pid))
+        rss_samples.append(resident_kib(pid))
     elapsed = time.monotonic() - start
     used = cpu_seconds(pid) - start_cpu
     stop.set()

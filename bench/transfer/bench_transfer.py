@@ -14,43 +14,10 @@ import ssl
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "..", "tests", "integration"))
-from accounts import TEST_PASSWORD, TEST_USER  # noqa: E402
-import agent_process  # noqa: E402
-from agent_process import Agent, free_port  # noqa: E402
-
-
-def rss_kib(pid):
-    try:
-        with open(f"/proc/{pid}/status", encoding="ascii") as status:
-            for line in status:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return 0
-
-
-class PeakMemory:
-    def __init__(self, pid):
-        self.pid, self.peak, self._stop = pid, rss_kib(pid), False
-        self.idle = self.peak
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
-
-    def _run(self):
-        while not self._stop:
-            self.peak = max(self.peak, rss_kib(self.pid))
-            time.sleep(0.02)
-
-    def stop(self):
-        self._stop = True
-        self._thread.join()
-        return self.peak
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from bench_common import TEST_PASSWORD, TEST_USER, Agent, PeakMemory, free_port, use_agent  # noqa: E402
 
 
 def wait_for_port(port, timeout=10):
@@ -163,7 +130,7 @@ def main():
     parser.add_argument("--size-mib", type=int, default=1024)
     parser.add_argument("--rounds", type=int, default=3)
     args = parser.parse_args()
-    agent_process.AGENT = os.path.abspath(args.agent)
+    use_agent(args.agent)
     ensure_sshd()
 
     with tempfile.TemporaryDirectory(prefix="tellwyn-bench-") as scratch:

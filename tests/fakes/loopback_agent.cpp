@@ -1,5 +1,6 @@
 #include "loopback_agent.h"
 
+#include "event_wait.h"
 #include "log_lines.h"
 #include "server_log_manager.h"
 
@@ -10,11 +11,6 @@
 using namespace Qt::StringLiterals;
 
 namespace tellwyn::testing {
-
-namespace {
-// Long enough for a loaded two-core machine; a working agent answers far sooner.
-constexpr int networkDeadlineMs = 60000;
-} // namespace
 
 LoopbackViewer::LoopbackViewer() {
     QObject::connect(connection.get(), &HLVPConnection::messageReceived, connection.get(),
@@ -56,7 +52,7 @@ std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional
         QSignalSpy ready(viewer->connection.get(), &HLVPConnection::ready);
         viewer->connection->setLocalAddress(QHostAddress(from));
         viewer->connection->connectToAgent(u"127.0.0.1"_s, port, *name);
-        if (!ready.wait(networkDeadlineMs)) {
+        if (!ready.wait(eventDeadlineMs)) {
             return nullptr;
         }
     } else {
@@ -66,23 +62,23 @@ std::unique_ptr<LoopbackViewer> LoopbackAgent::connectViewer(const std::optional
         QSignalSpy encrypted(socket, &QSslSocket::encrypted);
         socket->connectToHostEncrypted(u"127.0.0.1"_s, port);
         // The agent runs on this thread: wait with the event loop running.
-        if (!encrypted.wait(networkDeadlineMs)) {
+        if (!encrypted.wait(eventDeadlineMs)) {
             return nullptr;
         }
     }
-    for (int i = 0; i < 200 && viewer->key.isEmpty(); ++i) {
-        VirtualTime::drainEvents();
-        for (const QString& key : manager->serverState().connectedClients.keys()) {
-            if (!before.contains(key)) {
-                viewer->key = key;
+    const bool registered = QTest::qWaitFor(
+        [&] {
+            VirtualTime::drainEvents();
+            for (const QString& key : manager->serverState().connectedClients.keys()) {
+                if (!before.contains(key)) {
+                    viewer->key = key;
+                }
             }
-        }
-        if (viewer->key.isEmpty()) {
-            QTest::qWait(10);
-        }
-    }
+            return !viewer->key.isEmpty();
+        },
+        eventDeadlineMs);
     VirtualTime::drainEvents();
-    return viewer->key.isEmpty() ? nullptr : std::move(viewer);
+    return registered ? std::move(viewer) : nullptr;
 }
 
 void LoopbackAgent::signIn(LoopbackViewer& viewer, const QString& user, const QString& password) {
@@ -97,7 +93,7 @@ const AuthenticationResponseMessage* LoopbackAgent::signInAndWait(LoopbackViewer
     const qsizetype answersBefore = viewer.count<AuthenticationResponseMessage>();
     signIn(viewer, user, password);
     const bool answered = QTest::qWaitFor(
-        [&] { return viewer.count<AuthenticationResponseMessage>() > answersBefore; }, networkDeadlineMs);
+        [&] { return viewer.count<AuthenticationResponseMessage>() > answersBefore; }, eventDeadlineMs);
     return answered ? viewer.last<AuthenticationResponseMessage>() : nullptr;
 }
 

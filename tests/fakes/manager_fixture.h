@@ -1,7 +1,7 @@
 #pragma once
 
 // The agent core on fakes of every platform seam and virtual time, without a network: what the
-// unit tests of the manager's settings, lock, permissions and life share.
+// unit tests of the manager's settings, lock, permissions and life, and of the windows, share.
 
 #include "fake_platform.h"
 #include "fake_services.h"
@@ -15,7 +15,9 @@
 namespace tellwyn::testing {
 
 class ManagerFixture {
-protected:
+public:
+    ManagerFixture() { resetFakes(); }
+
     std::unique_ptr<VirtualTime> time;
     FakePreferences preferences;
     FakeSystemIdentity identity;
@@ -44,6 +46,7 @@ protected:
     }
 
     // The fakes above, listening on loopback only; `advertiser` replaces the quiet one.
+    // The permission service, keyring and autostart entry are the tests' to give.
     AgentEnvironment fakeEnvironment(ServiceAdvertiser* advertiser = nullptr) {
         AgentEnvironment environment{
             *time,      *time,  preferences,     identity,

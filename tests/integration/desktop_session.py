@@ -1,28 +1,104 @@
-"""A desktop session of the test's own: an Xvfb display, a private D-Bus session bus and, on
-request, a StatusNotifierItem watcher and host (the panel's tray) on that bus."""
+"""Servers of the test's own: an X display, a private system bus, and a desktop session (an Xvfb
+display, a private D-Bus session bus and, on request, a StatusNotifierItem watcher and host: the
+panel's tray)."""
 import os
 import re
 import subprocess
 import time
 
 
-class DesktopSession:
-    """`prefix` runs the bus, the panel and the test's D-Bus calls as another user (the agent's)."""
+def start_xvfb(size="1024x768"):
+    """An X server of the test's own, on a display number it picks itself (other tests may run
+    displays at the same time); any local user may connect. Returns (process, ":N")."""
+    read_end, write_end = os.pipe()
+    xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", f"{size}x24", "-nolisten", "tcp",
+                             "-ac", "-noreset"], pass_fds=(write_end,), stdout=subprocess.DEVNULL,
+                            stderr=subprocess.DEVNULL)
+    os.close(write_end)
+    with os.fdopen(read_end) as chosen:
+        number = chosen.readline().strip()
+    if not number:
+        xvfb.kill()
+        raise AssertionError("Xvfb did not start")
+    return xvfb, ":" + number
 
-    def __init__(self, size="1024x768", prefix=()):
+
+SYSTEM_BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+"""
+
+
+def start_system_bus(folder):
+    """A system bus that anyone may use, listening on a socket in `folder`, so that the daemons of a
+    test (polkitd, avahi-daemon) never meet the machine's. Returns (process, address) once it listens."""
+    socket = os.path.join(folder, "system_bus_socket")
+    config = os.path.join(folder, "system-bus.conf")
+    with open(config, "w", encoding="utf-8") as out:
+        out.write(SYSTEM_BUS_CONFIG.format(socket=socket))
+    bus = subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + config], stdout=subprocess.DEVNULL,
+                           stderr=subprocess.DEVNULL)
+    deadline = time.monotonic() + 60
+    while not os.path.exists(socket):
+        if time.monotonic() > deadline or bus.poll() is not None:
+            stop(bus)
+            raise AssertionError("the private system bus did not start")
+        time.sleep(0.05)
+    return bus, "unix:path=" + socket
+
+
+def poll_until(read, timeout=60.0, what="condition", interval=0.2):
+    """Polls `read` until it answers something true, and returns that; a loaded machine gets a
+    minute."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        value = read()
+        if value:
+            return value
+        time.sleep(interval)
+    raise AssertionError(f"timed out waiting for {what}")
+
+
+def window_titles(display):
+    """The titles of the windows on `display`, as xwininfo lists them."""
+    tree = subprocess.run(["xwininfo", "-root", "-tree"], capture_output=True, text=True, timeout=60,
+                          env=dict(os.environ, DISPLAY=display)).stdout
+    return [line.split('"')[1] for line in tree.splitlines() if line.count('"') >= 2]
+
+
+def stop(process, timeout=10):
+    if process is not None and process.poll() is None:
+        process.terminate()
+        try:
+            process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
+class DesktopSession:
+    """`prefix` runs the bus, the panel and the test's D-Bus calls as another user (the agent's);
+    `home` is that user's home folder in the session."""
+
+    def __init__(self, size="1024x768", prefix=(), home=None):
         self.prefix = list(prefix)
-        read_end, write_end = os.pipe()
-        self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", f"{size}x24",
-                                      "-nolisten", "tcp", "-ac", "-noreset"], pass_fds=(write_end,),
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        with os.fdopen(read_end) as chosen:
-            self.display = ":" + chosen.readline().strip()
+        self.xvfb, self.display = start_xvfb(size)
+        base = dict(os.environ, DISPLAY=self.display, LC_ALL="C.UTF-8", **({"HOME": home} if home else {}))
+        base.pop("WAYLAND_DISPLAY", None)
         self.bus = subprocess.Popen([*self.prefix, "dbus-daemon", "--session", "--nofork", "--print-address"],
-                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=base)
         self.bus_address = self.bus.stdout.readline().strip()
-        self.env = dict(os.environ, DISPLAY=self.display, DBUS_SESSION_BUS_ADDRESS=self.bus_address)
-        self.env.pop("WAYLAND_DISPLAY", None)
+        self.env = dict(base, DBUS_SESSION_BUS_ADDRESS=self.bus_address)
         self.env["NO_AT_BRIDGE"] = "1"  # no accessibility bus for the panel
         self.tray = None
 
@@ -31,20 +107,13 @@ class DesktopSession:
         self.tray = subprocess.Popen([*self.prefix, "gtk-sni-tray-standalone", "--watcher"], env=self.env,
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-    def gdbus(self, *args, timeout=30):
+    def gdbus(self, *args, timeout=60):
         result = subprocess.run([*self.prefix, "gdbus", "call", "--session", *args], env=self.env, capture_output=True,
                                 text=True, timeout=timeout)
         return result.stdout if result.returncode == 0 else None
 
     def wait_for(self, read, timeout=60.0, what="condition"):
-        """Polls `read` until it answers something true; a loaded machine gets a minute."""
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            value = read()
-            if value:
-                return value
-            time.sleep(0.2)
-        raise AssertionError(f"timed out waiting for {what}")
+        return poll_until(read, timeout, what)
 
     def registered_items(self):
         """The StatusNotifierItems the watcher knows, as "service/path" texts."""
@@ -97,22 +166,16 @@ class DesktopSession:
     def window_names(self):
         """The names of the X client windows on screen (viewable top-level windows)."""
         result = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "."], env=self.env,
-                                capture_output=True, text=True, timeout=30)
+                                capture_output=True, text=True, timeout=60)
         names = []
         for window in result.stdout.split():
             name = subprocess.run(["xdotool", "getwindowname", window], env=self.env, capture_output=True,
-                                  text=True, timeout=30).stdout.strip()
+                                  text=True, timeout=60).stdout.strip()
             names.append(name)
         return names
 
     def close(self):
         for process in (self.tray, self.bus, self.xvfb):
-            if process and process.poll() is None:
-                process.terminate()
-                try:
-                    process.wait(10)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+            stop(process)
         if self.bus and self.bus.stdout:
             self.bus.stdout.close()

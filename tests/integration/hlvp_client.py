@@ -1,7 +1,6 @@
 """A small HLVP client written from docs/protocol.md alone: TLS 1.3, 4-byte big-endian frame
 length, one CBOR map per frame. Used to talk to the real agent the way any third-party viewer
 would, and to send it what no well-behaved viewer would."""
-import hashlib
 import socket
 import ssl
 import struct
@@ -12,14 +11,10 @@ import cbor2
 def tls_context():
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
     context.minimum_version = ssl.TLSVersion.TLSv1_3
-    # Agents present self-signed certificates; the fingerprint is checked instead.
+    # Agents present self-signed certificates: this client accepts any.
     context.check_hostname = False
     context.verify_mode = ssl.CERT_NONE
     return context
-
-
-def fingerprint_of(der):
-    return ":".join(f"{b:02X}" for b in hashlib.sha256(der).digest())
 
 
 def frame(message):
@@ -28,11 +23,10 @@ def frame(message):
 
 
 class HLVPClient:
-    def __init__(self, port, host="127.0.0.1", timeout=10.0, source=None):
+    def __init__(self, port, host="127.0.0.1", timeout=60.0, source=None):
         raw = socket.create_connection((host, port), timeout=timeout,
                                        source_address=(source, 0) if source else None)
         self.sock = tls_context().wrap_socket(raw, server_hostname=host)
-        self.fingerprint = fingerprint_of(self.sock.getpeercert(binary_form=True))
         self._buffer = b""
 
     def send(self, message):
@@ -41,7 +35,7 @@ class HLVPClient:
     def send_raw(self, data):
         self.sock.sendall(data)
 
-    def receive(self, timeout=10.0):
+    def receive(self, timeout=60.0):
         """The next message, or None when the agent closed the connection."""
         self.sock.settimeout(timeout)
         while True:
@@ -59,7 +53,7 @@ class HLVPClient:
                 return None
             self._buffer += chunk
 
-    def receive_until(self, message_type, timeout=10.0):
+    def receive_until(self, message_type, timeout=60.0):
         while True:
             message = self.receive(timeout)
             if message is None or message.get("type") == message_type:
@@ -69,14 +63,12 @@ class HLVPClient:
         self.send({"type": "handshake", "clientName": name, "protocolVersion": 1})
         return self.receive_until("handshakeResponse")
 
-    def is_closed_by_agent(self, timeout=15.0):
-        """True when the agent ends the connection within `timeout`; messages before that are skipped."""
-        try:
-            while True:
-                if self.receive(timeout) is None:
-                    return True
-        except (socket.timeout, TimeoutError):
-            return False
+    def sign_in(self, name, user, password, timeout=60.0):
+        """Hand-shakes as `name` and signs in with a password; the agent's answer."""
+        self.handshake(name)
+        self.send({"type": "authentication", "method": "password",
+                   "credentials": {"username": user, "password": password}})
+        return self.receive_until("authenticationResponse", timeout)
 
     def close(self):
         try:

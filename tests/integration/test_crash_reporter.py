@@ -5,7 +5,6 @@ agent is crashed from outside with kill. Each report must arrive as the exact mu
 copied to standard error, and the process must still end by its signal.
 """
 import errno
-import http.server
 import os
 import platform
 import re
@@ -19,7 +18,9 @@ import unittest
 from datetime import datetime, timezone
 from unittest import mock
 
-from agent_process import AGENT, Agent
+from agent_process import Agent, agent_version, os_pretty_name
+from desktop_session import poll_until, start_xvfb, stop
+from http_server import LoopbackHTTP
 
 PROGRAM = os.environ.get("TELLWYN_CRASHING_PROGRAM", "crashing_program")
 BOUNDARY = r"[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}"
@@ -32,18 +33,8 @@ FORM = re.compile(rb"--(?P<boundary>" + BOUNDARY.encode() + rb")\r\n"
 WAIT_LIMIT = 3.0 + 0.5 + 1.0 + 0.5 + 2.0
 
 
-def agent_version():
-    out = subprocess.run([AGENT, "--version"], capture_output=True, text=True, check=True).stdout
-    return out.split()[1]
-
-
 def os_version():
-    pretty = "Linux"
-    with open("/etc/os-release", encoding="utf-8") as release:
-        for line in release:
-            if line.startswith("PRETTY_NAME="):
-                pretty = line.split("=", 1)[1].strip().strip('"')
-    return f"{pretty} (Linux {platform.release()})"
+    return f"{os_pretty_name() or 'Linux'} (Linux {platform.release()})"
 
 
 def header(version):
@@ -55,39 +46,23 @@ OS Version: {os_version()}
 Timestamp: """
 
 
-class ReportServer:
-    """Receives crash reports over HTTP on loopback; with answer=False it reads them but never answers."""
+class ReportServer(LoopbackHTTP):
+    """Receives crash reports over HTTP on loopback."""
 
-    def __init__(self, answer=True):
-        self.posts = []
+    def __init__(self):
+        super().__init__()
+        self.report_url = self.url("/crash_reports/index.php")
+
+
+class SilentServer:
+    """Reads crash reports on loopback but never answers."""
+
+    def __init__(self):
         self.requests_seen = 0
-        self._changed = threading.Condition()
-        if answer:
-            owner = self
-
-            class Handler(http.server.BaseHTTPRequestHandler):
-                def do_POST(self):
-                    body = self.rfile.read(int(self.headers["Content-Length"]))
-                    with owner._changed:
-                        owner.posts.append((self.command, self.path, self.headers, body))
-                        owner._changed.notify_all()
-                    self.send_response(200)
-                    self.end_headers()
-
-                def log_message(self, *args):
-                    pass
-
-            self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-            self._thread = threading.Thread(target=self._server.serve_forever, daemon=True)
-            self.port = self._server.server_address[1]
-        else:
-            self._server = None
-            self._listener = socket.create_server(("127.0.0.1", 0))
-            self._held = []
-            self._thread = threading.Thread(target=self._hold, daemon=True)
-            self.port = self._listener.getsockname()[1]
-        self._thread.start()
-        self.url = f"http://127.0.0.1:{self.port}/crash_reports/index.php"
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._held = []
+        threading.Thread(target=self._hold, daemon=True).start()
+        self.report_url = f"http://127.0.0.1:{self._listener.getsockname()[1]}/crash_reports/index.php"
 
     def _hold(self):
         while True:
@@ -97,29 +72,15 @@ class ReportServer:
                 return
             self._held.append(connection)
             if connection.recv(65536):
-                with self._changed:
-                    self.requests_seen += 1
-                    self._changed.notify_all()
-
-    def close(self):
-        if self._server:
-            self._server.shutdown()
-            self._server.server_close()
-        else:
-            self._listener.close()
-            for connection in self._held:
-                connection.close()
-
-    def wait_for_posts(self, count, timeout=10.0):
-        with self._changed:
-            self._changed.wait_for(lambda: len(self.posts) >= count, timeout)
-            return list(self.posts)
+                self.requests_seen += 1
 
     def __enter__(self):
         return self
 
     def __exit__(self, *exc):
-        self.close()
+        self._listener.close()
+        for connection in self._held:
+            connection.close()
 
 
 def without_core_files():
@@ -146,14 +107,12 @@ class CrashReportTestCase(unittest.TestCase):
         cls.version = agent_version()
 
     def assertExactUpload(self, post, before):
-        """Checks the request and form of one upload and returns the report text."""
+        """Checks that one upload reached the endpoint as a form with this machine's report, and
+        returns the report text. The form's exact bytes and headers are pinned by the unit tests."""
         method, path, headers, body = post
-        self.assertEqual(method, "POST")
-        self.assertEqual(path, "/crash_reports/index.php")
-        self.assertEqual(headers["User-Agent"], f"TellwynAgent-{self.version}")
+        self.assertEqual((method, path), ("POST", "/crash_reports/index.php"))
         form = FORM.match(body)
         self.assertIsNotNone(form, body[:300])
-        self.assertEqual(headers["Content-Type"], "multipart/form-data; boundary=" + form["boundary"].decode())
         report = form["report"].decode("utf-8")
         self.assertTrue(report.startswith(header(self.version)), report[:400])
         stamp = report[len(header(self.version)):].split("\n", 1)[0]
@@ -176,7 +135,7 @@ class CrashingProgramTest(CrashReportTestCase):
                  ("abort", signal.SIGABRT, "SIGABRT (Abort)", "crashByAbort()")]
         for how, number, text, function in cases:
             with self.subTest(how), ReportServer() as server:
-                result, _, before = crash(how, server.url)
+                result, _, before = crash(how, server.report_url)
                 self.assertEqual(result.returncode, -number, result.stderr.decode(errors="replace"))
                 posts = server.wait_for_posts(1)
                 self.assertEqual(len(posts), 1)
@@ -195,7 +154,7 @@ class CrashingProgramTest(CrashReportTestCase):
                  ("int", "int", "Unknown", "throwInteger()", None)]
         for how, name, reason, function, user_info in cases:
             with self.subTest(how), ReportServer() as server:
-                result, _, before = crash(how, server.url)
+                result, _, before = crash(how, server.report_url)
                 stderr = result.stderr.decode(errors="replace")
                 self.assertEqual(result.returncode, -signal.SIGABRT, stderr)
                 posts = server.wait_for_posts(1)
@@ -212,25 +171,18 @@ class CrashingProgramTest(CrashReportTestCase):
                 # The handler found at install runs afterwards: here the runtime's own.
                 self.assertIn(f"terminate called after throwing an instance of '{name}'", stderr)
 
-    def test_a_stack_overflow_is_reported(self):
-        with ReportServer() as server:
-            result, _, before = crash("overflow", server.url)
-            self.assertEqual(result.returncode, -signal.SIGSEGV)
-            body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
-            self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
-            self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
-
-    def test_a_stack_overflow_on_a_worker_thread_is_reported(self):
-        with ReportServer() as server:
-            result, _, before = crash("worker-overflow", server.url)
-            self.assertEqual(result.returncode, -signal.SIGSEGV)
-            body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
-            self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
-            self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
+    def test_a_stack_overflow_on_the_main_or_a_worker_thread_is_reported(self):
+        for how in ("overflow", "worker-overflow"):
+            with self.subTest(how), ReportServer() as server:
+                result, _, before = crash(how, server.report_url)
+                self.assertEqual(result.returncode, -signal.SIGSEGV)
+                body = self.body_of(self.assertExactUpload(server.wait_for_posts(1)[0], before))
+                self.assertTrue(body.startswith("Signal Type: SIGSEGV (Segmentation Violation)\n\nCall Stack:\n"))
+                self.assertGreater(body.count("(anonymous namespace)::overflowStack(int) + "), 10)
 
     def test_ends_within_the_waits_when_the_server_never_answers(self):
-        with ReportServer(answer=False) as server:
-            result, elapsed, _ = crash("segv", server.url)
+        with SilentServer() as server:
+            result, elapsed, _ = crash("segv", server.report_url)
             self.assertEqual(result.returncode, -signal.SIGSEGV)
             self.assertEqual(server.requests_seen, 1)
             # The 0.5 s for the upload and the 0.5 s pause both pass; nothing waits for the 5 s time-out.
@@ -245,7 +197,7 @@ class CrashingProgramTest(CrashReportTestCase):
                 how = "stress-kill" if run % 2 else "stress"
                 with self.subTest(run=run, how=how):
                     try:
-                        result, elapsed, _ = crash(how, server.url, timeout=20)
+                        result, elapsed, _ = crash(how, server.report_url, timeout=20)
                     except subprocess.TimeoutExpired:
                         self.fail(f"run {run} ({how}) hung")
                     self.assertEqual(result.returncode, -signal.SIGSEGV)
@@ -254,26 +206,17 @@ class CrashingProgramTest(CrashReportTestCase):
                     self.assertIn(b"Signal Type: SIGSEGV (Segmentation Violation)", result.stderr)
 
     def test_pressing_ok_in_the_alert_ends_the_wait(self):
-        read_end, write_end = os.pipe()
-        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp"],
-                                pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
+        xvfb, display = start_xvfb()
         try:
-            with os.fdopen(read_end) as chosen:
-                display = ":" + chosen.readline().strip()
             with ReportServer() as server:
-                env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=server.url, DISPLAY=display, LC_ALL="C.UTF-8")
+                env = dict(os.environ, TELLWYN_CRASH_REPORT_URL=server.report_url, DISPLAY=display, LC_ALL="C.UTF-8")
                 env.pop("WAYLAND_DISPLAY", None)
                 env.pop("QT_QPA_PLATFORM", None)
                 child = subprocess.Popen([PROGRAM, "segv", "--gui"], env=env, stdout=subprocess.DEVNULL,
                                          stderr=subprocess.DEVNULL, preexec_fn=without_core_files)
-                window = ""
-                deadline = time.monotonic() + 8.0
-                while not window and time.monotonic() < deadline:
-                    window = subprocess.run(["xdotool", "search", "--name", "^TellwynAgent$"], env=env,
-                                            capture_output=True, text=True).stdout.strip()
-                    time.sleep(0.1)
-                self.assertTrue(window, "the alert window appeared")
+                window = poll_until(lambda: subprocess.run(["xdotool", "search", "--name", "^TellwynAgent$"], env=env,
+                                                           capture_output=True, text=True).stdout.strip(),
+                                    what="the alert window", interval=0.1)
                 self.assertIsNone(child.poll(), "the crashed process waits while the alert is up")
                 pressed = time.monotonic()
                 subprocess.run(["xdotool", "windowfocus", "--sync", window.split()[0], "key", "Return"], env=env,
@@ -283,36 +226,20 @@ class CrashingProgramTest(CrashReportTestCase):
                 self.assertLess(time.monotonic() - pressed, 0.5 + 2.0)
                 self.assertEqual(len(server.wait_for_posts(1)), 1)
         finally:
-            xvfb.terminate()
-            xvfb.wait(10)
+            stop(xvfb)
 
 
 class AgentCrashTest(CrashReportTestCase):
     def crash_agent(self, number, url, extra_args=(), preferences=None):
-        with mock.patch.dict(os.environ, {"TELLWYN_CRASH_REPORT_URL": url}), Agent(extra_args=extra_args) as agent:
+        with mock.patch.dict(os.environ, {"TELLWYN_CRASH_REPORT_URL": url}), \
+                Agent(extra_args=extra_args, preferences=preferences) as agent:
             agent.wait_until_running()
-            if preferences is not None:
-                # Read at the next start: stop, write, start again with the same folders.
-                agent.stop()
-                with open(os.path.join(agent.config_dir, "tellwyn-agent.conf"), "a", encoding="utf-8") as conf:
-                    conf.write(preferences)
-                with Agent(port=agent.port, config_dir=agent.config_dir, data_dir=agent.data_dir,
-                           extra_args=extra_args) as again:
-                    again.wait_until_running()
-                    return self._kill(again, number)
-            return self._kill(agent, number)
-
-    def _kill(self, agent, number):
-        before = datetime.now(timezone.utc).replace(microsecond=0)
-        agent.process.send_signal(number)
-        code = agent.process.wait(30)
-        for reader in agent._readers:
-            reader.join(5)
-        return code, before, "\n".join(agent.stderr_lines)
+            before = datetime.now(timezone.utc).replace(microsecond=0)
+            return agent.stop(number), before, "\n".join(agent.stderr_lines)
 
     def test_a_crashed_agent_uploads_its_report_and_dies_by_the_signal(self):
         with ReportServer() as server:
-            code, before, stderr = self.crash_agent(signal.SIGSEGV, server.url)
+            code, before, stderr = self.crash_agent(signal.SIGSEGV, server.report_url)
             self.assertEqual(code, -signal.SIGSEGV)
             posts = server.wait_for_posts(1)
             self.assertEqual(len(posts), 1)
@@ -323,9 +250,9 @@ class AgentCrashTest(CrashReportTestCase):
 
     def test_the_option_and_the_preference_leave_the_reporter_off(self):
         for name, args, preferences in [("option", ["--no-crash-reporter"], None),
-                                        ("preference", [], "enableCrashReporter=false\n")]:
+                                        ("preference", [], {"enableCrashReporter": "false"})]:
             with self.subTest(name), ReportServer() as server:
-                code, _, stderr = self.crash_agent(signal.SIGSEGV, server.url, args, preferences)
+                code, _, stderr = self.crash_agent(signal.SIGSEGV, server.report_url, args, preferences)
                 self.assertEqual(code, -signal.SIGSEGV)
                 self.assertNotIn("Crash Report", stderr)
                 self.assertEqual(server.wait_for_posts(1, timeout=1.0), [])

@@ -7,7 +7,7 @@ import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent, run_as
+from agent_process import Agent, Program, run_as
 from desktop_session import DesktopSession
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
@@ -56,22 +56,14 @@ class DesktopTrayTest(unittest.TestCase):
         plain = self.session.item_property(item, "IconPixmap")
         self.assertTrue(plain)
         known = os.path.join(self.agent.config_dir, "..", "known_agents")
-        watcher = subprocess.Popen(run_as(TEST_USER) + [VIEWER, "clip", "watch", f"127.0.0.1:{self.agent.port}",
-                                                        "-u", TEST_USER, "--password-stdin", "--name", "Watcher",
-                                                        "--known-agents", known],
-                                   stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                   text=True)
-        try:
-            watcher.stdin.write(TEST_PASSWORD + "\n")
-            watcher.stdin.close()
+        with Program(run_as(TEST_USER) + [VIEWER, "clip", "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
+                                          "--password-stdin", "--name", "Watcher", "--known-agents", known],
+                     stdin_text=TEST_PASSWORD + "\n"):
             self.agent.wait_for_log("AUTH", "Authentication successful for Watcher", timeout=60)
             tinted = self.session.wait_for(
                 lambda: (lambda icon: icon if icon and icon != plain else None)(
                     self.session.item_property(item, "IconPixmap")), what="the tinted icon")
             self.assertNotEqual(tinted, plain)
-        finally:
-            watcher.terminate()
-            watcher.wait(30)
         self.session.wait_for(lambda: self.session.item_property(item, "IconPixmap") == plain,
                               what="the plain icon once the viewer left")
 

@@ -4,35 +4,19 @@ The test starts its own avahi-daemon on a private system bus, inside a network n
 whose only interface is loopback, so nothing is announced on the machine's real networks and the
 machine's own daemon, if any, is left alone."""
 import os
-import queue
 import re
 import signal
 import socket
 import subprocess
 import tempfile
-import threading
 import time
 import unittest
 
-from agent_process import Agent
+from agent_process import Agent, Program
+from desktop_session import start_system_bus, stop
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
 SERVICE_TYPE = "_hlvp._tcp"
-
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-"""
 
 AVAHI_CONFIG = """[server]
 use-ipv4=yes
@@ -71,69 +55,28 @@ def parse_txt(text):
     return values
 
 
-class LineReader:
-    """The lines a process prints, with a time limit on each wait."""
-
-    def __init__(self, stream):
-        self.lines = queue.Queue()
-        threading.Thread(target=self._read, args=(stream,), daemon=True).start()
-
-    def _read(self, stream):
-        for line in stream:
-            self.lines.put(line.rstrip("\n"))
-
-    def next_matching(self, predicate, what, timeout=20.0):
-        deadline = time.monotonic() + timeout
-        while True:
-            try:
-                line = self.lines.get(timeout=max(0.0, deadline - time.monotonic()))
-            except queue.Empty:
-                raise AssertionError(f"timed out waiting for {what}") from None
-            if predicate(line):
-                return line
-
-
 class PrivateAvahi:
     """dbus-daemon on a private socket and avahi-daemon on it, in their own network namespace."""
 
     def __init__(self):
         self.dir = tempfile.TemporaryDirectory(prefix="tellwyn-avahi-")
-        bus_socket = os.path.join(self.dir.name, "system_bus_socket")
-        bus_config = os.path.join(self.dir.name, "bus.conf")
-        avahi_config = os.path.join(self.dir.name, "avahi-daemon.conf")
-        with open(bus_config, "w") as f:
-            f.write(BUS_CONFIG.format(socket=bus_socket))
-        with open(avahi_config, "w") as f:
+        self.avahi_config = os.path.join(self.dir.name, "avahi-daemon.conf")
+        with open(self.avahi_config, "w") as f:
             f.write(AVAHI_CONFIG)
-        self.address = "unix:path=" + bus_socket
-        self.bus = subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + bus_config])
         self.avahi = None
-        self.avahi_config = avahi_config
-        deadline = time.monotonic() + 10
-        while not os.path.exists(bus_socket):
-            if time.monotonic() > deadline or self.bus.poll() is not None:
-                self.close()
-                raise AssertionError("the private system bus did not start")
-            time.sleep(0.05)
+        self.bus, self.address = start_system_bus(self.dir.name)
         self.start_daemon()
 
     def start_daemon(self):
-        avahi_config = self.avahi_config
-        self.avahi = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", AVAHI_LAUNCH, "sh", avahi_config],
-                                      env=self.env(), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self.output = []
-        for line in self.avahi.stdout:
-            self.output.append(line)
-            if "Server startup complete" in line:
-                break
-        else:
-            self.close()
-            raise AssertionError("avahi-daemon did not start:\n" + "".join(self.output))
+        self.avahi = Program(["unshare", "--net", "--mount", "sh", "-c", AVAHI_LAUNCH, "sh", self.avahi_config],
+                             env=self.env())
+        self.avahi.wait_for(lambda: any("Server startup complete" in line
+                                        for line in self.avahi.stdout_lines + self.avahi.stderr_lines),
+                            what="avahi-daemon to start")
 
     def stop_daemon(self):
-        self.avahi.terminate()
-        self.avahi.wait(10)
-        self.avahi.stdout.close()
+        self.avahi.stop()
+        self.avahi.close()
 
     def env(self, **extra):
         return dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.address, LC_ALL="C.UTF-8", **extra)
@@ -141,7 +84,7 @@ class PrivateAvahi:
     def browse(self):
         """What a stock browser resolves now: {instance name: (host, address, port, txt)}."""
         result = subprocess.run(["avahi-browse", "--resolve", "--parsable", "--terminate", SERVICE_TYPE],
-                                env=self.env(), capture_output=True, text=True, timeout=30)
+                                env=self.env(), capture_output=True, text=True, timeout=60)
         found = {}
         for line in result.stdout.splitlines():
             fields = line.split(";")
@@ -149,7 +92,7 @@ class PrivateAvahi:
                 found[unescape(fields[3])] = (fields[6], fields[7], int(fields[8]), parse_txt(";".join(fields[9:])))
         return found
 
-    def wait_for(self, predicate, what, timeout=20.0):
+    def wait_for(self, predicate, what, timeout=60.0):
         deadline = time.monotonic() + timeout
         while True:
             seen = self.browse()
@@ -160,16 +103,9 @@ class PrivateAvahi:
             time.sleep(0.2)
 
     def close(self):
-        for process in (self.avahi, self.bus):
-            if process is not None and process.poll() is None:
-                process.terminate()
-                try:
-                    process.wait(10)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait(5)
         if self.avahi is not None:
-            self.avahi.stdout.close()
+            self.avahi.close()
+        stop(self.bus)
         self.dir.cleanup()
 
 
@@ -250,7 +186,7 @@ class AdvertisementTest(unittest.TestCase):
         self.assertEqual(seen[alternative][3], {"name": self.host, "hostname": self.host, "type": "HLVP"})
 
         listing = subprocess.run([VIEWER, "discover", "--time", "2"], env=self.avahi.env(), capture_output=True,
-                                 text=True, timeout=30)
+                                 text=True, timeout=60)
         self.assertEqual(listing.returncode, 0, listing.stderr)
         txt = f"hostname={self.host} name={self.host} type=HLVP"
         self.assertEqual(sorted(listing.stdout.splitlines()), sorted([
@@ -268,52 +204,41 @@ class AdvertisementTest(unittest.TestCase):
                 first_line = viewer.stdout.readline()
             finally:
                 viewer.send_signal(signal.SIGTERM)
-                out, err = viewer.communicate(timeout=15)
+                out, err = viewer.communicate(timeout=60)
             self.assertTrue(first_line.startswith(f"Connected to {self.host} at 127.0.0.1:{second.port} "),
                             first_line + out + err)
 
     def test_watch_reports_agents_coming_and_going(self):
-        watcher = subprocess.Popen([VIEWER, "discover", "--watch"], env=self.avahi.env(), stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        try:
-            lines = LineReader(watcher.stdout)
+        with Program([VIEWER, "discover", "--watch"], env=self.avahi.env()) as watcher:
             agent = self.start_agent()
-            appeared = lines.next_matching(lambda line: True, "an agent to appear")
+            appeared = watcher.next_line(what="an agent to appear")
             self.assertTrue(appeared.startswith(f"+\t{self.name}\t"), appeared)
             self.assertIn(f"\t127.0.0.1\t{agent.port}\t", appeared)
             agent.stop()
-            gone = lines.next_matching(lambda line: True, "the agent to go")
-            self.assertEqual(gone, "-" + appeared[1:])
-        finally:
-            watcher.send_signal(signal.SIGTERM)
-            watcher.communicate(timeout=15)
-        self.assertEqual(watcher.returncode, 0)
+            self.assertEqual(watcher.next_line(what="the agent to go"), "-" + appeared[1:])
+            self.assertEqual(watcher.stop(), 0)
 
     def test_network_change_republishes_under_the_same_name_and_port(self):
         # The agent runs beside the daemon, so that it sees that namespace's addresses change.
-        in_namespace = ["nsenter", f"--net=/proc/{self.avahi.avahi.pid}/ns/net"]
+        in_namespace = ["nsenter", f"--net=/proc/{self.avahi.avahi.process.pid}/ns/net"]
         agent = Agent(prefix=in_namespace)
         self.addCleanup(agent.close)
         agent.wait_until_running()
         self.avahi.wait_for(lambda s: self.name in s, self.name)
 
-        browser = subprocess.Popen(["avahi-browse", "--parsable", SERVICE_TYPE], env=self.avahi.env(),
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        self.addCleanup(browser.stdout.close)
-        self.addCleanup(browser.wait, 10)
-        self.addCleanup(browser.terminate)
-        lines = LineReader(browser.stdout)
+        browser = Program(["avahi-browse", "--parsable", SERVICE_TYPE], env=self.avahi.env())
+        self.addCleanup(browser.close)
 
         def event(sign):
             return lambda line: line.startswith(sign + ";") and unescape(line.split(";")[3]) == self.name
 
-        lines.next_matching(event("+"), "the advertisement already there")
+        browser.next_line(event("+"), "the advertisement already there")
         address = ["ip", "address", "add", "127.0.0.2/8", "dev", "lo"]
         subprocess.run(in_namespace + address, check=True)
         self.addCleanup(subprocess.run, in_namespace + ["ip", "address", "del", "127.0.0.2/8", "dev", "lo"])
 
-        lines.next_matching(event("-"), "the advertisement to be withdrawn")
-        lines.next_matching(event("+"), "the advertisement to come back")
+        browser.next_line(event("-"), "the advertisement to be withdrawn")
+        browser.next_line(event("+"), "the advertisement to come back")
         seen = self.avahi.wait_for(lambda s: self.name in s, self.name)
         self.assertEqual(seen[self.name][2], agent.port)
         self.assertEqual(seen[self.name][3], {"name": self.host, "hostname": self.host, "type": "HLVP"})

@@ -4,12 +4,11 @@ import os
 import shutil
 import subprocess
 import tempfile
-import threading
-import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent, run_as
+from agent_process import Agent, Program, run_as
+from desktop_session import DesktopSession
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
 ATSPI_TOOL = os.path.join(os.path.dirname(os.path.abspath(__file__)), "atspi_tool.py")
@@ -19,43 +18,29 @@ def atspi_available():
     return subprocess.run(["/usr/bin/python3", "-c", "import pyatspi"], capture_output=True).returncode == 0
 
 
-class DesktopSession:
-    """An Xvfb and a session bus of `user` with the accessibility registry running on it."""
+class AccessibleDesktop(DesktopSession):
+    """A desktop session of `user` with the accessibility registry running on its bus."""
 
     def __init__(self, user):
         self.user = user
         self.home = tempfile.TemporaryDirectory(prefix="tellwyn-desktop-")
         shutil.chown(self.home.name, user=user)
-        read_end, write_end = os.pipe()
-        self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24",
-                                      "-nolisten", "tcp", "-ac", "-noreset"], pass_fds=(write_end,),
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        with os.fdopen(read_end) as chosen:
-            self.display = ":" + chosen.readline().strip()
-        base = dict(os.environ, HOME=self.home.name, DISPLAY=self.display, LC_ALL="C.UTF-8")
-        self.bus = subprocess.Popen(run_as(user) + ["dbus-daemon", "--session", "--nofork", "--print-address=1"],
-                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=base)
-        self.address = self.bus.stdout.readline().strip()
-        self.env = dict(base, DBUS_SESSION_BUS_ADDRESS=self.address)
+        super().__init__(prefix=run_as(user), home=self.home.name)
+        del self.env["NO_AT_BRIDGE"]
         # The registry must be up before an application starts, or the application is not listed.
         ready = self.atspi("ready")
         if ready.returncode != 0:
             raise AssertionError("the accessibility registry did not start: " + ready.stderr)
 
     def agent_env(self):
-        return {"DBUS_SESSION_BUS_ADDRESS": self.address, "QT_LINUX_ACCESSIBILITY_ALWAYS_ON": "1"}
+        return {"DBUS_SESSION_BUS_ADDRESS": self.bus_address, "QT_LINUX_ACCESSIBILITY_ALWAYS_ON": "1"}
 
     def atspi(self, *args):
         return subprocess.run(run_as(self.user) + ["/usr/bin/python3", ATSPI_TOOL, *args], env=self.env,
                               capture_output=True, text=True, timeout=120)
 
     def close(self):
-        self.bus.terminate()
-        self.bus.wait(10)
-        self.bus.stdout.close()
-        self.xvfb.terminate()
-        self.xvfb.wait(10)
+        super().close()
         self.home.cleanup()
 
 
@@ -64,7 +49,7 @@ class DesktopSession:
                      "needs the test account, Xvfb, dbus-daemon and python3-pyatspi: run scripts/setup.sh test")
 class MainWindowTest(unittest.TestCase):
     def setUp(self):
-        self.desktop = DesktopSession(TEST_USER)
+        self.desktop = AccessibleDesktop(TEST_USER)
         self.agent = Agent(user=TEST_USER, display=self.desktop.display, extra_env=self.desktop.agent_env(),
                            preferences={"hasCompletedSetup": "true"})
         self.agent.wait_until_running()
@@ -76,34 +61,19 @@ class MainWindowTest(unittest.TestCase):
 
     def test_the_dashboard_shows_a_signed_in_viewer_and_its_button_ends_the_session(self):
         self.assertEqual(self.desktop.atspi("wait", "Running", "--role", "label").returncode, 0)
-        viewer = subprocess.Popen([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
-                                   "--password-stdin", "--name", "Dashboard Viewer", "--known-agents", self.known],
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                  env=dict(os.environ, LC_ALL="C.UTF-8"))
-        viewer.stdin.write(TEST_PASSWORD + "\n")
-        viewer.stdin.close()
-        errors = []
-        reader = threading.Thread(target=lambda: errors.extend(viewer.stderr), daemon=True)
-        reader.start()
-        try:
+        viewer = Program([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER, "--password-stdin",
+                          "--name", "Dashboard Viewer", "--known-agents", self.known], stdin_text=TEST_PASSWORD + "\n")
+        with viewer:
             self.agent.wait_for_log("AUTH", "Authentication successful for Dashboard Viewer", timeout=60)
             # The row of the connection, found by its button's name as a screen reader finds it.
             pressed = self.desktop.atspi("press", "Disconnect client", "--description", "Client ")
             self.assertEqual(pressed.returncode, 0, pressed.stderr)
             self.assertRegex(pressed.stdout.strip(), r"^Client \S+$")
             self.agent.wait_for_log("CONNECT", "Disconnecting Dashboard Viewer", timeout=60)
-            viewer.stdout.read()
-            viewer.wait(60)
-            reader.join(10)
-            self.assertIn("The agent ended the session: Normal disconnect", "".join(errors))
+            _, _, errors = viewer.finish(60)
+            self.assertIn("The agent ended the session: Normal disconnect", errors)
             # The row is gone again.
             self.assertEqual(self.desktop.atspi("wait", "0", "--role", "label").returncode, 0)
-        finally:
-            if viewer.poll() is None:
-                viewer.kill()
-                viewer.wait(10)
-            viewer.stdout.close()
-            viewer.stderr.close()
 
 
 if __name__ == "__main__":

@@ -5,31 +5,17 @@ import os
 import shutil
 import subprocess
 import tempfile
-import time
 import unittest
 
 from accounts import TEST_USER, test_account_exists
 from agent_process import run_as
+from desktop_session import start_system_bus
 
 PROGRAM = os.environ.get("TELLWYN_POLKIT_TEST", "tst_polkit_unlock")
 POLKITD = "/usr/lib/polkit-1/polkitd"
 ACTION = "/usr/share/polkit-1/actions/com.brevane.tellwynagent.policy"
 RULE = "/etc/polkit-1/rules.d/49-tellwyn-test.rules"
 SWITCH = "/run/tellwyn-polkit-test"
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-"""
 
 
 @unittest.skipUnless(os.geteuid() == 0 and test_account_exists() and os.path.exists(POLKITD)
@@ -41,16 +27,7 @@ class PolkitTest(unittest.TestCase):
     def setUpClass(cls):
         cls.scratch = tempfile.TemporaryDirectory(prefix="tellwyn-polkit-")
         os.chmod(cls.scratch.name, 0o755)
-        socket = os.path.join(cls.scratch.name, "system_bus_socket")
-        config = os.path.join(cls.scratch.name, "system.conf")
-        with open(config, "w", encoding="utf-8") as out:
-            out.write(BUS_CONFIG.format(socket=socket))
-        cls.bus = subprocess.Popen(["dbus-daemon", "--config-file", config, "--nofork"],
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        cls.address = f"unix:path={socket}"
-        deadline = time.monotonic() + 60
-        while not os.path.exists(socket) and time.monotonic() < deadline:
-            time.sleep(0.1)
+        cls.bus, cls.address = start_system_bus(cls.scratch.name)
         cls.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=cls.address, QT_QPA_PLATFORM="offscreen",
                        LC_ALL="C.UTF-8")
         cls.env.pop("DBUS_SESSION_BUS_ADDRESS", None)

@@ -4,7 +4,7 @@ import subprocess
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent
+from agent_process import Agent, mem_total_bytes
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
 
@@ -22,20 +22,24 @@ class SignInTest(unittest.TestCase):
     def stats(self, user, password, *extra):
         viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", user, "--password-stdin",
                                  "--name", "Sign-in Viewer", "--known-agents", self.known, *extra],
-                                input=password + "\n", capture_output=True, text=True, timeout=30,
+                                input=password + "\n", capture_output=True, text=True, timeout=60,
                                 env=dict(os.environ, LC_ALL="C.UTF-8"))
         return viewer.returncode, viewer.stdout, viewer.stderr
 
     def test_the_accounts_password_signs_in_and_the_first_record_is_printed(self):
         code, out, err = self.stats(TEST_USER, TEST_PASSWORD)
         self.assertEqual(code, 0, err)
-        self.assertRegex(out, r"(?m)^Total memory: +[1-9][\d.]* GiB$")
+        # The record, printed readably.
+        self.assertRegex(out, rf"(?m)^Total memory: +{mem_total_bytes() / (1 << 30):.1f} GiB$")
         self.assertRegex(out, r"(?m)^Uptime: +\d+ days?, \d+ hours?$")
+        self.assertRegex(out, r"(?m)^Active application: +System$")
+        self.assertRegex(out, r"(?m)^Screen locked: +(yes|no|unknown)$")
+        self.assertRegex(out, r"(?m)^Volumes:\n  / ")
         self.agent.wait_for_log("AUTH", f"System authentication successful for user: {TEST_USER}")
         self.agent.wait_for_log("AUTH", "Authentication successful for Sign-in Viewer")
         self.assertNotIn(TEST_PASSWORD, "\n".join(self.agent.stdout_lines + self.agent.stderr_lines))
 
-    def test_refusals_reach_the_viewer_and_repeated_failures_are_blocked(self):
+    def test_a_refusal_reaches_the_viewer_and_pam_explains_it_in_the_log(self):
         code, _, err = self.stats(TEST_USER, "not the password")
         self.assertEqual(code, 6)
         self.assertIn("tellwyn: sign-in refused: Invalid credentials for this computer's account", err)
@@ -45,19 +49,12 @@ class SignInTest(unittest.TestCase):
                     if c == "AUTH" and m.startswith(f"System authentication failed for user {TEST_USER}: ")]
         self.assertEqual(len(failures), 1)
         self.assertGreater(len(failures[0]), len(f"System authentication failed for user {TEST_USER}: "))
-
-        # At once again: still inside the back-off, refused without a check.
-        code, _, err = self.stats(TEST_USER, TEST_PASSWORD)
-        self.assertEqual(code, 6)
-        self.assertIn("Too many failed authentication attempts. Try again later.", err)
-        self.agent.wait_for_log("SECURITY", "Authentication rate-limited for Sign-in Viewer")
-        log = "\n".join(self.agent.stdout_lines + self.agent.stderr_lines)
-        self.assertNotIn("not the password", log)
-        self.assertNotIn(TEST_PASSWORD, log)
+        # The back-off and blocking that follow are pinned in virtual time by the unit tests.
+        self.assertNotIn("not the password", "\n".join(self.agent.stdout_lines + self.agent.stderr_lines))
 
     def test_no_password_source_is_a_local_error(self):
         viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER],
-                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30,
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60,
                                 start_new_session=True)  # no controlling terminal to prompt on
         self.assertEqual(viewer.returncode, 1)
         self.assertIn("--password-stdin", viewer.stderr)

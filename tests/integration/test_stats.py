@@ -5,12 +5,12 @@ import json
 import os
 import signal
 import subprocess
-import threading
 import time
 import unittest
 
 from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
-from agent_process import Agent
+from agent_process import Agent, Program, agent_version, mem_total_bytes, os_pretty_name
+from desktop_session import start_xvfb, stop
 from hlvp_client import HLVPClient
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
@@ -23,29 +23,9 @@ ALWAYS_PRESENT = ["totalMemory", "freeMemory", "totalDiskSpace", "freeDiskSpace"
                   "diskVolumes"]
 
 
-def mem_total_bytes():
-    with open("/proc/meminfo") as meminfo:
-        for line in meminfo:
-            if line.startswith("MemTotal:"):
-                return int(line.split()[1]) * 1024
-    raise AssertionError("no MemTotal")
-
-
 def uptime_seconds():
     with open("/proc/uptime") as uptime:
         return float(uptime.read().split()[0])
-
-
-def pretty_name():
-    for path in ("/etc/os-release", "/usr/lib/os-release"):
-        try:
-            with open(path) as release:
-                for line in release:
-                    if line.startswith("PRETTY_NAME="):
-                        return line.split("=", 1)[1].strip().strip('"')
-        except OSError:
-            pass
-    return None
 
 
 @unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
@@ -80,10 +60,10 @@ class StatsTest(unittest.TestCase):
         if isinstance(boot, str):
             boot = datetime.datetime.fromisoformat(boot.replace("Z", "+00:00"))
         self.assertLess(abs(boot.timestamp() - (time.time() - uptime_seconds())), 15)
-        if pretty_name():
-            self.assertEqual(record["osVersion"], pretty_name())
+        if os_pretty_name():
+            self.assertEqual(record["osVersion"], os_pretty_name())
         self.assertTrue(record["macModel"])
-        self.assertEqual(record["agentVersion"], self.agent_version())
+        self.assertEqual(record["agentVersion"], agent_version(with_build=True))
         # Without a display: nothing in front, no screens, nobody on a seat but the agent's account.
         self.assertEqual(record["activeProcess"], "System")
         self.assertEqual(record["displayCount"], 0)
@@ -92,57 +72,21 @@ class StatsTest(unittest.TestCase):
         if not os.path.exists("/run/systemd/seats/seat0"):
             self.assertEqual(record["loggedInUser"], TEST_USER)
 
-    def test_the_viewer_prints_the_record_readably(self):
-        def stats(*extra):
-            viewer = subprocess.run([VIEWER, "stats", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
-                                     "--password-stdin", "--known-agents", self.known, *extra],
-                                    input=TEST_PASSWORD + "\n", capture_output=True, text=True, timeout=30,
-                                    env=dict(os.environ, LC_ALL="C.UTF-8"))
-            self.assertEqual(viewer.returncode, 0, viewer.stderr)
-            return viewer.stdout
-
-        text = stats()
-        gib = mem_total_bytes() / (1 << 30)
-        self.assertRegex(text, rf"(?m)^Total memory: +{gib:.1f} GiB$")
-        self.assertRegex(text, r"(?m)^Uptime: +\d+ days?, \d+ hours?$")
-        self.assertRegex(text, r"(?m)^Active application: +System$")
-        self.assertRegex(text, r"(?m)^Screen locked: +(yes|no|unknown)$")
-        self.assertRegex(text, r"(?m)^Volumes:\n  / ")
-
     def test_watch_prints_each_record_as_it_arrives_until_interrupted(self):
-        viewer = subprocess.Popen([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER,
-                                   "--password-stdin", "--known-agents", self.known, "--json"],
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                  env=dict(os.environ, LC_ALL="C.UTF-8"))
-        watchdog = threading.Timer(40, viewer.kill)
-        watchdog.start()
-        self.addCleanup(watchdog.cancel)
-        viewer.stdin.write(TEST_PASSWORD + "\n")
-        viewer.stdin.flush()
-        first = json.loads(viewer.stdout.readline())
-        second = json.loads(viewer.stdout.readline())
-        viewer.send_signal(signal.SIGINT)
-        _, err = viewer.communicate(timeout=10)
-        self.assertEqual(viewer.returncode, 0, err)
+        with Program([VIEWER, "watch", f"127.0.0.1:{self.agent.port}", "-u", TEST_USER, "--password-stdin",
+                      "--known-agents", self.known, "--json"], stdin_text=TEST_PASSWORD + "\n") as viewer:
+            first = json.loads(viewer.next_line(what="the first record"))
+            second = json.loads(viewer.next_line(what="the second record"))
+            self.assertEqual(viewer.stop(signal.SIGINT), 0, viewer.stderr_lines)
         self.assertEqual(first["totalMemory"], mem_total_bytes())
         self.assertGreaterEqual(second["uptimeSeconds"], first["uptimeSeconds"] + 8)
-
-    @staticmethod
-    def agent_version():
-        # "tellwyn-agent 1.0.0 (build 1)" becomes "1.0.0 (1)".
-        words = subprocess.run([os.environ.get("TELLWYN_AGENT", "tellwyn-agent"), "--version"],
-                               capture_output=True, text=True).stdout.split()
-        return f"{words[1]} ({words[3].rstrip(')')})"
 
 
 def sign_in_and_receive(agent):
     client = HLVPClient(agent.port)
     try:
-        client.handshake("Stats Viewer")
-        client.send({"type": "authentication", "method": "password",
-                     "credentials": {"username": TEST_USER, "password": TEST_PASSWORD}})
-        assert client.receive_until("authenticationResponse", timeout=15)["success"]
-        return client.receive_until("systemStats", timeout=10)
+        assert client.sign_in("Stats Viewer", TEST_USER, TEST_PASSWORD)["success"]
+        return client.receive_until("systemStats")
     finally:
         client.close()
 
@@ -152,24 +96,14 @@ class StatsWithDisplayTest(unittest.TestCase):
     """With an X server the record counts its screens and says whether capture and input work."""
 
     def setUp(self):
-        # Xvfb picks a free display and says which once it accepts connections.
-        read_end, write_end = os.pipe()
-        self.xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1280x800x24",
-                                      "-nolisten", "tcp", "-noreset"], pass_fds=(write_end,),
-                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
-        self.addCleanup(self.xvfb.wait, 10)
-        self.addCleanup(self.xvfb.kill)
-        with os.fdopen(read_end) as chosen:
-            number = chosen.readline().strip()
-        self.assertTrue(number, "Xvfb did not start")
-        self.display = ":" + number
+        self.xvfb, self.display = start_xvfb("1280x800")
+        self.addCleanup(stop, self.xvfb)
         self.agent = Agent(user=TEST_USER, display=self.display)
         self.addCleanup(self.agent.close)
         self.agent.wait_until_running()
 
     def x(self, *command):
-        return subprocess.run(command, capture_output=True, text=True, check=True, timeout=20,
+        return subprocess.run(command, capture_output=True, text=True, check=True, timeout=60,
                               env=dict(os.environ, DISPLAY=self.display)).stdout
 
     def test_the_application_in_front_is_the_active_windows_else_the_top_ones(self):

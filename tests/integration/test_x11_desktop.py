@@ -5,6 +5,8 @@ import shutil
 import subprocess
 import unittest
 
+from desktop_session import start_xvfb, stop
+
 PROGRAM = os.environ.get("TELLWYN_X11_TEST", "tst_x11_desktop")
 
 
@@ -21,20 +23,12 @@ class X11DesktopTest(unittest.TestCase):
         self.assertIn(f"PASS   : TestX11Desktop::{function}()", result.stdout)
 
     def test_permissions_and_a_real_capture_on_xvfb(self):
-        # -noreset: the checks open and close connections of their own, and a server that resets
-        # when its last client leaves would refuse the next one for a moment.
-        read_end, write_end = os.pipe()
-        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", "640x480x24", "-nolisten",
-                                 "tcp", "-noreset"], pass_fds=(write_end,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        os.close(write_end)
+        xvfb, display = start_xvfb("640x480")
         try:
-            with os.fdopen(read_end) as chosen:
-                display = ":" + chosen.readline().strip()
             self.run_test("onADisplayBothAreAllowedAndACaptureShowsTheScreen", display)
             self.run_test("theAgentIsReadyForConnectionsAfterARealTestCapture", display)
         finally:
-            xvfb.terminate()
-            xvfb.wait(10)
+            stop(xvfb)
 
     def test_no_display_allows_nothing(self):
         self.run_test("withoutADisplayNothingIsAllowed", None)

@@ -1,6 +1,7 @@
 // The portal permission service against a scripted desktop portal on a private session bus (run
 // inside dbus-run-session): what is allowed, what is asked, and what is remembered.
 
+#include "event_wait.h"
 #include "linux/portal_permission_service.h"
 
 #include <QDBusConnection>
@@ -32,7 +33,7 @@ class TestPortalPermissions : public QObject {
         stopPortal();
         m_portal = std::make_unique<QProcess>();
         m_portal->start(qEnvironmentVariable("TELLWYN_FAKE_PORTAL", u"fake_xdg_portal"_s), arguments);
-        if (!m_portal->waitForReadyRead(10000)) {
+        if (!m_portal->waitForReadyRead(testing::eventDeadlineMs)) {
             return false;
         }
         return m_portal->readLine().trimmed() == "ready";
@@ -44,7 +45,7 @@ class TestPortalPermissions : public QObject {
             m_portal->waitForFinished(5000);
             m_portal.reset();
             // Until the bus has seen the name go, calls would still be routed to it.
-            QTRY_VERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(
+            TRY_VERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(
                 u"org.freedesktop.portal.Desktop"_s));
         }
     }
@@ -63,7 +64,7 @@ class TestPortalPermissions : public QObject {
         return m_calls;
     }
 
-    static void awaitAnswer(PortalPermissionService& service) { QTRY_VERIFY(!service.isRequestPending()); }
+    static void awaitAnswer(PortalPermissionService& service) { TRY_VERIFY(!service.isRequestPending()); }
 
 private Q_SLOTS:
     void initTestCase() { QVERIFY(QDBusConnection::sessionBus().isConnected()); }
@@ -103,10 +104,10 @@ private Q_SLOTS:
 
         // A new process holds the grant, and asking again restores it instead of asking the user.
         PortalPermissionService restarted = makeService();
-        QTRY_VERIFY(restarted.screenCaptureAllowed()); // once the portal has said what it offers
+        TRY_VERIFY(restarted.screenCaptureAllowed()); // once the portal has said what it offers
         QVERIFY(restarted.requestScreenCapture());
         awaitAnswer(restarted);
-        QTRY_COMPARE(calls().size(), 8);
+        TRY_COMPARE(calls().size(), 8);
         QCOMPARE(calls(), QStringList({
                               u"CreateSession org.freedesktop.portal.ScreenCast"_s,
                               u"SelectSources types=1 persist_mode=2 restore_token="_s,
@@ -127,7 +128,7 @@ private Q_SLOTS:
         awaitAnswer(service);
         QVERIFY(service.inputInjectionAllowed());
         QVERIFY(!service.screenCaptureAllowed());
-        QTRY_COMPARE(calls().size(), 4);
+        TRY_COMPARE(calls().size(), 4);
         QCOMPARE(calls().mid(0, 2), QStringList({u"CreateSession org.freedesktop.portal.RemoteDesktop"_s,
                                                  u"SelectDevices types=3 persist_mode=2 restore_token="_s}));
     }
@@ -160,15 +161,15 @@ private Q_SLOTS:
         // No monitors to cast, no pointer to move. A query never waits on the bus: it answers
         // from the portal's last reply and asks again in the background.
         QVERIFY(startPortal({u"--source-types"_s, u"6"_s, u"--device-types"_s, u"1"_s}));
-        QTRY_VERIFY(!service.screenCaptureAllowed());
-        QTRY_VERIFY(!service.inputInjectionAllowed());
+        TRY_VERIFY(!service.screenCaptureAllowed());
+        TRY_VERIFY(!service.inputInjectionAllowed());
 
         stopPortal();
         QVERIFY(startPortal());
-        QTRY_VERIFY(service.screenCaptureAllowed());
+        TRY_VERIFY(service.screenCaptureAllowed());
         stopPortal();
-        QTRY_VERIFY(!service.screenCaptureAllowed());
-        QTRY_VERIFY(!service.inputInjectionAllowed());
+        TRY_VERIFY(!service.screenCaptureAllowed());
+        TRY_VERIFY(!service.inputInjectionAllowed());
     }
 
     void noSettingsOpenOverAnOpenDialog() {
@@ -196,7 +197,7 @@ private Q_SLOTS:
             QFile file(marker);
             return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
         };
-        QTRY_COMPARE(opened(), QByteArray("privacy\n"));
+        TRY_COMPARE(opened(), QByteArray("privacy\n"));
     }
 
     void oneDialogAtATimePerKind() {
@@ -206,7 +207,7 @@ private Q_SLOTS:
         service.requestScreenCapture();
         service.requestInputInjection();
         awaitAnswer(service);
-        QTRY_COMPARE(calls().size(), 8);
+        TRY_COMPARE(calls().size(), 8);
         QCOMPARE(calls().filter(u"CreateSession"_s).size(), 2);
         QCOMPARE(calls().filter(u"SelectSources"_s).size(), 1);
     }

@@ -1,6 +1,7 @@
 // The X11 permission checks and a real capture, run by test_x11_desktop.py on an Xvfb display
 // and with no display at all; and the agent core on that display with them.
 
+#include "event_wait.h"
 #include "fake_platform.h"
 #include "fake_services.h"
 #include "linux/linux_display_probe.h"
@@ -28,7 +29,7 @@ class TestX11Desktop : public QObject {
         capture.captureScreen(display, quality, this,
                               [&](HLVPScreenCapture::Result r) { result = std::move(r); });
         [&] {
-            QTRY_VERIFY(result.has_value());
+            TRY_VERIFY(result.has_value());
         }();
         capture.cleanup();
         return *result;
@@ -77,8 +78,8 @@ private Q_SLOTS:
         // Not known yet, so the request asks the display, finds capture allowed and tries one.
         QVERIFY(!manager.permissionState().screenCaptureAuthorized);
         manager.requestScreenCapturePermission();
-        QTRY_VERIFY2(loggedLines().contains(u"[PERMISSIONS] Screen capture validation succeeded"_s),
-                     qPrintable(loggedLines().join(u'\n')));
+        TRY_VERIFY2(loggedLines().contains(u"[PERMISSIONS] Screen capture validation succeeded"_s),
+                    qPrintable(loggedLines().join(u'\n')));
         QVERIFY(loggedLines().contains(u"[PERMISSIONS] Validating screen capture with a tiny capture"_s));
         QVERIFY(!loggedLines().filter(u"runtime validation failed"_s).size());
         QCOMPARE(manager.serverState().statusMessage, u"Ready for connections"_s);

@@ -3,10 +3,12 @@
 
 #include "content_view.h"
 #include "dashboard.h"
+#include "event_wait.h"
 #include "fake_services.h"
 #include "log_lines.h"
 #include "log_page.h"
 #include "loopback_agent.h"
+#include "manager_fixture.h"
 #include "server_log_manager.h"
 #include "server_manager_access.h"
 #include "settings_view.h"
@@ -30,30 +32,16 @@ using namespace tellwyn::testing;
 namespace {
 
 // An agent core with every seam faked, its server not started.
-struct Desk {
-    VirtualTime time;
-    FakePreferences preferences;
-    FakeSystemIdentity identity;
-    FakeDisplayProbe displays;
-    FakeSystemEvents events;
-    FakePermissionService permissions;
-    FakeCredentialStore keyring;
-    FakeLoginItem loginItem;
-    QTemporaryDir data;
-    QuietAgentServices services{time, identity};
-    std::unique_ptr<ServerManager> manager;
-
+struct Desk : ManagerFixture {
     explicit Desk(std::optional<int> storedPort = std::nullopt) {
         if (storedPort) {
             preferences.set(u"serverPort"_s, *storedPort);
         }
-        AgentEnvironment environment{time,   time,           preferences,         identity,   displays,
-                                     events, services.stats, services.advertiser, data.path()};
+        AgentEnvironment environment = fakeEnvironment();
         environment.permissions = &permissions;
         environment.credentialStore = &keyring;
         environment.loginItem = &loginItem;
-        manager = std::make_unique<ServerManager>(environment);
-        VirtualTime::drainEvents();
+        startManager(std::move(environment));
     }
 };
 
@@ -131,7 +119,7 @@ private Q_SLOTS:
             // One permission missing: "Done" waits, "Skip" does not.
             desk.permissions.captureAllowed = true;
             desk.manager->refreshAllPermissions();
-            desk.time.advance(std::chrono::seconds(2));
+            desk.time->advance(std::chrono::seconds(2));
             QVERIFY(desk.manager->permissionState().screenCaptureAuthorized);
             QVERIFY(!child(wizard, u"done"_s)->isEnabled());
             QVERIFY(child(wizard, u"skip"_s)->isEnabled());
@@ -142,7 +130,7 @@ private Q_SLOTS:
             } else {
                 desk.permissions.inputAllowed = true;
                 desk.manager->refreshAllPermissions();
-                desk.time.advance(std::chrono::seconds(2));
+                desk.time->advance(std::chrono::seconds(2));
                 click(child(wizard, u"done"_s));
             }
             VirtualTime::drainEvents();
@@ -336,7 +324,7 @@ private Q_SLOTS:
         auto* button = child<QToolButton>(&view, ActiveConnectionsView::disconnectButtonName(second->key));
         QCOMPARE(button->accessibleDescription(), u"Client "_s + second->key);
         click(button);
-        QTRY_VERIFY_WITH_TIMEOUT(second->closed, 60000);
+        TRY_VERIFY(second->closed);
         const auto* goodbye = second->last<DisconnectMessage>();
         QVERIFY(goodbye != nullptr);
         QCOMPARE(goodbye->reason, u"Normal disconnect"_s);

@@ -1,6 +1,5 @@
 #include "download_session.h"
 #include "fake_network.h"
-#include "update_texts.h"
 #include "virtual_time.h"
 
 #include <QDir>
@@ -114,18 +113,6 @@ private Q_SLOTS:
         QFETCH(QString, url);
         QFETCH(QString, expected);
         QCOMPARE(suggestedDownloadFileName(disposition, QUrl(url)), expected);
-    }
-
-    void percentageIsRoundedDown_data() {
-        QTest::addColumn<double>("progress");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("0.999") << 0.999 << u"Downloading… 99%"_s;
-        QTest::newRow("1") << 1.0 << u"Downloading… 100%"_s;
-    }
-    void percentageIsRoundedDown() {
-        QFETCH(double, progress);
-        QFETCH(QString, text);
-        QCOMPARE(downloadingProgressText(progress), text);
     }
 
     void withoutNetworkNothingStarts() {

@@ -2,6 +2,7 @@
 // connection, a viewer that stops reading, and what a viewer refuses from an agent. Real TLS on
 // loopback.
 
+#include "event_wait.h"
 #include "hlvp_connection.h"
 #include "hlvp_server.h"
 #include "log_lines.h"
@@ -28,31 +29,30 @@ class TestHlvpServerClient : public QObject {
     QList<std::shared_ptr<HLVPServerClient>> accepted;
     QStringList libraryLines;
 
-    void startServer(HLVPServerClient::Settings settings) {
-        HLVPServer::Options options;
+    // A server on loopback with the test's identity; it and its clients log into libraryLines.
+    void startServer(HLVPServer::Options options = {}, int maxConnections = 4) {
         options.identityDirectory = identity.path();
         options.listenAddress = QHostAddress::LocalHost;
-        options.client = std::move(settings);
-        server = std::make_unique<HLVPServer>(freeLoopbackPort(), 4, options);
-        server->setLogFunction([this](const QString& line, const QString& category) {
+        server = std::make_unique<HLVPServer>(freeLoopbackPort(), maxConnections, options);
+        const auto log = [this](const QString& line, const QString& category) {
             libraryLines.append(u"[%1] %2"_s.arg(category, line));
-        });
-        server->setOnNewConnection([this](const std::shared_ptr<HLVPServerClient>& client, const QString&) {
-            client->setLogFunction([this](const QString& line, const QString& category) {
-                libraryLines.append(u"[%1] %2"_s.arg(category, line));
+        };
+        server->setLogFunction(log);
+        server->setOnNewConnection(
+            [this, log](const std::shared_ptr<HLVPServerClient>& client, const QString&) {
+                client->setLogFunction(log);
+                accepted.append(client);
             });
-            accepted.append(client);
-        });
         bool started = false;
         server->start(this, [&](const std::optional<HLVPError>& error) { started = !error; });
-        QTRY_VERIFY(started);
+        TRY_VERIFY(started);
     }
 
     std::unique_ptr<HLVPConnection> connectViewer() {
         auto viewer = std::make_unique<HLVPConnection>();
         QSignalSpy ready(viewer.get(), &HLVPConnection::ready);
         viewer->connectToAgent(u"127.0.0.1"_s, server->port(), u"Unit Viewer"_s);
-        return ready.wait(5000) ? std::move(viewer) : nullptr;
+        return ready.wait(eventDeadlineMs) ? std::move(viewer) : nullptr;
     }
 
 private Q_SLOTS:
@@ -67,7 +67,7 @@ private Q_SLOTS:
     }
 
     void signInIsPossibleOnlyWhileTheConnectionIsOpen() {
-        startServer({});
+        startServer();
         const auto viewer = connectViewer();
         QVERIFY(viewer);
         QCOMPARE(accepted.size(), 1);
@@ -81,7 +81,7 @@ private Q_SLOTS:
 
         client->disconnect();
         QVERIFY(!client->markAuthenticated());
-        QTRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
+        TRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
         QVERIFY(!client->markAuthenticated());
         QVERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
         // Calling disconnect again, after the end, changes nothing.
@@ -90,24 +90,24 @@ private Q_SLOTS:
     }
 
     void sendingOnAClosedConnectionFailsLater() {
-        startServer({});
+        startServer();
         auto viewer = connectViewer();
         QVERIFY(viewer);
         const auto client = accepted.constFirst();
         viewer->abort();
-        QTRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
+        TRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
 
         std::optional<std::optional<HLVPError>> outcome;
         client->sendEncryptedMessage(HeartbeatMessage{},
                                      [&](const std::optional<HLVPError>& error) { outcome = error; });
         QVERIFY(!outcome); // never in the caller's stack
-        QTRY_VERIFY(outcome.has_value());
+        TRY_VERIFY(outcome.has_value());
         QVERIFY(outcome->has_value());
         QVERIFY((*outcome)->code() == HLVPError::Code::notConnected);
     }
 
     void signedInTrafficIsRefusedBeforeSignInAndPassedOnAfter() {
-        startServer({});
+        startServer();
         auto viewer = connectViewer();
         QVERIFY(viewer);
         const auto client = accepted.constFirst();
@@ -118,7 +118,7 @@ private Q_SLOTS:
                 [&](const HLVPMessage& message) { toViewer.append(message); });
 
         viewer->send(InputEventMessage{u"keyDown"_s, {}, {}, {}, 36, {}, {}});
-        QTRY_COMPARE(toViewer.size(), 1);
+        TRY_COMPARE(toViewer.size(), 1);
         QCOMPARE(std::get<ErrorMessage>(toViewer.constFirst()).code, u"notAuthenticated"_s);
         QCOMPARE(std::get<ErrorMessage>(toViewer.constFirst()).refersTo,
                  std::optional<QString>(u"inputEvent"_s));
@@ -126,25 +126,25 @@ private Q_SLOTS:
 
         QVERIFY(client->markAuthenticated());
         viewer->send(InputEventMessage{u"keyDown"_s, {}, {}, {}, 36, {}, {}});
-        QTRY_COMPARE(delivered.size(), 1);
+        TRY_COMPARE(delivered.size(), 1);
         QVERIFY(std::holds_alternative<InputEventMessage>(delivered.constFirst()));
         QVERIFY(client->connectionState() == HLVP::ConnectionState::authenticated);
     }
 
     void aViewerHangsUpOnAnAgentThatSendsWhatOnlyViewersSend() {
-        startServer({});
+        startServer();
         auto viewer = connectViewer();
         QVERIFY(viewer);
         QSignalSpy failed(viewer.get(), &HLVPConnection::failed);
         accepted.constFirst()->sendEncryptedMessage(FileOfferMessage{u"t1"_s, u"a.txt"_s, 1, {}});
-        QTRY_COMPARE_WITH_TIMEOUT(failed.size(), 1, 60000);
+        TRY_COMPARE(failed.size(), 1);
         QCOMPARE(failed.constFirst().at(1).toInt(), int(HLVPConnection::protocolError));
     }
 
     void aViewerThatStopsReadingIsCutOffInsteadOfBuffered() {
-        HLVPServerClient::Settings settings;
-        settings.maxPendingOutputBytes = 256 * 1024;
-        startServer(settings);
+        HLVPServer::Options options;
+        options.client.maxPendingOutputBytes = 256 * 1024;
+        startServer(options);
 
         // A real TLS peer that is then frozen: it holds the connection open and reads nothing.
         QProcess peer;
@@ -153,7 +153,7 @@ private Q_SLOTS:
             {u"s_client"_s, u"-quiet"_s, u"-tls1_3"_s, u"-connect"_s, u"127.0.0.1:%1"_s.arg(server->port())});
         peer.start();
         QVERIFY(peer.waitForStarted());
-        QTRY_COMPARE(accepted.size(), 1);
+        TRY_COMPARE(accepted.size(), 1);
         ::kill(pid_t(peer.processId()), SIGSTOP);
         const auto client = accepted.constFirst();
 
@@ -171,9 +171,9 @@ private Q_SLOTS:
             sent += 2048;
             QCoreApplication::processEvents();
         }
-        QTRY_VERIFY(failure.has_value());
+        TRY_VERIFY(failure.has_value());
         QVERIFY(failure->code() == HLVPError::Code::sendFailed);
-        QTRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
+        TRY_VERIFY(client->connectionState() == HLVP::ConnectionState::disconnected);
         QVERIFY(!libraryLines.filter(u"the viewer is not reading"_s).isEmpty());
         QVERIFY(libraryLines.filter(u"the viewer is not reading"_s)
                     .constFirst()
@@ -201,32 +201,21 @@ private Q_SLOTS:
         QFETCH(int, count);
         QFETCH(QString, ending);
         HLVPServer::Options options;
-        options.identityDirectory = identity.path();
-        options.listenAddress = QHostAddress::LocalHost;
         options.tlsHandshakeTimeout = std::chrono::milliseconds(500);
         options.maxUnauthenticatedPerHost = 64;
-        server = std::make_unique<HLVPServer>(freeLoopbackPort(), 32, options);
-        server->setLogFunction([this](const QString& line, const QString& category) {
-            libraryLines.append(u"[%1] %2"_s.arg(category, line));
-        });
-        bool started = false;
-        server->start(this, [&](const std::optional<HLVPError>& error) { started = !error; });
-        QTRY_VERIFY(started);
+        startServer(options, 32);
 
         std::vector<std::unique_ptr<QTcpSocket>> peers;
         for (int i = 0; i < count; ++i) {
             peers.push_back(std::make_unique<QTcpSocket>());
             peers.back()->connectToHost(QHostAddress::LocalHost, server->port());
         }
-        QTRY_VERIFY_WITH_TIMEOUT(std::all_of(peers.cbegin(), peers.cend(),
-                                             [](const auto& peer) {
-                                                 return peer->state() != QAbstractSocket::HostLookupState &&
-                                                        peer->state() != QAbstractSocket::ConnectingState;
-                                             }),
-                                 60000);
+        TRY_VERIFY(std::all_of(peers.cbegin(), peers.cend(), [](const auto& peer) {
+            return peer->state() != QAbstractSocket::HostLookupState &&
+                   peer->state() != QAbstractSocket::ConnectingState;
+        }));
         // Every connection reaches the server: the ones over the limit are refused by name.
-        QTRY_COMPARE_WITH_TIMEOUT(libraryLines.filter(u"Connection limit of 32 reached"_s).size(), count - 32,
-                                  60000);
+        TRY_COMPARE(libraryLines.filter(u"Connection limit of 32 reached"_s).size(), count - 32);
         QTest::qWait(200);
         for (const auto& peer : peers) {
             if (ending == u"close"_s) {
@@ -242,11 +231,11 @@ private Q_SLOTS:
         }
 
         // Each ended negotiation is logged once; then the slots are free again.
-        QTRY_COMPARE_WITH_TIMEOUT(libraryLines.filter(u"[TLS] "_s).size(), 32, 60000);
+        TRY_COMPARE(libraryLines.filter(u"[TLS] "_s).size(), 32);
         auto viewer = std::make_unique<HLVPConnection>();
         QSignalSpy ready(viewer.get(), &HLVPConnection::ready);
         viewer->connectToAgent(u"127.0.0.1"_s, server->port(), u"Late Viewer"_s);
-        QVERIFY2(ready.wait(60000), qPrintable(libraryLines.join(u'\n')));
+        QVERIFY2(ready.wait(eventDeadlineMs), qPrintable(libraryLines.join(u'\n')));
 
         const QStringList tlsLines = libraryLines.filter(u"[TLS] "_s);
         for (const QString& line : tlsLines) {
@@ -264,26 +253,15 @@ private Q_SLOTS:
     // frees its slot, and other addresses are not affected.
     void oneHostHoldsOnlyItsShareOfSlotsBeforeSignIn() {
         HLVPServer::Options options;
-        options.identityDirectory = identity.path();
-        options.listenAddress = QHostAddress::LocalHost;
         options.maxUnauthenticatedPerHost = 3;
-        server = std::make_unique<HLVPServer>(freeLoopbackPort(), 32, options);
-        server->setLogFunction([this](const QString& line, const QString& category) {
-            libraryLines.append(u"[%1] %2"_s.arg(category, line));
-        });
-        server->setOnNewConnection([this](const std::shared_ptr<HLVPServerClient>& client, const QString&) {
-            accepted.append(client);
-        });
-        bool started = false;
-        server->start(this, [&](const std::optional<HLVPError>& error) { started = !error; });
-        QTRY_VERIFY(started);
+        startServer(options, 32);
         const auto connectFrom = [this](const QString& from) -> std::unique_ptr<HLVPConnection> {
             auto viewer = std::make_unique<HLVPConnection>();
             QSignalSpy ready(viewer.get(), &HLVPConnection::ready);
             QSignalSpy closed(viewer.get(), &HLVPConnection::closed);
             viewer->setLocalAddress(QHostAddress(from));
             viewer->connectToAgent(u"127.0.0.1"_s, server->port(), u"Viewer"_s);
-            if (!QTest::qWaitFor([&] { return !ready.isEmpty() || !closed.isEmpty(); }, 60000) ||
+            if (!QTest::qWaitFor([&] { return !ready.isEmpty() || !closed.isEmpty(); }, eventDeadlineMs) ||
                 ready.isEmpty()) {
                 return nullptr;
             }

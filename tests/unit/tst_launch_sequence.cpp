@@ -3,20 +3,17 @@
 
 #include "administrator_authorization.h"
 #include "app_delegate.h"
-#include "fake_platform.h"
-#include "fake_services.h"
 #include "launch_animation.h"
 #include "main_window.h"
+#include "manager_fixture.h"
 #include "menu_animation.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
 #include "status_bar_manager.h"
-#include "virtual_time.h"
 
 #include <QApplication>
 #include <QRandomGenerator>
 #include <QScreen>
-#include <QTemporaryDir>
 #include <QTest>
 #include <cmath>
 
@@ -33,17 +30,10 @@ struct RefusingAdministrator final : AdministratorAuthorization {
 
 } // namespace
 
-class TestLaunchSequence : public QObject {
+class TestLaunchSequence : public QObject, ManagerFixture {
     Q_OBJECT
 
-    std::unique_ptr<VirtualTime> time;
-    FakePreferences preferences;
-    FakeSystemIdentity identity;
-    FakeDisplayProbe displays;
-    FakeSystemEvents events;
     RefusingAdministrator administrator;
-    QTemporaryDir data;
-    std::unique_ptr<QuietAgentServices> services;
     std::unique_ptr<LaunchAnimationController> launch;
     std::unique_ptr<MenuAnimationController> menu;
     std::unique_ptr<AppDelegate> delegate;
@@ -54,15 +44,10 @@ class TestLaunchSequence : public QObject {
         launch = std::make_unique<LaunchAnimationController>(*time, *time);
         menu = std::make_unique<MenuAnimationController>(*time, *time);
         delegate = std::make_unique<AppDelegate>(AppDelegate::Parts{
-            [this] {
-                services = std::make_unique<QuietAgentServices>(*time, identity);
-                return std::make_unique<ServerManager>(AgentEnvironment{*time, *time, preferences, identity,
-                                                                        displays, events, services->stats,
-                                                                        services->advertiser, data.path()});
-            },
-            [this](ServerManager& manager) {
+            [this] { return std::make_unique<ServerManager>(fakeEnvironment()); },
+            [this](ServerManager& core) {
                 return std::make_unique<StatusBarManager>(
-                    manager, StatusBarServices{preferences, *time, administrator, {}, {}, [] {}, 0ms});
+                    core, StatusBarServices{preferences, *time, administrator, {}, {}, [] {}, 0ms});
             },
             *launch, *menu, *time});
     }
@@ -72,10 +57,7 @@ class TestLaunchSequence : public QObject {
 private Q_SLOTS:
     void initTestCase() { ServerLogManager::shared().setEchoToStandardOutput(false); }
 
-    void init() {
-        time = std::make_unique<VirtualTime>();
-        preferences.values.clear();
-    }
+    void init() { resetFakes(); }
 
     void cleanup() {
         delegate.reset();

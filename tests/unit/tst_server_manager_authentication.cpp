@@ -1,6 +1,7 @@
 // Sign-in: the methods, the account check on its queue, the refusals, and the back-off and
 // blocking of repeated failures, with a fake account check and virtual time.
 
+#include "event_wait.h"
 #include "log_lines.h"
 #include "loopback_agent.h"
 #include "server_log_manager.h"
@@ -42,7 +43,7 @@ class TestServerManagerAuthentication : public QObject {
         const AuthenticationResponseMessage response = *answer;
         if (!response.success) {
             // Every refusal ends the connection.
-            if (!QTest::qWaitFor([&] { return viewer->closed; }, 60000)) {
+            if (!QTest::qWaitFor([&] { return viewer->closed; }, eventDeadlineMs)) {
                 return u"(left open)"_s;
             }
         }
@@ -69,7 +70,7 @@ private Q_SLOTS:
         auto viewer = agent->connectViewer(u"Dana's Laptop"_s);
         QVERIFY(viewer);
         LoopbackAgent::signIn(*viewer, u"alice"_s, rightPassword);
-        QTRY_VERIFY(viewer->last<SystemStatsMessage>());
+        TRY_VERIFY(viewer->last<SystemStatsMessage>());
         const auto* response = viewer->last<AuthenticationResponseMessage>();
         QVERIFY(response && response->success);
         QVERIFY(!response->sessionToken && !response->errorMessage && !response->sequenceNumber);
@@ -87,12 +88,12 @@ private Q_SLOTS:
         LoopbackAgent::settle();
         QCOMPARE(viewer->count<SystemStatsMessage>(), 1);
         agent->time.advance(1ms);
-        QTRY_COMPARE(viewer->count<SystemStatsMessage>(), 2);
+        TRY_COMPARE(viewer->count<SystemStatsMessage>(), 2);
         QCOMPARE(viewer->last<SystemStatsMessage>()->totalMemory, 2U);
 
         // Once the viewer leaves, the push ends with it.
         viewer->connection->disconnectFromAgent(u"bye"_s);
-        QTRY_VERIFY(!manager().serverState().connectedClients.contains(viewer->key));
+        TRY_VERIFY(!manager().serverState().connectedClients.contains(viewer->key));
         QVERIFY(!access().hasStatsPushTask(viewer->key));
         const quint64 taken = agent->stats.snapshots;
         agent->time.advance(30s);
@@ -147,7 +148,7 @@ private Q_SLOTS:
             message.credentials.insert(it.key(), it.value().toString());
         }
         viewer->connection->send(message);
-        QTRY_VERIFY(viewer->closed);
+        TRY_VERIFY(viewer->closed);
         const auto* response = viewer->last<AuthenticationResponseMessage>();
         QVERIFY(response && !response->success);
         QCOMPARE(response->errorMessage, std::optional<QString>(answer));
@@ -209,11 +210,11 @@ private Q_SLOTS:
         auto viewer = agent->connectViewer(u"Viewer"_s);
         QVERIFY(viewer);
         LoopbackAgent::signIn(*viewer, u"alice"_s, rightPassword);
-        QTRY_COMPARE(agent->verifier.startedChecks(), 1);
+        TRY_COMPARE(agent->verifier.startedChecks(), 1);
         LoopbackAgent::signIn(*viewer, u"alice"_s, rightPassword);
-        QTRY_VERIFY(loggedLines().contains(u"[AUTH] Authentication is already being validated for Viewer"_s));
+        TRY_VERIFY(loggedLines().contains(u"[AUTH] Authentication is already being validated for Viewer"_s));
         agent->verifier.release();
-        QTRY_VERIFY(viewer->last<AuthenticationResponseMessage>());
+        TRY_VERIFY(viewer->last<AuthenticationResponseMessage>());
         LoopbackAgent::settle();
         QCOMPARE(viewer->count<AuthenticationResponseMessage>(), 1);
         QVERIFY(!viewer->closed);
@@ -228,14 +229,14 @@ private Q_SLOTS:
             QVERIFY(waiting.back());
             LoopbackAgent::signIn(*waiting.back(), u"alice"_s, rightPassword);
         }
-        QTRY_COMPARE(access().pendingAuthenticationCount(), 8);
+        TRY_COMPARE(access().pendingAuthenticationCount(), 8);
         QCOMPARE(attempt(u"alice"_s, rightPassword, u"Ninth"_s),
                  u"Authentication service is busy. Try again shortly."_s);
         QVERIFY(loggedInOrder({u"[SECURITY] Authentication worker queue is full"_s}));
         // The queue runs the held checks one at a time, in order.
         agent->verifier.release(8);
         for (const auto& viewer : waiting) {
-            QTRY_VERIFY(viewer->last<AuthenticationResponseMessage>());
+            TRY_VERIFY(viewer->last<AuthenticationResponseMessage>());
             QVERIFY(viewer->last<AuthenticationResponseMessage>()->success);
         }
         QCOMPARE(access().pendingAuthenticationCount(), 0);
@@ -246,11 +247,11 @@ private Q_SLOTS:
         auto viewer = agent->connectViewer(u"Viewer"_s);
         QVERIFY(viewer);
         LoopbackAgent::signIn(*viewer, u"alice"_s, u"wrong"_s);
-        QTRY_COMPARE(agent->verifier.startedChecks(), 1);
+        TRY_COMPARE(agent->verifier.startedChecks(), 1);
         viewer->connection->abort();
-        QTRY_VERIFY(!manager().serverState().connectedClients.contains(viewer->key));
+        TRY_VERIFY(!manager().serverState().connectedClients.contains(viewer->key));
         agent->verifier.release();
-        QTRY_VERIFY(loggedLines().contains(
+        TRY_VERIFY(loggedLines().contains(
             u"[AUTH] Discarded authentication result for disconnected client %1"_s.arg(viewer->key.left(8))));
         QVERIFY(access().endpointAuthFailures().isEmpty());
         QVERIFY(access().globalAuthFailures().isEmpty());
@@ -301,13 +302,13 @@ private Q_SLOTS:
             LoopbackAgent::signIn(*guesses.back(), u"alice"_s, u"guess %1"_s.arg(i));
         }
         for (int i = 5; i < 8; ++i) {
-            QTRY_VERIFY(guesses[size_t(i)]->last<AuthenticationResponseMessage>());
+            TRY_VERIFY(guesses[size_t(i)]->last<AuthenticationResponseMessage>());
             QCOMPARE(guesses[size_t(i)]->last<AuthenticationResponseMessage>()->errorMessage,
                      std::optional<QString>(u"Too many failed authentication attempts. Try again later."_s));
         }
         QCOMPARE(access().pendingAuthenticationCount(), 5);
         agent->verifier.release(8);
-        QTRY_COMPARE(endpointCount(), 5);
+        TRY_COMPARE(endpointCount(), 5);
         QCOMPARE(agent->verifier.startedChecks(), 5);
         QCOMPARE(agent->verifier.checkedHosts(), QStringList(5, u"127.0.0.1"_s));
     }

@@ -1,6 +1,7 @@
 // The clipboard policy of the agent core: when the machine's clipboard is watched, what is sent
 // to whom, and that nothing echoes. A fake clipboard, real loopback TLS and virtual time.
 
+#include "event_wait.h"
 #include "log_lines.h"
 #include "loopback_agent.h"
 #include "server_log_manager.h"
@@ -100,8 +101,8 @@ private Q_SLOTS:
         QVERIFY(sender && other);
         tick();
         sender->connection->send(ClipboardMessage{u"from the viewer ✓"_s, std::nullopt});
-        QTRY_COMPARE(agent->systemClipboard.text, std::optional<QString>(u"from the viewer ✓"_s));
-        QTRY_VERIFY(
+        TRY_COMPARE(agent->systemClipboard.text, std::optional<QString>(u"from the viewer ✓"_s));
+        TRY_VERIFY(
             loggedLines().contains(u"[CLIPBOARD] Clipboard snapshot received from Sender (19 bytes)"_s));
         tick();
         copyLocally(u"from the viewer ✓"_s); // the user copies that same text again
@@ -131,7 +132,7 @@ private Q_SLOTS:
 
         // The same limit guards what viewers send: refused, and the connection stays.
         viewer->connection->send(ClipboardMessage{tooLarge, std::nullopt});
-        QTRY_VERIFY(viewer->last<ErrorMessage>());
+        TRY_VERIFY(viewer->last<ErrorMessage>());
         QCOMPARE(viewer->last<ErrorMessage>()->code, u"clipboardTooLarge"_s);
         QCOMPARE(agent->systemClipboard.text, std::optional<QString>(u"small"_s));
         QVERIFY(!viewer->closed);
@@ -150,7 +151,7 @@ private Q_SLOTS:
         QCOMPARE(agent->preferences.values.value(u"enableClipboardSharing"_s), QVariant(false));
         // The connection refuses clipboard traffic while sharing is off.
         viewer->connection->send(ClipboardMessage{u"blocked"_s, std::nullopt});
-        QTRY_VERIFY(viewer->last<ErrorMessage>());
+        TRY_VERIFY(viewer->last<ErrorMessage>());
         QCOMPARE(viewer->last<ErrorMessage>()->code, u"clipboardSharingDisabled"_s);
         QCOMPARE(agent->systemClipboard.text, std::optional<QString>(u"before"_s));
 
@@ -166,7 +167,7 @@ private Q_SLOTS:
         QVERIFY(viewer);
         QVERIFY(access().isClipboardMonitorRunning());
         viewer->connection->disconnectFromAgent(u"bye"_s);
-        QTRY_VERIFY(!access().isClipboardMonitorRunning());
+        TRY_VERIFY(!access().isClipboardMonitorRunning());
         QVERIFY(loggedInOrder({u"[CLIPBOARD] Clipboard sync monitor stopped"_s}));
     }
 
@@ -175,7 +176,7 @@ private Q_SLOTS:
         QVERIFY(viewer);
         manager().setFeatureSwitches(false, true, false);
         viewer->connection->send(FileOfferMessage{u"t1"_s, u"notes.txt"_s, 5, std::nullopt});
-        QTRY_VERIFY(viewer->last<FileResultMessage>());
+        TRY_VERIFY(viewer->last<FileResultMessage>());
         QVERIFY(!viewer->last<FileResultMessage>()->success);
         QCOMPARE(viewer->last<FileResultMessage>()->errorMessage,
                  std::optional<QString>(u"File transfers are switched off on this computer."_s));

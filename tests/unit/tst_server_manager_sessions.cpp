@@ -1,6 +1,7 @@
 // Client sessions of the agent core, with real TLS connections on loopback and virtual time for
 // every interval of the sessions (handshake deadline, idle sweep).
 
+#include "event_wait.h"
 #include "log_lines.h"
 #include "loopback_agent.h"
 #include "server_log_manager.h"
@@ -92,7 +93,7 @@ private Q_SLOTS:
         QVERIFY(viewer);
         const QString key = viewer->key;
         viewer->connection->disconnectFromAgent(reason);
-        QTRY_VERIFY(viewer->closed);
+        TRY_VERIFY(viewer->closed);
         settle();
         const QString fallback = u"Client "_s + key.left(8);
         // With an empty name the label is empty and the line starts with the text after it.
@@ -118,7 +119,7 @@ private Q_SLOTS:
         QVERIFY(viewer);
         const QString key = viewer->key;
         viewer->connection->abort();
-        QTRY_VERIFY(!manager->serverState().connectedClients.contains(key));
+        TRY_VERIFY(!manager->serverState().connectedClients.contains(key));
         settle();
         QVERIFY(loggedInOrder({u"[CONNECTION] Viewer Four connection state changed to: disconnected"_s,
                                u"[CONNECTION] Viewer Four triggering cleanup due to disconnection"_s}));
@@ -136,7 +137,7 @@ private Q_SLOTS:
         QVERIFY(manager->serverState().connectedClients.contains(key));
         time->advance(6s);
         QVERIFY(!manager->serverState().connectedClients.contains(key));
-        QTRY_VERIFY(viewer->closed);
+        TRY_VERIFY(viewer->closed);
     }
 
     void messagesKeepAViewerActive() {
@@ -144,16 +145,16 @@ private Q_SLOTS:
         QVERIFY(viewer);
         const QString key = viewer->key;
         LoopbackAgent::signIn(*viewer, u"alice"_s, u"correct horse"_s);
-        QTRY_VERIFY(manager->serverState().authenticatedClients.contains(key));
+        TRY_VERIFY(manager->serverState().authenticatedClients.contains(key));
         for (int round = 0; round < 3; ++round) {
             time->advance(30s);
             viewer->connection->send(HeartbeatMessage{quint32(round)});
-            QTRY_COMPARE(loggedCount(u"[HEARTBEAT] Heartbeat received from Viewer Six"_s), round + 1);
+            TRY_COMPARE(loggedCount(u"[HEARTBEAT] Heartbeat received from Viewer Six"_s), round + 1);
         }
         time->advance(54s);
         QVERIFY(manager->serverState().connectedClients.contains(key));
         // The library answers heartbeats itself, echoing the sequence number.
-        QTRY_COMPARE(viewer->count<HeartbeatResponseMessage>(), 3);
+        TRY_COMPARE(viewer->count<HeartbeatResponseMessage>(), 3);
         QCOMPARE(viewer->last<HeartbeatResponseMessage>()->sequenceNumber, std::optional<quint32>(2));
     }
 
@@ -165,7 +166,7 @@ private Q_SLOTS:
         QVERIFY(!manager->serverState().connectedClients.contains(key));
         QVERIFY(loggedInOrder({u"[CONNECT] Disconnecting Viewer Seven"_s,
                                u"[CONNECT] Client %1 disconnected"_s.arg(key.left(8))}));
-        QTRY_VERIFY(viewer->closed);
+        TRY_VERIFY(viewer->closed);
         const auto* goodbye = viewer->last<DisconnectMessage>();
         QVERIFY(goodbye);
         QCOMPARE(goodbye->reason, u"Normal disconnect"_s);
@@ -187,7 +188,7 @@ private Q_SLOTS:
         const QString key = viewer->key;
         // Clipboard traffic before sign-in is refused by the library, which says so in its log.
         viewer->connection->send(ClipboardMessage{u"secret"_s, std::nullopt});
-        QTRY_VERIFY(viewer->last<ErrorMessage>());
+        TRY_VERIFY(viewer->last<ErrorMessage>());
         QCOMPARE(viewer->last<ErrorMessage>()->code, u"notAuthenticated"_s);
         settle();
         const QStringList lines = loggedLines();
@@ -205,7 +206,7 @@ private Q_SLOTS:
         QCOMPARE(manager->serverState().connectedClients.size(), 2);
         manager->stopServer();
         QVERIFY(manager->serverState().connectedClients.isEmpty());
-        QTRY_VERIFY(first->closed);
+        TRY_VERIFY(first->closed);
         // A deadline that fires after the stop finds nothing to do.
         time->advance(5s);
         QCOMPARE(loggedLines().filter(u"GHOST CLIENT"_s).size(), 0);
@@ -218,20 +219,20 @@ private Q_SLOTS:
         const auto member = connectViewer(u"Member"_s);
         QVERIFY(stranger && member);
         LoopbackAgent::signIn(*member, u"alice"_s, u"correct horse"_s);
-        QTRY_VERIFY(manager->serverState().authenticatedClients.contains(member->key));
+        TRY_VERIFY(manager->serverState().authenticatedClients.contains(member->key));
         for (quint32 round = 1; round <= 3; ++round) {
             time->advance(39s);
             stranger->connection->send(HeartbeatMessage{round});
             member->connection->send(HeartbeatMessage{round});
-            QTRY_COMPARE(stranger->count<HeartbeatResponseMessage>(), qsizetype(round));
-            QTRY_COMPARE(member->count<HeartbeatResponseMessage>(), qsizetype(round));
+            TRY_COMPARE(stranger->count<HeartbeatResponseMessage>(), qsizetype(round));
+            TRY_COMPARE(member->count<HeartbeatResponseMessage>(), qsizetype(round));
         }
         time->advance(2999ms);
         QVERIFY(manager->serverState().connectedClients.contains(stranger->key));
         time->advance(1ms);
         QVERIFY(!manager->serverState().connectedClients.contains(stranger->key));
         QVERIFY(loggedInOrder({u"[SECURITY] Stranger did not sign in within 120 s. Disconnecting."_s}));
-        QTRY_VERIFY(stranger->closed);
+        TRY_VERIFY(stranger->closed);
         QVERIFY(manager->serverState().connectedClients.contains(member->key));
         QVERIFY(!member->closed);
     }

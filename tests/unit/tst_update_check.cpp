@@ -1,3 +1,4 @@
+#include "event_wait.h"
 #include "fake_network.h"
 #include "update_check.h"
 
@@ -46,7 +47,7 @@ class TestUpdateCheck : public QObject {
         std::optional<UpdateCheckOutcome> outcome;
         fetchUpdateOutcome(network, UpdateCheckRequest{feedURL, running}, &context,
                            [&](UpdateCheckOutcome o) { outcome = std::move(o); });
-        if (!QTest::qWaitFor([&] { return outcome.has_value(); }, 5000)) {
+        if (!QTest::qWaitFor([&] { return outcome.has_value(); }, tellwyn::testing::eventDeadlineMs)) {
             qFatal("no outcome");
         }
         return *outcome;
@@ -147,13 +148,10 @@ private Q_SLOTS:
                  std::optional(QUrl(u"https://h/d/TellwynAgent.deb"_s)));
     }
 
+    // The command line's feed beats the environment's (which test_update.py shows beating the
+    // built-in one).
     void feedLocationOverrides() {
-        qunsetenv(updateFeedEnvironmentVariable);
-        QCOMPARE(resolveUpdateFeedURL(std::nullopt), defaultUpdateFeedURL());
-        QVERIFY(defaultUpdateFeedURL().startsWith(u"https://"_s));
-        QVERIFY(defaultUpdateFeedURL().endsWith(u"/updates/tellwynagent.txt"_s));
         qputenv(updateFeedEnvironmentVariable, "http://127.0.0.1:1/feed.txt");
-        QCOMPARE(resolveUpdateFeedURL(std::nullopt), u"http://127.0.0.1:1/feed.txt"_s);
         QCOMPARE(resolveUpdateFeedURL(u"http://127.0.0.1:2/x.txt"_s), u"http://127.0.0.1:2/x.txt"_s);
         qunsetenv(updateFeedEnvironmentVariable);
     }
@@ -253,7 +251,7 @@ private Q_SLOTS:
         feed = "1.6.0|Patch|Fixes|https://127.0.0.1/TellwynAgent-1.6.0.deb";
         checkForUpdates(network, request, &context, presenter);
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.presentations.size(), 2);
+        TRY_COMPARE(presenter.presentations.size(), 2);
         const UpdateDownloadPresentation& first = presenter.presentations.constFirst();
         QCOMPARE(first.info, info(u"1.6.0"_s, UpdateType::patch, u"Fixes"_s,
                                   u"https://127.0.0.1/TellwynAgent-1.6.0.deb"_s));
@@ -263,17 +261,17 @@ private Q_SLOTS:
 
         feed = "1.5.0";
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.upToDate, 1);
+        TRY_COMPARE(presenter.upToDate, 1);
 
         feed = "garbage";
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.failures, QStringList{u"Invalid update feed format."_s});
+        TRY_COMPARE(presenter.failures, QStringList{u"Invalid update feed format."_s});
 
         // Without a usable installer address not even the fallback can be made.
         qputenv(downloadBaseEnvironmentVariable, "http://[bad/");
         feed = "1.6.0";
         checkForUpdates(network, request, &context, presenter);
-        QTRY_COMPARE(presenter.failures.size(), 2);
+        TRY_COMPARE(presenter.failures.size(), 2);
         qunsetenv(downloadBaseEnvironmentVariable);
         QCOMPARE(presenter.failures.constLast(),
                  u"The download link for this update is missing or invalid."_s);
@@ -291,7 +289,7 @@ private Q_SLOTS:
         fetchUpdateOutcome(network, UpdateCheckRequest{u"https://127.0.0.1/f.txt"_s, u"1.0"_s}, context.get(),
                            [&delivered](UpdateCheckOutcome) { delivered = true; });
         context.reset();
-        QTRY_VERIFY(network.lastReply() == nullptr || network.lastReply()->isFinished());
+        TRY_VERIFY(network.lastReply() == nullptr || network.lastReply()->isFinished());
         QTest::qWait(0);
         QVERIFY(!delivered);
     }

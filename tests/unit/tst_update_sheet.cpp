@@ -1,3 +1,4 @@
+#include "event_wait.h"
 #include "fake_network.h"
 #include "file_revealer.h"
 #include "update_alerts.h"
@@ -191,7 +192,7 @@ private Q_SLOTS:
         QCOMPARE(box->buttons().size(), 1);
         QCOMPARE(box->buttons().constFirst()->text(), u"OK"_s);
         box->buttons().constFirst()->click();
-        QTRY_VERIFY(box.isNull()); // closed and gone
+        TRY_VERIFY(box.isNull()); // closed and gone
     }
 };
 

@@ -1,6 +1,7 @@
 // The autostart entry for launch at login: written where desktops look, valid by
 // desktop-file-validate, starting the right program with awkward paths, and removed again.
 
+#include "event_wait.h"
 #include "linux/xdg_autostart_login_item.h"
 
 #include <QDir>
@@ -35,7 +36,7 @@ private Q_SLOTS:
         QVERIFY2(!validator.isEmpty(), "desktop-file-validate is missing: run scripts/setup.sh test");
         QProcess validate;
         validate.start(validator, {item.entryPath()});
-        QVERIFY(validate.waitForFinished(10000));
+        QVERIFY(validate.waitForFinished(testing::eventDeadlineMs));
         QCOMPARE(validate.exitCode(), 0);
         QCOMPARE(validate.readAll(), QByteArray()); // no warnings either
 
