@@ -3,6 +3,7 @@
 
 #include "account_check_timings.h"
 #include "account_verifier.h"
+#include "blocked_source_log.h"
 #include "clock.h"
 #include "serial_queue.h"
 #include "server_log_manager.h"
@@ -40,21 +41,24 @@ void ServerManager::handleAuthentication(const AuthenticationMessage& message, c
     const QString method = message.method == HLVP::AuthenticationMethod::unknown
                                ? message.methodName
                                : HLVP::toString(message.method);
-    log(u"Authentication attempt from %1 with method %2"_s.arg(displayLabel(key), method), u"AUTH"_s);
+    logClient(key, u"Authentication attempt from %1 with method %2"_s.arg(displayLabel(key), method),
+              u"AUTH"_s);
     switch (message.method) {
     case HLVP::AuthenticationMethod::password:
         handleUserCredentialAuthentication(message, key);
         return;
     case HLVP::AuthenticationMethod::challengeResponse:
-        log(u"Rejected unsupported challenge-response authentication from %1"_s.arg(displayLabel(key)),
-            u"AUTH"_s);
+        logClient(key,
+                  u"Rejected unsupported challenge-response authentication from %1"_s.arg(displayLabel(key)),
+                  u"AUTH"_s);
         sendAuthenticationFailure(
             key, u"Unsupported authentication method. Server requires username/password authentication."_s);
         return;
     case HLVP::AuthenticationMethod::none:
-        log(u"Rejected no-authentication request from %1 - authentication is required"_s.arg(
-                displayLabel(key)),
-            u"SECURITY"_s);
+        logClient(key,
+                  u"Rejected no-authentication request from %1 - authentication is required"_s.arg(
+                      displayLabel(key)),
+                  u"SECURITY"_s);
         sendAuthenticationFailure(key,
                                   u"Authentication is required - no authentication method not allowed"_s);
         return;
@@ -67,11 +71,11 @@ void ServerManager::handleAuthentication(const AuthenticationMessage& message, c
 
 void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessage& message,
                                                        const QString& key) {
-    log(u"Processing user credential authentication for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+    logClient(key, u"Processing user credential authentication for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
     const auto username = message.credentials.constFind(u"username"_s);
     const auto password = message.credentials.constFind(u"password"_s);
     if (username == message.credentials.cend() || password == message.credentials.cend()) {
-        log(u"Missing username or password for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+        logClient(key, u"Missing username or password for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
         sendAuthenticationFailure(key, u"Missing username or password"_s);
         return;
     }
@@ -81,13 +85,21 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
         return;
     }
     const AuthRateLimitKeys keys = makeAuthRateLimitKeys(key, *username);
+    const QString host = hostOfEndpoint(keys.endpoint);
     if (isAuthenticationRateLimited(keys)) {
-        log(u"Authentication rate-limited for %1"_s.arg(displayLabel(key)), u"SECURITY"_s);
+        if (m_blockedSourceLog->noteRefusal(host)) {
+            logClient(key, u"Authentication rate-limited for %1"_s.arg(displayLabel(key)), u"SECURITY"_s);
+        } else {
+            m_quietClients.insert(key);
+        }
         sendAuthenticationFailure(key, u"Too many failed authentication attempts. Try again later."_s);
         return;
     }
+    m_blockedSourceLog->release(host);
+    m_quietClients.remove(key);
     if (m_authenticationInProgress.contains(key)) {
-        log(u"Authentication is already being validated for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+        logClient(key, u"Authentication is already being validated for %1"_s.arg(displayLabel(key)),
+                  u"AUTH"_s);
         return;
     }
     if (m_authenticationInProgress.size() >= maximumPendingAuthentications) {
@@ -100,7 +112,8 @@ void ServerManager::handleUserCredentialAuthentication(const AuthenticationMessa
     // limits before the first of them comes back.
     m_queuedAuthChecks[keys.endpoint] += 1;
     m_queuedAuthChecks[keys.username] += 1;
-    log(u"Validating this computer's account credentials for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+    logClient(key, u"Validating this computer's account credentials for %1"_s.arg(displayLabel(key)),
+              u"AUTH"_s);
     const QPointer<ServerManager> weak(this);
     m_authenticationQueue->async([weak, verifier = m_environment.accountVerifier,
                                   identity = &m_environment.identity, userName = *username,
@@ -246,10 +259,16 @@ void ServerManager::handleAuthenticationResult(bool valid, const QString& userNa
         m_signInMemory->remember(hostOfEndpoint(keys.endpoint), userName, m_environment.clock.now());
         completeAuthentication(key);
         updateClipboardMonitor();
-        log(u"Authentication successful for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
+        logClient(key, u"Authentication successful for %1"_s.arg(displayLabel(key)), u"AUTH"_s);
         return;
     }
     recordAuthFailure(m_endpointAuthFailures, keys.endpoint);
+    if (m_endpointAuthFailures.value(keys.endpoint).count == maxAuthFailuresPerEndpoint) {
+        log(u"%1 is blocked from signing in as '%2' after %3 failed attempts"_s
+                .arg(hostOfEndpoint(keys.endpoint), userName)
+                .arg(maxAuthFailuresPerEndpoint),
+            u"SECURITY"_s);
+    }
     recordAuthFailure(m_globalAuthFailures, keys.username);
     log(u"Computer account credential validation failed for user '%1'"_s.arg(userName), u"AUTH"_s);
     sendAuthenticationFailure(key, u"Invalid credentials for this computer's account"_s);
@@ -263,11 +282,12 @@ void ServerManager::completeAuthentication(const QString& key) {
     updateServerState([&](ServerState& state) { state.authenticatedClients.insert(key); });
     if (!client->markAuthenticated()) {
         updateServerState([&](ServerState& state) { state.authenticatedClients.remove(key); });
-        log(u"Authentication completed in an invalid protocol phase for %1"_s.arg(displayLabel(key)),
-            u"SECURITY"_s);
+        logClient(key,
+                  u"Authentication completed in an invalid protocol phase for %1"_s.arg(displayLabel(key)),
+                  u"SECURITY"_s);
         return;
     }
-    log(u"%1 authenticated successfully"_s.arg(displayLabel(key)), u"AUTH"_s);
+    logClient(key, u"%1 authenticated successfully"_s.arg(displayLabel(key)), u"AUTH"_s);
     client->sendEncryptedMessage(
         AuthenticationResponseMessage{true, std::nullopt, std::nullopt, std::nullopt},
         [](const std::optional<HLVPError>& error) {
@@ -285,7 +305,7 @@ void ServerManager::sendAuthenticationFailure(const QString& key, const QString&
     if (!client) {
         return;
     }
-    log(u"Authentication failed for %1: %2"_s.arg(displayLabel(key), reason), u"ERROR"_s);
+    logClient(key, u"Authentication failed for %1: %2"_s.arg(displayLabel(key), reason), u"ERROR"_s);
     const QPointer<ServerManager> weak(this);
     client->sendEncryptedMessage(
         AuthenticationResponseMessage{false, std::nullopt, reason, std::nullopt},
@@ -295,12 +315,14 @@ void ServerManager::sendAuthenticationFailure(const QString& key, const QString&
                 return;
             }
             if (error) {
-                weak->log(u"Failed to send authentication failure response to %1: %2"_s.arg(
-                              weak->displayLabel(key), error->localizedDescription()),
-                          u"ERROR"_s);
+                weak->logClient(key,
+                                u"Failed to send authentication failure response to %1: %2"_s.arg(
+                                    weak->displayLabel(key), error->localizedDescription()),
+                                u"ERROR"_s);
             } else {
-                weak->log(u"Authentication failure response sent to %1"_s.arg(weak->displayLabel(key)),
-                          u"AUTH"_s);
+                weak->logClient(key,
+                                u"Authentication failure response sent to %1"_s.arg(weak->displayLabel(key)),
+                                u"AUTH"_s);
             }
             weak->removeClientAfterAuthenticationFailure(client, key);
         });

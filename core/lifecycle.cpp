@@ -2,6 +2,7 @@
 // port change, auto-start, sleep, wake and termination.
 
 #include "account_check_timings.h"
+#include "blocked_source_log.h"
 #include "clock.h"
 #include "display_probe.h"
 #include "preferences.h"
@@ -43,6 +44,8 @@ ServerManager::ServerManager(AgentEnvironment environment, QObject* parent)
         m_environment.dataDirectory.isEmpty() ? QString()
                                               : m_environment.dataDirectory + u"/signed-in-hosts.json"_s);
     m_accountCheckTimings = std::make_shared<AccountCheckTimings>();
+    m_blockedSourceLog = std::make_unique<BlockedSourceLog>(
+        m_environment.scheduler, this, [this](const QString& line) { log(line, u"SECURITY"_s); });
 
     log(u"AgentManager initialized"_s, u"INIT"_s);
 
@@ -189,6 +192,8 @@ void ServerManager::setupServer() {
         ServerLogManager::shared().log(message, category);
     });
     const QPointer<ServerManager> weak(this);
+    m_server->setQuietSource(
+        [weak](const QString& host) { return weak && weak->m_blockedSourceLog->isQuiet(host); });
     m_server->setOnNewConnection([weak](const std::shared_ptr<HLVPServerClient>& client, const QString& key) {
         if (weak) {
             weak->handleNewConnection(client, key);
@@ -339,6 +344,7 @@ void ServerManager::stopServer() {
     }
     m_clientCancellables.clear();
     m_clientRemoteHosts.clear();
+    m_quietClients.clear();
 
     updateServerState([](ServerState& state) {
         state.isRunning = false;

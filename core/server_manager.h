@@ -9,6 +9,7 @@
 #include <QMetaObject>
 #include <QMutex>
 #include <QObject>
+#include <QSet>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -22,6 +23,7 @@ class ServerManagerTestAccess;
 
 class AccountCheckTimings;
 class AccountVerifier;
+class BlockedSourceLog;
 class ServiceAdvertiser;
 class Clock;
 class DisplayProbe;
@@ -208,6 +210,8 @@ private:
     void loadPasswordProtectionSettings();
 
     void log(const QString& message, const QString& category) const;
+    // A line about one connection: left out while its source's refusals are being summarised.
+    void logClient(const QString& key, const QString& message, const QString& category) const;
     void installTransferCallbacks(HLVPServerClient& client, const QString& key);
     // Removes a client's name, activity time, state subscription and remote host, and cancels
     // its statistics push: what every way of removing a client does after the published tables.
@@ -269,6 +273,9 @@ private:
     // Account checks queued or running, counted against their rate-limit keys until they end.
     QHash<QString, qint64> m_queuedAuthChecks;
     std::unique_ptr<SignInMemory> m_signInMemory;
+    std::unique_ptr<BlockedSourceLog> m_blockedSourceLog;
+    // Connections from a source whose refusals are being summarised.
+    QSet<QString> m_quietClients;
     std::shared_ptr<AccountCheckTimings> m_accountCheckTimings;
 };
 

@@ -2,6 +2,7 @@
 // clean-up, idle sweep, user disconnect and the statistics push.
 
 #include "account_verifier.h"
+#include "blocked_source_log.h"
 #include "clock.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
@@ -76,18 +77,25 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
     m_lastClientActivity.insert(key, m_environment.clock.now());
     m_clientRemoteHosts.insert(key, client->remoteHostKey());
     m_clientComputerNames.insert(key, fallbackLabel(key));
+    if (m_blockedSourceLog->isQuiet(client->remoteHostKey())) {
+        m_quietClients.insert(key);
+    }
 
     client->setOnMessageReceived([weak, key](const HLVPMessage& message) {
         postToMainQueue([weak, key, message] {
-            const QString label = weak ? weak->displayLabel(key) : fallbackLabel(key);
-            logLine(u"onMessageReceived callback called for %1 with message: %2"_s.arg(
-                        label, messageTypeName(message)),
-                    u"MESSAGE"_s);
             if (!weak) {
+                logLine(u"onMessageReceived callback called for %1 with message: %2"_s.arg(
+                            fallbackLabel(key), messageTypeName(message)),
+                        u"MESSAGE"_s);
                 logLine(u"ServerManager is nil in onMessageReceived callback"_s, u"ERROR"_s);
                 return;
             }
-            weak->log(u"Calling handleMessage for %1"_s.arg(weak->displayLabel(key)), u"MESSAGE"_s);
+            weak->logClient(key,
+                            u"onMessageReceived callback called for %1 with message: %2"_s.arg(
+                                weak->displayLabel(key), messageTypeName(message)),
+                            u"MESSAGE"_s);
+            weak->logClient(key, u"Calling handleMessage for %1"_s.arg(weak->displayLabel(key)),
+                            u"MESSAGE"_s);
             weak->handleMessage(message, key);
         });
     });
@@ -113,7 +121,7 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
     QMetaObject::invokeMethod(
         this, [this, key, current] { handleClientConnectionState(key, current); }, Qt::QueuedConnection);
 
-    log(u"%1 connected"_s.arg(displayLabel(key)), u"CONNECT"_s);
+    logClient(key, u"%1 connected"_s.arg(displayLabel(key)), u"CONNECT"_s);
 
     m_environment.scheduler.runAfter(handshakeDeadline, this, [weak, key] {
         if (weak) {
@@ -126,9 +134,10 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
             m_serverState.authenticatedClients.contains(key) || m_authenticationInProgress.contains(key)) {
             return;
         }
-        log(u"%1 did not sign in within %2 s. Disconnecting."_s.arg(displayLabel(key))
-                .arg(signInDeadline.count()),
-            u"SECURITY"_s);
+        logClient(key,
+                  u"%1 did not sign in within %2 s. Disconnecting."_s.arg(displayLabel(key))
+                      .arg(signInDeadline.count()),
+                  u"SECURITY"_s);
         cleanupDisconnectedClient(key);
     });
 }
@@ -140,17 +149,18 @@ void ServerManager::handleClientConnectionState(const QString& key, HLVP::Connec
     }
     const QString printed =
         state == HLVP::ConnectionState::disconnected ? u"disconnected"_s : HLVP::toString(state);
-    log(u"%1 connection state changed to: %2"_s.arg(displayLabel(key), printed), u"CONNECTION"_s);
+    logClient(key, u"%1 connection state changed to: %2"_s.arg(displayLabel(key), printed), u"CONNECTION"_s);
     if (state == HLVP::ConnectionState::disconnected) {
-        log(u"%1 triggering cleanup due to disconnection"_s.arg(displayLabel(key)), u"CONNECTION"_s);
+        logClient(key, u"%1 triggering cleanup due to disconnection"_s.arg(displayLabel(key)),
+                  u"CONNECTION"_s);
         QMetaObject::invokeMethod(
             this, [this, key] { cleanupDisconnectedClient(key); }, Qt::QueuedConnection);
     }
 }
 
 void ServerManager::handleConnectionClosed(const QString& key) {
-    log(u"Server-level connection closed callback triggered for %1"_s.arg(displayLabel(key)),
-        u"CONNECTION"_s);
+    logClient(key, u"Server-level connection closed callback triggered for %1"_s.arg(displayLabel(key)),
+              u"CONNECTION"_s);
     cleanupDisconnectedClient(key);
 }
 
@@ -162,19 +172,23 @@ void ServerManager::checkHandshakeDeadline(const QString& key) {
     if (m_serverState.authenticatedClients.contains(key) || client->isHandshakeReceived()) {
         return;
     }
-    log(u"🚫 GHOST CLIENT DETECTED: %1 sent no handshake in 5s. Disconnecting."_s.arg(displayLabel(key)),
-        u"SECURITY"_s);
+    logClient(key,
+              u"🚫 GHOST CLIENT DETECTED: %1 sent no handshake in 5s. Disconnecting."_s.arg(displayLabel(key)),
+              u"SECURITY"_s);
     cleanupDisconnectedClient(key);
 }
 
 void ServerManager::handleMessage(const HLVPMessage& message, const QString& key) {
     m_lastClientActivity.insert(key, m_environment.clock.now());
-    log(u"ServerManager received message: %1 from %2"_s.arg(messageTypeName(message), displayLabel(key)),
+    logClient(
+        key, u"ServerManager received message: %1 from %2"_s.arg(messageTypeName(message), displayLabel(key)),
         u"MESSAGE"_s);
 
     if (const auto* handshake = std::get_if<HandshakeMessage>(&message)) {
         m_clientComputerNames.insert(key, handshake->clientName);
-        log(u"Handshake noted from %1: version %2"_s.arg(displayLabel(key)).arg(handshake->protocolVersion),
+        logClient(
+            key,
+            u"Handshake noted from %1: version %2"_s.arg(displayLabel(key)).arg(handshake->protocolVersion),
             u"HANDSHAKE"_s);
     } else if (const auto* authentication = std::get_if<AuthenticationMessage>(&message)) {
         handleAuthentication(*authentication, key);
@@ -185,16 +199,19 @@ void ServerManager::handleMessage(const HLVPMessage& message, const QString& key
                std::holds_alternative<InputEventMessage>(message)) {
         // Screen streaming and input are served by the protocol library.
     } else if (std::holds_alternative<HeartbeatMessage>(message)) {
-        log(u"Heartbeat received from %1"_s.arg(displayLabel(key)), u"HEARTBEAT"_s);
+        logClient(key, u"Heartbeat received from %1"_s.arg(displayLabel(key)), u"HEARTBEAT"_s);
     } else if (std::holds_alternative<HeartbeatResponseMessage>(message)) {
-        log(u"Heartbeat response received from %1"_s.arg(displayLabel(key)), u"HEARTBEAT"_s);
+        logClient(key, u"Heartbeat response received from %1"_s.arg(displayLabel(key)), u"HEARTBEAT"_s);
     } else if (const auto* goodbye = std::get_if<DisconnectMessage>(&message)) {
-        log(u"%1 requested disconnect with reason: '%2' - TYPE: DisconnectMessage"_s.arg(displayLabel(key),
-                                                                                         goodbye->reason),
-            u"CONNECT"_s);
+        logClient(key,
+                  u"%1 requested disconnect with reason: '%2' - TYPE: DisconnectMessage"_s.arg(
+                      displayLabel(key), goodbye->reason),
+                  u"CONNECT"_s);
         cleanupDisconnectedClient(key);
     } else {
-        log(u"Received unknown message type: %1 from %2"_s.arg(messageTypeName(message), displayLabel(key)),
+        logClient(
+            key,
+            u"Received unknown message type: %1 from %2"_s.arg(messageTypeName(message), displayLabel(key)),
             u"WARN"_s);
     }
 }
@@ -215,8 +232,9 @@ void ServerManager::cleanupDisconnectedClient(const QString& key) {
     if (!client) {
         return;
     }
-    log(u"Cleaning up disconnected client %1 - stopping any active streaming"_s.arg(displayLabel(key)),
-        u"CONNECTION"_s);
+    logClient(key,
+              u"Cleaning up disconnected client %1 - stopping any active streaming"_s.arg(displayLabel(key)),
+              u"CONNECTION"_s);
     client->stopStreaming();
     client->disconnect();
 
@@ -229,7 +247,9 @@ void ServerManager::cleanupDisconnectedClient(const QString& key) {
     updateClipboardMonitor();
     Q_EMIT serverStateChanged();
     Q_EMIT changed();
-    log(u"%1 fully cleaned up and removed from all lists"_s.arg(displayLabel(key)), u"CONNECTION"_s);
+    logClient(key, u"%1 fully cleaned up and removed from all lists"_s.arg(displayLabel(key)),
+              u"CONNECTION"_s);
+    m_quietClients.remove(key);
 }
 
 void ServerManager::forgetClientEntries(const QString& key) {
@@ -267,10 +287,10 @@ void ServerManager::cleanupStaleClients() {
 void ServerManager::disconnectClient(const QString& key) {
     const auto client = m_serverState.connectedClients.value(key);
     if (!client) {
-        log(u"%1 not found for disconnect"_s.arg(displayLabel(key)), u"ERROR"_s);
+        logClient(key, u"%1 not found for disconnect"_s.arg(displayLabel(key)), u"ERROR"_s);
         return;
     }
-    log(u"Disconnecting %1"_s.arg(displayLabel(key)), u"CONNECT"_s);
+    logClient(key, u"Disconnecting %1"_s.arg(displayLabel(key)), u"CONNECT"_s);
     client->sendEncryptedMessage(
         DisconnectMessage{u"Normal disconnect"_s, std::nullopt}, [](const std::optional<HLVPError>& error) {
             if (error) {
@@ -286,7 +306,7 @@ void ServerManager::disconnectClient(const QString& key) {
         state.authenticatedClients.remove(key);
     });
     forgetClientEntries(key);
-    log(u"%1 disconnected"_s.arg(displayLabel(key)), u"CONNECT"_s);
+    logClient(key, u"%1 disconnected"_s.arg(displayLabel(key)), u"CONNECT"_s);
 }
 
 void ServerManager::startStatsPush(const QString& key) {
@@ -324,9 +344,10 @@ void ServerManager::runStatsPushStep(const std::weak_ptr<Task>& weakTask, const 
                 return;
             }
             if (error) {
-                weak->log(u"Failed to send system stats to %1: %2"_s.arg(weak->displayLabel(key),
-                                                                         error->localizedDescription()),
-                          u"ERROR"_s);
+                weak->logClient(key,
+                                u"Failed to send system stats to %1: %2"_s.arg(weak->displayLabel(key),
+                                                                               error->localizedDescription()),
+                                u"ERROR"_s);
             }
             pushTask->sleep(weak->m_environment.scheduler, statsPushInterval, weak, [weak, weakTask, key] {
                 if (weak) {
@@ -342,7 +363,13 @@ void ServerManager::runStatsPushStep(const std::weak_ptr<Task>& weakTask, const 
 void ServerManager::forwardClientLog(const QString& key, const QString& message, const QString& category) {
     QString line = message;
     line.replace(u"Client "_s + key + u':', displayLabel(key) + u':');
-    log(line, category);
+    logClient(key, line, category);
+}
+
+void ServerManager::logClient(const QString& key, const QString& message, const QString& category) const {
+    if (!m_quietClients.contains(key)) {
+        log(message, category);
+    }
 }
 
 } // namespace tellwyn

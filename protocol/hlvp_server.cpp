@@ -107,6 +107,12 @@ void HLVPServer::log(const QString& message, const QString& category) const {
     }
 }
 
+void HLVPServer::logAbout(const QString& host, const QString& message, const QString& category) const {
+    if (!m_isQuietSource || !m_isQuietSource(host)) {
+        log(message, category);
+    }
+}
+
 QString HLVPServer::identityFingerprint() const {
     return m_identity ? m_identity->fingerprint() : QString();
 }
@@ -268,9 +274,10 @@ bool HLVPServer::admitConnection(qintptr descriptor) {
     }
     const QString host = peerOf(descriptor);
     if (unauthenticatedCountFrom(host) >= m_options.maxUnauthenticatedPerHost) {
-        log(u"%1 already has %2 connections that have not signed in; refused another"_s.arg(host).arg(
-                m_options.maxUnauthenticatedPerHost),
-            u"SECURITY"_s);
+        logAbout(host,
+                 u"%1 already has %2 connections that have not signed in; refused another"_s.arg(host).arg(
+                     m_options.maxUnauthenticatedPerHost),
+                 u"SECURITY"_s);
         return false;
     }
     return true;
@@ -297,7 +304,7 @@ void HLVPServer::endNegotiation(QSslSocket* socket, const QString& reason) {
     if (found == m_negotiating.end()) {
         return; // already ended and said so
     }
-    log(u"TLS negotiation with %1 failed: %2"_s.arg(found->host, reason), u"TLS"_s);
+    logAbout(found->host, u"TLS negotiation with %1 failed: %2"_s.arg(found->host, reason), u"TLS"_s);
     m_negotiating.erase(found);
     if (m_listener) {
         m_listener->resumeAccepting();
@@ -319,10 +326,11 @@ void HLVPServer::acceptPendingConnections() {
         const QString key = client->clientKey();
         client->setLogFunction(m_log);
         m_clients.insert(key, client);
-        log(u"Accepted %1 connection from %2 as client %3"_s.arg(
-                socket->sessionProtocol() == QSsl::TlsV1_3 ? u"TLS 1.3"_s : u"TLS"_s, client->remoteHostKey(),
-                key),
-            u"SERVER"_s);
+        logAbout(client->remoteHostKey(),
+                 u"Accepted %1 connection from %2 as client %3"_s.arg(
+                     socket->sessionProtocol() == QSsl::TlsV1_3 ? u"TLS 1.3"_s : u"TLS"_s,
+                     client->remoteHostKey(), key),
+                 u"SERVER"_s);
         if (m_onNewConnection) {
             m_onNewConnection(client, key);
         }

@@ -45,6 +45,11 @@ public:
     ~HLVPServer() override;
 
     void setLogFunction(HLVP::LogFunction logFunction);
+    // Lines about a source's connections are left out while this says it is quiet (its refusals
+    // are being summarised by the owner).
+    void setQuietSource(std::function<bool(const QString& host)> isQuiet) {
+        m_isQuietSource = std::move(isQuiet);
+    }
     void setOnNewConnection(NewConnectionHandler handler) { m_onNewConnection = std::move(handler); }
     void setOnConnectionClosed(ConnectionClosedHandler handler) { m_onConnectionClosed = std::move(handler); }
 
@@ -66,6 +71,7 @@ Q_SIGNALS:
 
 private:
     void log(const QString& message, const QString& category) const;
+    void logAbout(const QString& host, const QString& message, const QString& category) const;
     void setRunning(bool running);
     bool admitConnection(qintptr descriptor);
     void beginNegotiation(QSslSocket* socket);
@@ -86,6 +92,7 @@ private:
     int m_maxConnections;
     Options m_options;
     HLVP::LogFunction m_log;
+    std::function<bool(const QString& host)> m_isQuietSource;
     NewConnectionHandler m_onNewConnection;
     ConnectionClosedHandler m_onConnectionClosed;
     std::unique_ptr<TlsListener> m_listener;

@@ -191,6 +191,48 @@ private Q_SLOTS:
         QVERIFY(access().globalAuthFailures().isEmpty());
     }
 
+    // A blocked source refused at full speed: the block and its first refusals are written in full,
+    // then nothing about its connections but one line a minute with the count; another source is
+    // logged as before, and so is the source itself once it may sign in again.
+    void refusalsOfABlockedSourceAreSummarised() {
+        for (const auto wait : {0s, 1s, 2s, 4s, 8s}) {
+            agent->time.advance(wait);
+            QCOMPARE(attempt(u"alice"_s, u"wrong"_s), u"Invalid credentials for this computer's account"_s);
+        }
+        QCOMPARE(loggedCount(
+                     u"[SECURITY] 127.0.0.1 is blocked from signing in as 'alice' after 5 failed attempts"_s),
+                 1);
+        for (int i = 1; i <= 10; ++i) {
+            QCOMPARE(attempt(u"alice"_s, rightPassword, u"Flood %1"_s.arg(i)),
+                     u"Too many failed authentication attempts. Try again later."_s);
+        }
+        const QStringList lines = loggedLines();
+        for (int i = 1; i <= 10; ++i) {
+            const QString rateLimited = u"[SECURITY] Authentication rate-limited for Flood %1"_s.arg(i);
+            QCOMPARE(lines.contains(rateLimited), i <= 3);
+            if (i > 4) { // the fourth connection was under way when its source fell quiet
+                QVERIFY2(lines.filter(u"Flood %1"_s.arg(i)).isEmpty(),
+                         qPrintable(lines.filter(u"Flood"_s).join(u'\n')));
+            }
+        }
+        QVERIFY(lines.filter(u"more sign-in attempts"_s).isEmpty()); // not before the minute is out
+
+        QCOMPARE(attempt(u"bob"_s, u"wrong"_s, u"Other"_s, u"127.0.0.2"_s),
+                 u"Invalid credentials for this computer's account"_s);
+        QVERIFY(loggedInOrder({u"[AUTH] Authentication attempt from Other with method password"_s,
+                               u"[AUTH] Computer account credential validation failed for user 'bob'"_s}));
+
+        agent->time.advance(60s);
+        QCOMPARE(
+            loggedCount(u"[SECURITY] Refused 7 more sign-in attempts from 127.0.0.1 while it was blocked"_s),
+            1);
+
+        agent->time.advance(240s); // past the failure window: the source may sign in again
+        QCOMPARE(attempt(u"alice"_s, rightPassword, u"Home"_s), QString());
+        QVERIFY(loggedInOrder({u"[AUTH] Authentication attempt from Home with method password"_s,
+                               u"[AUTH] Authentication successful for Home"_s}));
+    }
+
     void userNamesAreComparedExactlyButCountedNormalised() {
         QCOMPARE(attempt(u"Alice"_s, rightPassword), u"Invalid credentials for this computer's account"_s);
         QVERIFY(loggedInOrder({u"[AUTH] Username mismatch: expected alice, got Alice"_s}));
