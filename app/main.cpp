@@ -97,6 +97,11 @@ int main(int argc, char** argv) {
     // every piece of every file.
     mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
     mallopt(M_TRIM_THRESHOLD, 32 * 1024 * 1024);
+    // Freed heap blocks are overwritten at once, so that what passed through buffers the agent
+    // cannot reach does not linger: above all the TLS library's record buffer, which holds a
+    // sign-in's password in clear after decrypting it in place. (Small blocks that the allocator
+    // keeps per thread for reuse are not covered; the agent wipes its own copies of a password.)
+    mallopt(M_PERTURB, 0x5a);
     // Started by the crash reporter of a crashed agent: report that crash and nothing else.
     if (const std::optional<int> descriptor = crashHelperDescriptor(argc, argv)) {
         QString error;

@@ -1,5 +1,7 @@
 #include "hlvp_field_codec.h"
 
+#include "account_verifier.h"
+
 #include <cmath>
 #include <limits>
 
@@ -213,12 +215,22 @@ void FieldReader::operator()(const char* key, QMap<QString, QString>& value, Tex
     }
     for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
         if (!it.key().isString() || !it.value().isString() ||
-            it.key().toString().toUtf8().size() > limits.keyBytes ||
-            it.value().toString().toUtf8().size() > limits.valueBytes) {
+            it.key().toString().toUtf8().size() > limits.keyBytes) {
             fail(quoted(key) + u" holds an entry that is not short text to short text"_s);
             return;
         }
-        value.insert(it.key().toString(), it.value().toString());
+        // The values may be a password: the one copy made here is the one the message keeps (and
+        // its reader wipes); the measuring copy is wiped at once.
+        QString text = it.value().toString();
+        QByteArray measured = text.toUtf8();
+        const bool tooLong = measured.size() > limits.valueBytes;
+        wipeSecret(measured);
+        if (tooLong) {
+            wipeSecret(text);
+            fail(quoted(key) + u" holds an entry that is not short text to short text"_s);
+            return;
+        }
+        value.insert(it.key().toString(), text);
     }
 }
 

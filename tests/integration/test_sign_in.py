@@ -1,5 +1,6 @@
 """Sign-in through PAM with the real agent running as the test account, driven by the real viewer."""
 import os
+import re
 import subprocess
 import unittest
 
@@ -7,6 +8,22 @@ from accounts import TEST_PASSWORD, TEST_USER, test_account_exists
 from agent_process import Agent, mem_total_bytes
 
 VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
+
+
+def memory_holds(pid, needle):
+    """True when any readable mapping of the process holds `needle`."""
+    with open(f"/proc/{pid}/maps", encoding="ascii") as maps, open(f"/proc/{pid}/mem", "rb", 0) as mem:
+        for line in maps:
+            start, end, perms = re.match(r"([0-9a-f]+)-([0-9a-f]+) (\S+)", line).groups()
+            if "r" not in perms or line.rstrip().endswith(("[vvar]", "[vsyscall]")):
+                continue
+            try:
+                mem.seek(int(start, 16))
+                if needle in mem.read(int(end, 16) - int(start, 16)):
+                    return True
+            except OSError:
+                continue
+    return False
 
 
 @unittest.skipUnless(test_account_exists(), f"the test account {TEST_USER} is missing: run scripts/setup.sh test")
@@ -38,6 +55,11 @@ class SignInTest(unittest.TestCase):
         self.agent.wait_for_log("AUTH", f"System authentication successful for user: {TEST_USER}")
         self.agent.wait_for_log("AUTH", "Authentication successful for Sign-in Viewer")
         self.assertNotIn(TEST_PASSWORD, "\n".join(self.agent.stdout_lines + self.agent.stderr_lines))
+        # Once checked, the password is nowhere in the agent's memory: not in the frame, the decoded
+        # message, the check's copies, nor the TLS library's freed record buffer.
+        if os.geteuid() == 0:
+            for encoding in ("utf-8", "utf-16-le"):
+                self.assertFalse(memory_holds(self.agent.process.pid, TEST_PASSWORD.encode(encoding)), encoding)
 
     def test_a_refusal_reaches_the_viewer_and_pam_explains_it_in_the_log(self):
         code, _, err = self.stats(TEST_USER, "not the password")
