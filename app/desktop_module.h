@@ -4,6 +4,7 @@
 #include "hlvp_credential_store.h"
 #include "hlvp_screen_capture.h"
 #include "permission_service.h"
+#include "screen_source.h"
 #include "server_manager.h"
 #include "system_clipboard.h"
 #include "window_system.h"
@@ -29,6 +30,8 @@ public:
     // None when there is no keyring to ask.
     virtual std::unique_ptr<HLVPCredentialStore> makeCredentialStore() = 0;
     virtual std::function<std::unique_ptr<HLVPScreenCapture>()> screenCaptureFactory() = 0;
+    // Where screen streams read the display; the source is made on the capture thread.
+    virtual std::function<std::unique_ptr<ScreenSource>()> screenSourceFactory() = 0;
 
     // False when another agent already shows this desktop: its window has been asked to show.
     virtual bool claimDesktop() = 0;

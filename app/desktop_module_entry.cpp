@@ -10,6 +10,7 @@
 #include "linux/secret_service_credential_store.h"
 #include "linux/system_clock.h"
 #include "linux/x11_screen_capture.h"
+#include "linux/x11_screen_source.h"
 #include "linux/x11_window_system.h"
 #include "single_instance.h"
 #include "update_alerts.h"
@@ -45,6 +46,11 @@ public:
     std::function<std::unique_ptr<HLVPScreenCapture>()> screenCaptureFactory() override {
         return [] {
             return std::make_unique<X11ScreenCapture>();
+        };
+    }
+    std::function<std::unique_ptr<ScreenSource>()> screenSourceFactory() override {
+        return [] {
+            return std::make_unique<X11ScreenSource>();
         };
     }
 

@@ -206,6 +206,11 @@ int main(int argc, char** argv) {
     environment.permissions = permissions.get();
     if (desktopServices) {
         environment.makeScreenCapture = desktopServices->screenCaptureFactory();
+        if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+            environment.makeScreenSource = desktopServices->screenSourceFactory();
+        } else {
+            environment.screenStreamingUnavailable = u"screen streaming on Wayland is not supported yet"_s;
+        }
     }
     const auto prepare = [&options](ServerManager& manager) {
         // Without a window the status line has nowhere else to go: it is written to standard error.

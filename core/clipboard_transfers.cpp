@@ -30,7 +30,7 @@ QString ServerManager::fileTransferDirectory() const {
 
 void ServerManager::installTransferCallbacks(HLVPServerClient& client, const QString& key) {
     const QPointer<ServerManager> weak(this);
-    client.setOnFileTransferActivity([weak, key] {
+    client.setOnViewerActivity([weak, key] {
         QMetaObject::invokeMethod(
             weak,
             [weak, key] {

@@ -6,6 +6,7 @@
 #include "clock.h"
 #include "display_probe.h"
 #include "preferences.h"
+#include "screen_stream_hub.h"
 #include "serial_queue.h"
 #include "server_log_manager.h"
 #include "server_manager.h"
@@ -334,6 +335,7 @@ void ServerManager::stopServer() {
     updateServerState([](ServerState& state) {
         state.connectedClients.clear();
         state.authenticatedClients.clear();
+        state.streamingClients.clear();
     });
     m_clientComputerNames.clear();
     m_lastClientActivity.clear();

@@ -30,6 +30,8 @@ class DisplayProbe;
 class HLVPCredentialStore;
 class HLVPScreenCapture;
 class PermissionService;
+class ScreenSource;
+class ScreenStreamHub;
 class LoginItem;
 class SystemClipboard;
 class Preferences;
@@ -63,6 +65,10 @@ struct AgentEnvironment {
     LoginItem* loginItem = nullptr;                 // starting at login; none: registering fails
     PermissionService* permissions = nullptr;       // screen capture and input; none: neither is allowed
     std::function<std::unique_ptr<HLVPScreenCapture>()> makeScreenCapture = {}; // for the test capture
+    // Where screen streams read the display; made on the capture thread while a viewer streams.
+    // None, or a non-empty `screenStreamingUnavailable`, refuses every stream with that text.
+    std::function<std::unique_ptr<ScreenSource>()> makeScreenSource = {};
+    QString screenStreamingUnavailable = {};
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
@@ -197,6 +203,12 @@ private:
     void applyFeatureSettings();
     bool isClipboardMonitorRunning() const { return m_clipboardMonitorTimer != nullptr; }
 
+    // Screen streams.
+    void configureScreenStreaming(HLVPServerClient& client, const QString& key);
+    std::optional<ErrorMessage> screenStreamRefusal() const;
+    void handleScreenStreamChange(const QString& key, bool started, quint32 streamID, const QString& detail);
+    ScreenStreamHub* screenStreams() const { return m_screenStreams.get(); }
+
     // Permissions.
     void screenCaptureStartupPreflight();
     void checkScreenCapturePermission();
@@ -277,6 +289,7 @@ private:
     // Connections from a source whose refusals are being summarised.
     QSet<QString> m_quietClients;
     std::shared_ptr<AccountCheckTimings> m_accountCheckTimings;
+    std::unique_ptr<ScreenStreamHub> m_screenStreams;
 };
 
 } // namespace tellwyn

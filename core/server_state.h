@@ -19,6 +19,7 @@ struct ServerState {
     QString statusMessage;
     QMap<QString, std::shared_ptr<HLVPServerClient>> connectedClients;
     QSet<QString> authenticatedClients;
+    QSet<QString> streamingClients; // keys of the viewers watching the screen now
 };
 
 struct PermissionState {

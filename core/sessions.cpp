@@ -100,6 +100,7 @@ void ServerManager::handleNewConnection(const std::shared_ptr<HLVPServerClient>&
         });
     });
     installTransferCallbacks(*client, key);
+    configureScreenStreaming(*client, key);
     client->setLogFunction([weak, key](const QString& message, const QString& category) {
         postToMainQueue([weak, key, message, category] {
             if (weak) {
@@ -241,6 +242,7 @@ void ServerManager::cleanupDisconnectedClient(const QString& key) {
     ServerState next = m_serverState;
     next.connectedClients.remove(key);
     next.authenticatedClients.remove(key);
+    next.streamingClients.remove(key);
     m_serverState = std::move(next);
 
     forgetClientEntries(key);
@@ -304,6 +306,7 @@ void ServerManager::disconnectClient(const QString& key) {
     updateServerState([&](ServerState& state) {
         state.connectedClients.remove(key);
         state.authenticatedClients.remove(key);
+        state.streamingClients.remove(key);
     });
     forgetClientEntries(key);
     logClient(key, u"%1 disconnected"_s.arg(displayLabel(key)), u"CONNECT"_s);

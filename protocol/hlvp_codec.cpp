@@ -26,6 +26,7 @@ template <typename Message> HLVPMessage decodeFields(FieldReader& read) {
     Message message;
     Message::fields(message, read);
     read("sequenceNumber", message.sequenceNumber);
+    read.checkProblem(message);
     return message;
 }
 

@@ -35,6 +35,18 @@ public:
             (*this)(key, *value, limit...);
         }
     }
+    template <typename Enum, std::size_t count> void operator()(const char* key, ByName<Enum, count> value) {
+        for (const auto& [known, name] : value.names) {
+            if (known == value.value) {
+                m_map.insert(QLatin1StringView(key), QLatin1StringView(name));
+            }
+        }
+    }
+    template <typename Record> void operator()(InPlace, const std::optional<Record>& record) {
+        if (record) {
+            Record::fields(*record, *this);
+        }
+    }
     template <typename Record> void operator()(const char* key, const QList<Record>& records, qsizetype) {
         QCborArray list;
         for (const Record& record : records) {
@@ -82,15 +94,48 @@ public:
             (*this)(key, value.emplace(), limit...);
         }
     }
+    template <typename Enum, std::size_t count> void operator()(const char* key, ByName<Enum, count> value) {
+        QString name;
+        (*this)(key, name, maxNameBytes);
+        if (!ok()) {
+            return;
+        }
+        for (const auto& [known, knownName] : value.names) {
+            if (name == QLatin1StringView(knownName)) {
+                value.value = known;
+                return;
+            }
+        }
+        fail(QStringLiteral("\"%1\" is not a known value of \"%2\"")
+                 .arg(name.left(64), QLatin1StringView(key)));
+    }
+    template <typename Record> void operator()(InPlace where, std::optional<Record>& record) {
+        if (ok() && m_map.contains(QLatin1StringView(where.presentWhen))) {
+            Record::fields(record.emplace(), *this);
+            checkProblem(*record);
+        }
+    }
     template <typename Record>
     void operator()(const char* key, QList<Record>& records, qsizetype maxEntries) {
         for (const QCborValue& entry : takeListOfMaps(key, maxEntries)) {
             const QCborMap entryMap = entry.toMap();
             FieldReader read(entryMap);
             Record::fields(records.emplace_back(), read);
+            read.checkProblem(records.back());
             if (!read.ok()) {
                 failInEntry(key, read.error());
                 return;
+            }
+        }
+    }
+
+    // Fails with what the type's own `problem()` finds wrong in a value read without error.
+    template <typename Value> void checkProblem(const Value& value) {
+        if constexpr (requires { Value::problem(value); }) {
+            if (ok()) {
+                if (const std::optional<QString> problem = Value::problem(value)) {
+                    fail(*problem);
+                }
             }
         }
     }

@@ -2,6 +2,7 @@
 
 #include "hlvp.h"
 #include "hlvp_limits.h"
+#include "hlvp_screen_messages.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -29,46 +30,6 @@ namespace tellwyn {
 // To add a message type: declare its struct like the ones below, list it in HLVPMessage, and handle
 // it where it arrives (HLVPServerClient::handleMessage for what a viewer sends). The round-trip test
 // walks every type in HLVPMessage by itself.
-
-// Who sends a message type.
-enum class Direction { viewerToAgent, agentToViewer, both };
-// Whether a viewer may send a type before its sign-in is accepted; anything else of a known type is
-// answered with "notAuthenticated". (A type only the agent sends closes the connection in any phase.)
-enum class BeforeSignIn { allowed, refused };
-
-struct MessageTraits {
-    const char* wireName; // the map's "type"
-    Direction direction;
-    BeforeSignIn beforeSignIn;
-    const char* typeName; // how log lines name the type
-};
-
-// What `field(...)` takes: a member of type QString (at most wire::maxTextBytes unless a limit is
-// given), QByteArray (with its limit), quint32, quint64, double, bool or QDateTime, or an optional
-// of one of them; a QList of structs that declare `fields()` themselves (with a limit on entries);
-// and the shapes below.
-struct ExactBytes {
-    qsizetype bytes; // a byte string of exactly this size
-};
-struct TextMapLimits {
-    qsizetype entries;
-    qsizetype keyBytes;
-    qsizetype valueBytes;
-};
-// Text that arrives as a byte string when it is not valid UTF-8 (file names).
-template <typename Text> struct TextOrBytes { Text& text; };
-template <typename Text> TextOrBytes<Text> textOrBytes(Text& text) {
-    return {text};
-}
-// A sign-in method travelling by name; `name` keeps a name this library does not know.
-template <typename Method, typename Name> struct MethodByName {
-    Method& method;
-    Name& name;
-};
-template <typename Method, typename Name>
-MethodByName<Method, Name> methodByName(Method& method, Name& name) {
-    return {method, name};
-}
 
 struct HandshakeMessage {
     static constexpr MessageTraits traits{"handshake", Direction::viewerToAgent, BeforeSignIn::allowed,
@@ -163,16 +124,21 @@ struct HeartbeatResponseMessage {
     friend bool operator==(const HeartbeatResponseMessage&, const HeartbeatResponseMessage&) = default;
 };
 
+// Starts a screen stream: one display or all, "lossless" or "balanced", a frame-rate cap.
 struct ScreenCaptureRequest {
     static constexpr MessageTraits traits{"screenCaptureRequest", Direction::viewerToAgent,
                                           BeforeSignIn::refused, "ScreenCaptureRequest"};
     std::optional<quint32> displayID;
-    std::optional<double> quality;
+    std::optional<double> quality; // older viewers: 1.0 is lossless
+    std::optional<QString> mode;   // "lossless" or "balanced"; absent: from `quality`
+    std::optional<quint32> maxFPS;
     std::optional<quint32> sequenceNumber;
 
     static void fields(auto& m, auto&& field) {
         field("displayID", m.displayID);
         field("quality", m.quality);
+        field("mode", m.mode, wire::maxNameBytes);
+        field("maxFPS", m.maxFPS);
     }
     friend bool operator==(const ScreenCaptureRequest&, const ScreenCaptureRequest&) = default;
 };
@@ -454,7 +420,8 @@ using HLVPMessage =
                  ScreenCaptureRequest, ScreenCaptureMessage, InputEventMessage, SystemStatsMessage,
                  ClipboardMessage, ClipboardRequestMessage, ErrorMessage, FileOfferMessage, FileAcceptMessage,
                  FileChunkMessage, FileChunkAckMessage, FileCompleteMessage, FileResultMessage,
-                 FileCancelMessage>;
+                 FileCancelMessage, ScreenFrameAckMessage, ScreenStopMessage, ScreenStreamStartedMessage,
+                 ScreenGeometryMessage, ScreenFrameMessage, ScreenCursorMessage, ScreenStreamEndedMessage>;
 
 template <std::size_t... index> constexpr auto traitsOfAlternatives(std::index_sequence<index...>) {
     return std::array{std::variant_alternative_t<index, HLVPMessage>::traits...};

@@ -3,6 +3,7 @@
 #include "account_verifier.h"
 #include "file_transfer_receiver.h"
 #include "hlvp_codec.h"
+#include "screen_stream_hub.h"
 #include "system_clipboard.h"
 
 #include <QSslSocket>
@@ -16,6 +17,9 @@ namespace tellwyn {
 namespace {
 
 constexpr auto closeGracePeriod = std::chrono::seconds(2);
+// Stream messages are written while less than this waits in the socket, so other traffic and
+// the viewer's own pace decide, and the connection's output limit is never reached by a stream.
+constexpr qint64 streamOutputBytes = 1024 * 1024;
 
 bool isFileTransferMessage(const HLVPMessage& message) {
     return std::holds_alternative<FileOfferMessage>(message) ||
@@ -48,8 +52,8 @@ HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settin
     m_transfers = std::make_unique<FileTransferReceiver>(
         [this](const HLVPMessage& message) { sendEncryptedMessage(message); },
         [this] {
-            if (m_onFileTransferActivity) {
-                m_onFileTransferActivity();
+            if (m_onViewerActivity) {
+                m_onViewerActivity();
             }
         },
         [this](const QString& message, const QString& category) { log(message, category); });
@@ -60,6 +64,7 @@ HLVPServerClient::HLVPServerClient(QSslSocket* socket, QString clientKey, Settin
     });
     connect(socket, &QSslSocket::disconnected, this, &HLVPServerClient::onSocketDisconnected);
     connect(socket, &QSslSocket::readyRead, this, &HLVPServerClient::readFrames);
+    connect(socket, &QSslSocket::encryptedBytesWritten, this, &HLVPServerClient::flushStreamOutput);
     // Bytes that arrived with the end of the TLS handshake are read once the owner is set up.
     QMetaObject::invokeMethod(this, &HLVPServerClient::readFrames, Qt::QueuedConnection);
 }
@@ -70,6 +75,9 @@ HLVPServerClient::~HLVPServerClient() {
         QObject::disconnect(m_socket, nullptr, this, nullptr);
     }
     m_transfers.reset();
+    if (m_screenHub && m_streamHandle != 0) {
+        m_screenHub->stop(m_streamHandle);
+    }
     if (m_socket) {
         m_socket->abort();
     }
@@ -184,8 +192,100 @@ void HLVPServerClient::sendClipboardSync(const QString& text, SendCompletion com
     sendEncryptedMessage(ClipboardMessage{text, std::nullopt}, std::move(completion));
 }
 
+void HLVPServerClient::configureScreenStreaming(ScreenStreamHub* hub, ScreenAccessCheck check) {
+    m_screenHub = hub;
+    m_screenAccessCheck = std::move(check);
+}
+
 void HLVPServerClient::stopStreaming() {
-    // Screen streams are not served on this platform yet; there is nothing to stop.
+    endScreenStream(u"agentStopped"_s, u"The computer stopped streaming its screen."_s);
+}
+
+void HLVPServerClient::startScreenStream(const ScreenCaptureRequest& request) {
+    std::optional<ErrorMessage> refusal =
+        m_screenAccessCheck ? m_screenAccessCheck(request) : std::optional<ErrorMessage>();
+    if (!refusal && !m_screenHub) {
+        refusal = ErrorMessage{
+            u"screenStreamingUnsupported"_s, u"This computer cannot stream its screen."_s, {}, {}};
+    }
+    if (refusal) {
+        log(u"refused screenCaptureRequest: %1"_s.arg(refusal->message), u"SCREEN"_s);
+        sendEncryptedMessage(
+            ErrorMessage{refusal->code, refusal->message, u"screenCaptureRequest"_s, request.sequenceNumber});
+        return;
+    }
+    endScreenStream(u"replaced"_s, u"The viewer started another stream."_s);
+    ScreenStreamHub::Request wanted;
+    wanted.streamID = ++m_lastStreamID;
+    wanted.displayID = request.displayID;
+    wanted.lossless = request.mode ? *request.mode == u"lossless"_s : request.quality.value_or(0.0) >= 1.0;
+    wanted.maxFPS = std::clamp<quint32>(request.maxFPS.value_or(ScreenStreamHub::defaultMaxFPS), 1,
+                                        ScreenStreamHub::highestMaxFPS);
+    wanted.sequenceNumber = request.sequenceNumber;
+    m_streamID = wanted.streamID;
+    m_streamHandle = m_screenHub->start(wanted, [this, id = wanted.streamID](const HLVPMessage& message) {
+        receiveStreamMessage(id, message);
+    });
+}
+
+void HLVPServerClient::receiveStreamMessage(quint32 streamID, const HLVPMessage& message) {
+    if (streamID != m_streamID || !isOpen()) {
+        return;
+    }
+    queueStreamMessage(message);
+    if (const auto* refusal = std::get_if<ErrorMessage>(&message)) {
+        log(u"refused screenCaptureRequest: %1"_s.arg(refusal->message), u"SCREEN"_s);
+        m_streamID = 0;
+        m_streamHandle = 0;
+    } else if (const auto* started = std::get_if<ScreenStreamStartedMessage>(&message)) {
+        if (m_onScreenStreamChanged) {
+            m_onScreenStreamChanged(true, streamID,
+                                    u"%1 × %2, %3, up to %4 frames per second"_s.arg(started->width)
+                                        .arg(started->height)
+                                        .arg(started->mode)
+                                        .arg(started->maxFPS));
+        }
+    } else if (const auto* ended = std::get_if<ScreenStreamEndedMessage>(&message)) {
+        m_streamID = 0;
+        m_streamHandle = 0;
+        if (m_onScreenStreamChanged) {
+            m_onScreenStreamChanged(false, streamID, ended->reason);
+        }
+    }
+}
+
+void HLVPServerClient::endScreenStream(const QString& reason, const QString& text) {
+    if (m_streamID == 0) {
+        return;
+    }
+    const quint32 streamID = m_streamID;
+    m_streamID = 0;
+    if (m_screenHub) {
+        m_screenHub->stop(m_streamHandle);
+    }
+    m_streamHandle = 0;
+    // Frames not yet written are of no use any more.
+    m_streamOutput.clear();
+    if (!reason.isEmpty() && isOpen()) {
+        queueStreamMessage(ScreenStreamEndedMessage{streamID, reason, text, std::nullopt});
+    }
+    if (m_onScreenStreamChanged) {
+        m_onScreenStreamChanged(false, streamID, reason.isEmpty() ? u"disconnected"_s : reason);
+    }
+}
+
+void HLVPServerClient::queueStreamMessage(const HLVPMessage& message) {
+    m_streamOutput.push_back(wire::encodeFrame(message));
+    flushStreamOutput();
+}
+
+void HLVPServerClient::flushStreamOutput() {
+    while (!m_streamOutput.empty() && isOpen() &&
+           m_socket->bytesToWrite() + m_socket->encryptedBytesToWrite() < streamOutputBytes) {
+        const QByteArray frame = std::move(m_streamOutput.front());
+        m_streamOutput.pop_front();
+        m_socket->write(frame);
+    }
 }
 
 void HLVPServerClient::disconnect() {
@@ -195,6 +295,7 @@ void HLVPServerClient::disconnect() {
     m_closing = true;
     m_frameDeadline->stop();
     m_transfers->abortAll(std::nullopt);
+    endScreenStream({}, {});
     if (m_socket->state() == QAbstractSocket::UnconnectedState) {
         onSocketDisconnected();
         return;
@@ -220,6 +321,7 @@ void HLVPServerClient::onSocketDisconnected() {
     }
     m_frameDeadline->stop();
     m_transfers->abortAll(std::nullopt);
+    endScreenStream({}, {});
     log(u"connection closed"_s, u"CONNECTION"_s);
     setConnectionState(HLVP::ConnectionState::disconnected);
 }
@@ -287,7 +389,9 @@ void HLVPServerClient::readFrames() {
         if (std::holds_alternative<AuthenticationMessage>(message)) {
             wipeSecret(read.body); // the password's bytes as they came off the wire
         }
-        if (!takeFrameToken(std::holds_alternative<FileChunkMessage>(message))) {
+        // File chunks and frame acknowledgements are paced by their windows instead.
+        if (!takeFrameToken(std::holds_alternative<FileChunkMessage>(message) ||
+                            std::holds_alternative<ScreenFrameAckMessage>(message))) {
             closeForProtocolError(u"rateLimited"_s,
                                   u"more than %1 messages per second"_s.arg(
                                       authenticated ? m_settings.authenticatedFramesPerSecond
@@ -330,6 +434,7 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
     } else if (std::holds_alternative<DisconnectMessage>(message)) {
         // Nothing after a goodbye is read; the agent closes the connection.
         m_goodbyeReceived = true;
+        endScreenStream({}, {});
         m_frameDeadline->stop();
     } else if (const auto* clipboard = std::get_if<ClipboardMessage>(&message)) {
         receiveClipboard(*clipboard);
@@ -350,6 +455,22 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
         return;
     } else if (isFileTransferMessage(message)) {
         m_transfers->handle(message);
+        return;
+    } else if (const auto* request = std::get_if<ScreenCaptureRequest>(&message)) {
+        startScreenStream(*request);
+        return;
+    } else if (const auto* ack = std::get_if<ScreenFrameAckMessage>(&message)) {
+        if (m_screenHub && ack->streamID == m_streamID && m_streamID != 0) {
+            m_screenHub->acknowledge(m_streamHandle, ack->frame);
+            if (m_onViewerActivity) {
+                m_onViewerActivity();
+            }
+        }
+        return;
+    } else if (const auto* stop = std::get_if<ScreenStopMessage>(&message)) {
+        if (!stop->streamID || *stop->streamID == m_streamID) {
+            endScreenStream(u"viewerStopped"_s, u"The viewer stopped the stream."_s);
+        }
         return;
     }
     if (m_onMessageReceived) {

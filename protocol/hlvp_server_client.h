@@ -9,6 +9,7 @@
 #include <QObject>
 #include <QPointer>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -17,6 +18,7 @@ class QSslSocket;
 
 namespace tellwyn {
 class FileTransferReceiver;
+class ScreenStreamHub;
 class SystemClipboard;
 } // namespace tellwyn
 class QTimer;
@@ -56,6 +58,10 @@ public:
     using ClipboardHandler = std::function<void(const QString& text)>;
     using ActivityHandler = std::function<void()>;
     using SendCompletion = std::function<void(std::optional<HLVPError> error)>;
+    // Why a screen stream may not start now (the refusal to send), or none.
+    using ScreenAccessCheck = std::function<std::optional<ErrorMessage>(const ScreenCaptureRequest& request)>;
+    // A stream started (`started`), or ended; `detail` describes it, or says why it ended.
+    using ScreenStreamObserver = std::function<void(bool started, quint32 streamID, const QString& detail)>;
 
     HLVPServerClient(QSslSocket* socket, QString clientKey, Settings settings, QObject* parent = nullptr);
     ~HLVPServerClient() override;
@@ -73,10 +79,17 @@ public:
     // handlers.
     void setOnMessageReceived(MessageHandler handler) { m_onMessageReceived = std::move(handler); }
     void setOnClipboardReceived(ClipboardHandler handler) { m_onClipboardReceived = std::move(handler); }
-    void setOnFileTransferActivity(ActivityHandler handler) { m_onFileTransferActivity = std::move(handler); }
+    // The viewer keeps work going that the owner never sees: file pieces, frame acknowledgements.
+    void setOnViewerActivity(ActivityHandler handler) { m_onViewerActivity = std::move(handler); }
 
     void configureFileTransfers(bool enabled, const QString& destinationDirectory);
     void configureClipboardSharing(bool enabled);
+    // Streams come from `hub` once `check` lets them; without a hub every request is refused.
+    void configureScreenStreaming(ScreenStreamHub* hub, ScreenAccessCheck check);
+    void setOnScreenStreamChanged(ScreenStreamObserver observer) {
+        m_onScreenStreamChanged = std::move(observer);
+    }
+    bool isStreaming() const { return m_streamID != 0; }
     bool clipboardSharingEnabled() const { return m_clipboardSharingEnabled; }
 
     bool markAuthenticated();
@@ -88,6 +101,7 @@ public:
     // connection, or the text is over HLVP::maxClipboardBytes in UTF-8.
     void sendClipboardSync(const QString& text, SendCompletion completion = {});
 
+    // Ends the screen stream, if one runs, telling the viewer; the connection stays open.
     void stopStreaming();
     // Closes the connection: pending output is flushed for a short while, then the socket is cut.
     // Calling it again, or after the connection ended, does nothing.
@@ -109,6 +123,12 @@ private:
     void closeForProtocolError(const QString& code, const QString& reason, const QString& category);
     bool isOpen() const;
     void completeLater(SendCompletion completion, std::optional<HLVPError> error);
+    void startScreenStream(const ScreenCaptureRequest& request);
+    void receiveStreamMessage(quint32 streamID, const HLVPMessage& message);
+    // Ends the running stream; `reason` empty: the connection is gone and nothing is sent.
+    void endScreenStream(const QString& reason, const QString& text);
+    void queueStreamMessage(const HLVPMessage& message);
+    void flushStreamOutput();
 
     QPointer<QSslSocket> m_socket;
     QString m_clientKey;
@@ -122,9 +142,17 @@ private:
     HLVP::LogFunction m_log;
     MessageHandler m_onMessageReceived;
     ClipboardHandler m_onClipboardReceived;
-    ActivityHandler m_onFileTransferActivity;
+    ActivityHandler m_onViewerActivity;
     bool m_clipboardSharingEnabled = false;
     std::unique_ptr<FileTransferReceiver> m_transfers;
+    QPointer<ScreenStreamHub> m_screenHub;
+    ScreenAccessCheck m_screenAccessCheck;
+    ScreenStreamObserver m_onScreenStreamChanged;
+    quint32 m_streamID = 0; // the running stream's, 0 when none
+    quint32 m_lastStreamID = 0;
+    quint64 m_streamHandle = 0;
+    // Stream messages wait here while the socket holds enough; the acknowledgement window bounds it.
+    std::deque<QByteArray> m_streamOutput;
     QTimer* m_closeDeadline = nullptr;
     QTimer* m_frameDeadline = nullptr;
     double m_frameTokens = 0;

@@ -5,12 +5,15 @@ set -euo pipefail
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev qt6-base-dev-tools libgl-dev libssl-dev libpam0g-dev
                 libxcb1-dev libxcb-randr0-dev qtkeychain-qt6-dev libavahi-client-dev qt6-svg-dev polkitd libqt6svg6
-                libxcb-xtest0-dev libxcb-xkb-dev libxkbcommon-x11-dev)
+                libxcb-xtest0-dev libxcb-xkb-dev libxkbcommon-x11-dev
+                libxcb-shm0-dev libxcb-damage0-dev libxcb-xfixes0-dev libxcb-xinput-dev libzstd-dev libturbojpeg0-dev zlib1g-dev)
 test_packages=(openssl clang-format python3 python3-cbor2 procps clang-14 libclang-rt-14-dev dbus-daemon xvfb x11-utils
                xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2
                haskell-gtk-sni-tray-utils libglib2.0-bin qt6-qpa-plugins python3-pil
-               at-spi2-core python3-pyatspi gir1.2-atspi-2.0 imagemagick x11-xkb-utils)
-bench_packages=(prometheus-node-exporter openssh-server openssh-client linux-perf)
+               at-spi2-core python3-pyatspi gir1.2-atspi-2.0 imagemagick x11-xkb-utils
+               python3-zstandard x11-apps x11-xserver-utils)
+bench_packages=(prometheus-node-exporter openssh-server openssh-client linux-perf
+                gcc libx11-dev libxext-dev xfonts-base python3-numpy python3-zstandard x11vnc tigervnc-scraping-server)
 package_packages=(debhelper lintian debootstrap man-db systemd ccache librsvg2-bin)
 
 wanted=()

@@ -43,6 +43,12 @@ const QList<CommandEntry>& commands() {
         {u"send"_s,
          u"send HOST[:PORT] -u USER FILE...\n                        upload files into the agent's Downloads/Tellwyn folder"_s,
          sendCommand},
+        {u"view"_s,
+         u"view HOST[:PORT] -u USER\n                        show the agent's screen live in a window"_s,
+         viewCommand},
+        {u"screenshot"_s,
+         u"screenshot HOST[:PORT] -u USER -o FILE.png\n                        write one lossless picture of the agent's screen"_s,
+         screenshotCommand},
         {u"discover"_s, u"discover [--watch]     list the agents advertised on the local network"_s,
          discoverCommand},
     };

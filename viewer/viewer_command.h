@@ -118,6 +118,10 @@ int sendCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
                 const ViewerPlatform& platform);
 int watchCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
                  const ViewerPlatform& platform);
+int viewCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                const ViewerPlatform& platform);
+int screenshotCommand(const QStringList& arguments, QTextStream& out, QTextStream& err,
+                      const ViewerPlatform& platform);
 
 // Signs in and prints statistics records: the first one only, or (`live`) each as it arrives.
 int statisticsSession(const QStringList& arguments, QTextStream& out, QTextStream& err,

@@ -6,6 +6,7 @@
 #include "fake_discovery.h"
 #include "hlvp_credential_store.h"
 #include "login_item.h"
+#include "screen_source.h"
 #include "service_advertiser.h"
 #include "system_stats_provider.h"
 
@@ -141,6 +142,23 @@ public:
     }
     bool registered = false;
     std::optional<QString> failure;
+};
+
+// A still desktop of one colour, 128×64, for streams in unit tests.
+class StillScreen final : public ScreenSource {
+public:
+    std::optional<Failure> start(Listener) override { return std::nullopt; }
+    ScreenLayout layout() const override {
+        return {128, 64, {{0, 0, 128, 64, QStringLiteral("screen"), true}}};
+    }
+    bool read(const QRect& area, PixelBuffer& into) override {
+        for (int y = area.top(); y <= area.bottom(); ++y) {
+            std::fill_n(into.row(y) + area.x(), area.width(), 0x336699U);
+        }
+        return true;
+    }
+    CursorImage cursor() override { return {}; }
+    std::optional<QPoint> pointer() override { return QPoint(5, 5); }
 };
 
 } // namespace tellwyn::testing

@@ -34,6 +34,9 @@ bool LoopbackAgent::start() {
     environment.port = port;
     environment.accountVerifier = &verifier;
     environment.systemClipboard = &systemClipboard;
+    environment.permissions = permissions;
+    environment.makeScreenSource = makeScreenSource;
+    environment.screenStreamingUnavailable = screenStreamingUnavailable;
     manager = std::make_unique<ServerManager>(environment);
     VirtualTime::drainEvents();
     bool started = false;

@@ -69,6 +69,9 @@ public:
     ServiceAdvertiser advertiser{std::make_unique<FakeServicePublisher>(),
                                  std::make_unique<FakeNetworkPathMonitor>(), time, identity};
     FakeSystemClipboard systemClipboard;
+    PermissionService* permissions = nullptr; // set before start()
+    std::function<std::unique_ptr<ScreenSource>()> makeScreenSource;
+    QString screenStreamingUnavailable;
     QTemporaryDir dataDirectory;
     std::unique_ptr<ServerManager> manager;
     quint16 port = 0;

@@ -19,6 +19,7 @@ public:
         return m.lastClientActivity(key);
     }
     bool hasStatsPushTask(const QString& key) const { return m.hasStatsPushTask(key); }
+    ScreenStreamHub* screenStreams() const { return m.screenStreams(); }
 
     const QHash<QString, AuthFailureRecord>& endpointAuthFailures() const { return m.m_endpointAuthFailures; }
     const QHash<QString, AuthFailureRecord>& globalAuthFailures() const { return m.m_globalAuthFailures; }

@@ -72,6 +72,7 @@ QStringList alertTexts(QWidget* window) {
 class TestStatusBarManager : public QObject {
     Q_OBJECT
 
+    FakePermissionService screenPermission;
     std::unique_ptr<LoopbackAgent> agent;
     ScriptedAdministrator administrator;
     std::unique_ptr<StatusBarManager> statusBar;
@@ -79,6 +80,13 @@ class TestStatusBarManager : public QObject {
 
     void start(bool protection) {
         agent = std::make_unique<LoopbackAgent>();
+        // A desktop that may be streamed.
+        agent->displays.count = 1;
+        screenPermission.captureAllowed = true;
+        agent->permissions = &screenPermission;
+        agent->makeScreenSource = [] {
+            return std::make_unique<StillScreen>();
+        };
         if (protection) {
             agent->preferences.set(u"PasswordProtectionEnabled"_s, true);
             agent->preferences.set(u"ServerPassword"_s, u"sesame"_s); // kept in memory without a keyring
@@ -124,7 +132,7 @@ private Q_SLOTS:
         QCOMPARE(statusBar->monitoringStatusMenuItem()->text(), u"Remote access disabled"_s);
     }
 
-    void iconTurnsBlueOnlyWhileAViewerIsSignedIn() {
+    void iconTurnsBlueWhileAViewerIsSignedInAndTheTooltipNamesWhoWatches() {
         start(false);
         const auto centreColour = [this] {
             return statusBar->statusItem()->icon().pixmap(64, 64).toImage().pixelColor(32, 32);
@@ -138,11 +146,16 @@ private Q_SLOTS:
         LoopbackAgent::settle();
         QVERIFY(statusBar->statusIconIsTinted());
         QCOMPARE(centreColour(), statusIconColour(true, desktopPanelIsDark()));
+        // While it watches the screen, the tooltip names it.
+        QCOMPARE(statusBar->statusItem()->toolTip(), u"TellwynAgent"_s);
+        viewer->connection->send(ScreenCaptureRequest{});
+        TRY_COMPARE(statusBar->statusItem()->toolTip(), u"TellwynAgent\nScreen watched by Viewer Mac"_s);
 
         agent->manager->disconnectClient(viewer->key);
         LoopbackAgent::settle();
         QVERIFY(!statusBar->statusIconIsTinted());
         QCOMPARE(centreColour(), plain);
+        QCOMPARE(statusBar->statusItem()->toolTip(), u"TellwynAgent"_s);
     }
 
     void withoutProtectionTheWindowOpensFreelyAndQuitEndsAtOnce() {

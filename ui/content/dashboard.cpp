@@ -200,10 +200,12 @@ void ActiveConnectionsView::redraw() {
     setVisible(!clients.isEmpty());
     m_count->setText(QString::number(clients.size()));
     const QStringList keys = clients.keys();
-    if (keys == m_shownKeys) {
+    const QSet<QString>& streaming = m_serverManager.serverState().streamingClients;
+    if (keys == m_shownKeys && streaming == m_shownStreaming) {
         return;
     }
     m_shownKeys = keys;
+    m_shownStreaming = streaming;
     while (QLayoutItem* item = m_rows->takeAt(0)) {
         delete item->widget();
         delete item;
@@ -215,7 +217,8 @@ void ActiveConnectionsView::redraw() {
         layout->addWidget(new StatusDot(8, UiColor::green(), row));
         const QString name = uiText("Client ") + key;
         layout->addWidget(makeLabel(name, row), 1);
-        auto* connected = makeLabel(uiText("Connected"), row, 0.85);
+        auto* connected = makeLabel(
+            streaming.contains(key) ? uiText("Watching the screen") : uiText("Connected"), row, 0.85);
         setTextColour(connected, UiColor::secondary(row));
         layout->addWidget(connected);
         auto* disconnect = new QToolButton(row);

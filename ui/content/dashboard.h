@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QPointer>
+#include <QSet>
 #include <QWidget>
 #include <functional>
 
@@ -63,6 +64,7 @@ private:
     QLabel* m_count;
     QVBoxLayout* m_rows;
     QStringList m_shownKeys;
+    QSet<QString> m_shownStreaming;
 };
 
 // The dashboard: header, status overview, quick actions and the connections.

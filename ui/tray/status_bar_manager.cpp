@@ -139,7 +139,7 @@ void StatusBarManager::createStatusItem() {
     }
     delete m_statusItem;
     m_statusItem = new QSystemTrayIcon(this);
-    m_statusItem->setToolTip(tr("TellwynAgent"));
+    m_statusItem->setToolTip(statusToolTip());
     m_statusItem->setContextMenu(m_menu);
     m_tinted = statusIconTinted(m_manager.serverState());
     m_statusItem->setIcon(statusIcon(statusIconColour(m_tinted, desktopPanelIsDark())));
@@ -167,6 +167,10 @@ void StatusBarManager::observeServerState() {
 }
 
 void StatusBarManager::updateStatusIconTint() {
+    if (m_statusItem) {
+        // Whoever watches the screen is named where the local user can always see it.
+        m_statusItem->setToolTip(statusToolTip());
+    }
     const bool tinted = statusIconTinted(m_manager.serverState());
     if (tinted == m_tinted) {
         return;
@@ -175,6 +179,18 @@ void StatusBarManager::updateStatusIconTint() {
     if (m_statusItem) {
         m_statusItem->setIcon(statusIcon(statusIconColour(tinted, desktopPanelIsDark())));
     }
+}
+
+QString StatusBarManager::statusToolTip() const {
+    QStringList watching;
+    for (const QString& key : m_manager.serverState().streamingClients) {
+        watching.append(m_manager.displayLabel(key));
+    }
+    if (watching.isEmpty()) {
+        return tr("TellwynAgent");
+    }
+    watching.sort();
+    return tr("TellwynAgent\nScreen watched by %1").arg(watching.join(u", "_s));
 }
 
 void StatusBarManager::updateMonitoringStatus() {

@@ -63,6 +63,8 @@ public:
     MainWindow* mainWindow() const { return m_mainWindow; }
     PasswordPromptWindow* quitDialogWindow() const { return m_quitDialogWindow; }
     bool statusIconIsTinted() const { return m_tinted; }
+    // "TellwynAgent", with the viewers watching the screen, if any.
+    QString statusToolTip() const;
 
 Q_SIGNALS:
     // The status item was (re)created; a panel can show it now.

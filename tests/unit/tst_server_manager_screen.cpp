@@ -1,0 +1,118 @@
+// Screen streams in the agent core, over loopback TLS with a synthetic screen: who is refused
+// and why, and that screen sleep ends a stream while the viewer stays connected.
+
+#include "event_wait.h"
+#include "log_lines.h"
+#include "loopback_agent.h"
+#include "screen_stream_hub.h"
+#include "server_manager_access.h"
+
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+using namespace tellwyn;
+using namespace tellwyn::testing;
+
+class TestServerManagerScreen : public QObject {
+    Q_OBJECT
+
+    FakePermissionService permissions;
+
+    std::unique_ptr<LoopbackViewer> signedInViewer(LoopbackAgent& agent) {
+        auto viewer = agent.connectViewer(u"Dana's laptop"_s);
+        if (!viewer || !LoopbackAgent::signInAndWait(*viewer, u"alice"_s, u"correct horse"_s)) {
+            return nullptr;
+        }
+        return viewer;
+    }
+
+private Q_SLOTS:
+    void refusalsSayWhy_data() {
+        QTest::addColumn<int>("displays");
+        QTest::addColumn<QString>("unavailable");
+        QTest::addColumn<bool>("permitted");
+        QTest::addColumn<QString>("code");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("headless") << 0 << QString() << true << u"headless"_s
+                                  << u"This computer has no screen to stream."_s;
+        QTest::newRow("Wayland") << 1 << u"screen streaming on Wayland is not supported yet"_s << true
+                                 << u"screenStreamingUnsupported"_s
+                                 << u"screen streaming on Wayland is not supported yet"_s;
+        QTest::newRow("no permission") << 1 << QString() << false << u"screenCaptureNotPermitted"_s
+                                       << u"Screen recording is not permitted on this computer."_s;
+    }
+
+    void refusalsSayWhy() {
+        QFETCH(int, displays);
+        QFETCH(QString, unavailable);
+        QFETCH(bool, permitted);
+        QFETCH(QString, code);
+        QFETCH(QString, text);
+        LoopbackAgent agent;
+        agent.displays.count = displays;
+        permissions.captureAllowed = permitted;
+        agent.permissions = &permissions;
+        agent.screenStreamingUnavailable = unavailable;
+        agent.makeScreenSource = [] {
+            return std::make_unique<StillScreen>();
+        };
+        QVERIFY(agent.start());
+        const auto viewer = signedInViewer(agent);
+        QVERIFY(viewer);
+        viewer->connection->send(ScreenCaptureRequest{{}, {}, u"lossless"_s, {}, 9});
+        TRY_VERIFY(viewer->last<ErrorMessage>() != nullptr);
+        QCOMPARE(*viewer->last<ErrorMessage>(), (ErrorMessage{code, text, u"screenCaptureRequest"_s, 9}));
+        QVERIFY(agent.manager->serverState().streamingClients.isEmpty());
+        QVERIFY(!viewer->closed);
+    }
+
+    // Acknowledged frames keep a viewer that only watches from counting as idle; screen sleep ends
+    // the stream and keeps the viewer.
+    void acknowledgementsAreActivityAndScreenSleepEndsTheStream() {
+        LoopbackAgent agent;
+        agent.displays.count = 1;
+        permissions.captureAllowed = true;
+        agent.permissions = &permissions;
+        agent.makeScreenSource = [] {
+            return std::make_unique<StillScreen>();
+        };
+        QVERIFY(agent.start());
+        const auto viewer = signedInViewer(agent);
+        QVERIFY(viewer);
+        viewer->connection->send(ScreenCaptureRequest{{}, {}, u"lossless"_s, {}, {}});
+        TRY_VERIFY(viewer->last<ScreenFrameMessage>() != nullptr);
+        const ScreenFrameMessage frame = *viewer->last<ScreenFrameMessage>();
+        QCOMPARE(frame.frame, 1U);
+        QVERIFY(frame.final);
+        QCOMPARE(frame.rects.size(), 1); // the whole still screen as one solid run
+        QCOMPARE(frame.rects.first().color, 0x336699U);
+        QVERIFY(agent.manager->serverState().streamingClients.contains(viewer->key));
+        QVERIFY(loggedInOrder(
+            {u"[SCREEN] Screen stream 1 started for Dana's laptop: 128 × 64, lossless, up to 30 "
+             u"frames per second"_s}));
+
+        agent.time.advance(50s);
+        viewer->connection->send(ScreenFrameAckMessage{frame.streamID, frame.frame, {}});
+        TRY_COMPARE(ServerManagerTestAccess(*agent.manager).lastClientActivity(viewer->key),
+                    std::optional<QDateTime>(agent.time.now()));
+
+        Q_EMIT agent.events.screensDidSleep();
+        TRY_VERIFY(viewer->last<ScreenStreamEndedMessage>() != nullptr);
+        QCOMPARE(viewer->last<ScreenStreamEndedMessage>()->reason, u"agentStopped"_s);
+        QVERIFY(agent.manager->serverState().streamingClients.isEmpty());
+        QVERIFY(
+            loggedInOrder({u"[SCREEN] Screen stream 1 for Dana's laptop ended: streaming was stopped (screen "
+                           u"sleep, clean-up or server stop)"_s}));
+        // With nobody watching, the capture lets go of the display.
+        ScreenStreamHub* hub = ServerManagerTestAccess(*agent.manager).screenStreams();
+        QVERIFY(hub != nullptr);
+        TRY_VERIFY(!hub->isCapturing());
+        viewer->connection->send(HeartbeatMessage{77});
+        TRY_VERIFY(viewer->last<HeartbeatResponseMessage>() != nullptr);
+        QVERIFY(!viewer->closed);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestServerManagerScreen)
+#include "tst_server_manager_screen.moc"
