@@ -5,25 +5,25 @@
 #include <stdint.h>
 #include <string.h>
 
-static uint32_t cpixel(const uint8_t *p) {
+static uint32_t cpixel(const uint8_t* p) {
     return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16;
 }
 
 /* Decodes the inflated ZRLE data of a w x h rectangle into `out` (row stride `stride` pixels).
  * Returns the bytes used, or -1 when the data is short or malformed. */
-long zrle_decode(const uint8_t *data, size_t size, int w, int h, uint32_t *out, int stride) {
+long zrle_decode(const uint8_t* data, size_t size, int w, int h, uint32_t* out, int stride) {
     const uint8_t *p = data, *end = data + size;
-#define NEED(n)                                                                                          \
-    do {                                                                                                 \
-        if ((size_t)(end - p) < (size_t)(n)) {                                                           \
-            return -1;                                                                                   \
-        }                                                                                                \
+#define NEED(n)                                                                                              \
+    do {                                                                                                     \
+        if ((size_t)(end - p) < (size_t)(n)) {                                                               \
+            return -1;                                                                                       \
+        }                                                                                                    \
     } while (0)
     for (int ty = 0; ty < h; ty += 64) {
         const int th = h - ty < 64 ? h - ty : 64;
         for (int tx = 0; tx < w; tx += 64) {
             const int tw = w - tx < 64 ? w - tx : 64;
-            uint32_t *tile = out + (size_t)ty * (size_t)stride + tx;
+            uint32_t* tile = out + (size_t)ty * (size_t)stride + tx;
             NEED(1);
             const int sub = *p++;
             uint32_t palette[128];
@@ -114,7 +114,7 @@ long zrle_decode(const uint8_t *data, size_t size, int w, int h, uint32_t *out, 
 }
 
 /* Undoes Tight's gradient filter: `data` holds w*h R,G,B triples of prediction errors. */
-void tight_gradient(const uint8_t *data, int w, int h, uint32_t *out, int stride) {
+void tight_gradient(const uint8_t* data, int w, int h, uint32_t* out, int stride) {
     uint8_t previous[3 * 4096], current[3 * 4096];
     memset(previous, 0, sizeof previous);
     for (int y = 0; y < h; ++y) {

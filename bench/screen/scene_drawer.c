@@ -26,18 +26,19 @@
 #include <time.h>
 #include <unistd.h>
 
-static Display *display;
+static Display* display;
 static Window root;
 static GC gc;
-static XFontStruct *font;
+static XFontStruct* font;
 static int width, height, lineHeight, charWidth;
 static unsigned long black, white;
 
-static const char *const words[] = {
-    "the", "agent", "streams", "screen", "tiles", "to", "every", "viewer", "that", "signs", "in", "and",
-    "asks", "for", "frames", "while", "damage", "marks", "what", "changed", "since", "last", "update",
-    "cursor", "moves", "apart", "from", "picture", "lossless", "mode", "keeps", "exact", "pixels", "on",
-    "scroll", "copies", "rows", "already", "there", "so", "only", "new", "line", "travels", "over", "wire"};
+static const char* const words[] = {
+    "the",   "agent", "streams", "screen",  "tiles",  "to",     "every",  "viewer",  "that",     "signs",
+    "in",    "and",   "asks",    "for",     "frames", "while",  "damage", "marks",   "what",     "changed",
+    "since", "last",  "update",  "cursor",  "moves",  "apart",  "from",   "picture", "lossless", "mode",
+    "keeps", "exact", "pixels",  "on",      "scroll", "copies", "rows",   "already", "there",    "so",
+    "only",  "new",   "line",    "travels", "over",   "wire"};
 #define WORD_COUNT ((int)(sizeof words / sizeof words[0]))
 
 static int64_t nowNanoseconds(void) {
@@ -52,14 +53,14 @@ static void sleepUntil(int64_t deadline) {
     }
 }
 
-static void writeAll(const void *data, size_t size) {
+static void writeAll(const void* data, size_t size) {
     if (fwrite(data, 1, size, stdout) != size) {
         exit(3);
     }
 }
 
 /* Writes a probe whose pixels are the image's (W*H, 32 bits per pixel). */
-static void writeProbe(int64_t t, int x, int y, int w, int h, const uint32_t *pixels, int stride) {
+static void writeProbe(int64_t t, int x, int y, int w, int h, const uint32_t* pixels, int stride) {
     printf("probe %lld %d %d %d %d\n", (long long)t, x, y, w, h);
     for (int row = 0; row < h; ++row) {
         writeAll(pixels + (size_t)row * (size_t)stride, (size_t)w * 4);
@@ -68,23 +69,24 @@ static void writeProbe(int64_t t, int x, int y, int w, int h, const uint32_t *pi
 }
 
 /* The pixels that drawing `text` at `textX` in a white cell W x lineHeight gives. */
-static void probeText(int x, int y, int w, int textX, const char *text, int length) {
+static void probeText(int x, int y, int w, int textX, const char* text, int length) {
     Pixmap pixmap = XCreatePixmap(display, root, (unsigned)w, (unsigned)lineHeight,
                                   (unsigned)DefaultDepth(display, DefaultScreen(display)));
     XSetForeground(display, gc, white);
     XFillRectangle(display, pixmap, gc, 0, 0, (unsigned)w, (unsigned)lineHeight);
     XSetForeground(display, gc, black);
     XDrawString(display, pixmap, gc, textX, font->ascent, text, length);
-    XImage *image = XGetImage(display, pixmap, 0, 0, (unsigned)w, (unsigned)lineHeight, AllPlanes, ZPixmap);
-    writeProbe(nowNanoseconds(), x, y, w, lineHeight, (const uint32_t *)image->data, image->bytes_per_line / 4);
+    XImage* image = XGetImage(display, pixmap, 0, 0, (unsigned)w, (unsigned)lineHeight, AllPlanes, ZPixmap);
+    writeProbe(nowNanoseconds(), x, y, w, lineHeight, (const uint32_t*)image->data,
+               image->bytes_per_line / 4);
     XDestroyImage(image);
     XFreePixmap(display, pixmap);
 }
 
-static int makeLine(char *line, int capacity, unsigned *seed) {
+static int makeLine(char* line, int capacity, unsigned* seed) {
     int length = 0;
     while (length < capacity - 12) {
-        const char *word = words[rand_r(seed) % WORD_COUNT];
+        const char* word = words[rand_r(seed) % WORD_COUNT];
         int n = (int)strlen(word);
         if (length + n + 1 >= capacity - 12) {
             break;
@@ -97,7 +99,7 @@ static int makeLine(char *line, int capacity, unsigned *seed) {
     return length;
 }
 
-static void paintPage(int lines, unsigned *seed) {
+static void paintPage(int lines, unsigned* seed) {
     XSetForeground(display, gc, white);
     XFillRectangle(display, root, gc, 0, 0, (unsigned)width, (unsigned)height);
     XSetForeground(display, gc, black);
@@ -164,9 +166,9 @@ static void scrolling(int64_t end) {
 /* A smooth moving colour field, the stand-in for a video played full screen. */
 static void motion(int64_t end) {
     XShmSegmentInfo shm = {0};
-    XImage *image = XShmCreateImage(display, DefaultVisual(display, DefaultScreen(display)),
-                                    (unsigned)DefaultDepth(display, DefaultScreen(display)), ZPixmap, NULL, &shm,
-                                    (unsigned)width, (unsigned)height);
+    XImage* image = XShmCreateImage(display, DefaultVisual(display, DefaultScreen(display)),
+                                    (unsigned)DefaultDepth(display, DefaultScreen(display)), ZPixmap, NULL,
+                                    &shm, (unsigned)width, (unsigned)height);
     shm.shmid = shmget(IPC_PRIVATE, (size_t)image->bytes_per_line * (size_t)height, IPC_CREAT | 0600);
     shm.shmaddr = image->data = shmat(shm.shmid, NULL, 0);
     shm.readOnly = False;
@@ -187,7 +189,7 @@ static void motion(int64_t end) {
         palette[i] = r << 16 | g << 8 | b;
     }
     const int stride = image->bytes_per_line / 4;
-    uint32_t *pixels = (uint32_t *)image->data;
+    uint32_t* pixels = (uint32_t*)image->data;
     const int probeSize = 64, probeX = width / 2 - probeSize / 2, probeY = height / 3;
     int frame = 0;
     for (int64_t next = nowNanoseconds(); next < end; next += 16666667LL, ++frame) {
@@ -196,7 +198,7 @@ static void motion(int64_t end) {
          * which leaves the servers more of a busy machine. */
         for (int y = 0; y < height; y += 2) {
             const int sy = sine[(y * 3 + t2) & 1023];
-            uint32_t *row = pixels + (size_t)y * (size_t)stride;
+            uint32_t* row = pixels + (size_t)y * (size_t)stride;
             for (int x = 0; x < width; x += 2) {
                 const int v = sine[(x * 2 + t1) & 1023] + sy + sine[((x + y) + t3) & 1023];
                 row[x] = row[x + 1] = palette[(v + 190 + frame * 3) & 255];
@@ -220,12 +222,12 @@ static void motion(int64_t end) {
     shmdt(shm.shmaddr);
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
     if (argc != 3) {
         fprintf(stderr, "usage: scene_drawer still|typing|scrolling|motion SECONDS\n");
         return 2;
     }
-    const char *scene = argv[1];
+    const char* scene = argv[1];
     const double seconds = atof(argv[2]);
     display = XOpenDisplay(NULL);
     if (display == NULL) {
@@ -258,8 +260,9 @@ int main(int argc, char **argv) {
     char command[16];
     while (fgets(command, sizeof command, stdin) != NULL) {
         if (strncmp(command, "snap", 4) == 0) {
-            XImage *image = XGetImage(display, root, 0, 0, (unsigned)width, (unsigned)height, AllPlanes, ZPixmap);
-            writeProbe(nowNanoseconds(), 0, 0, width, height, (const uint32_t *)image->data,
+            XImage* image =
+                XGetImage(display, root, 0, 0, (unsigned)width, (unsigned)height, AllPlanes, ZPixmap);
+            writeProbe(nowNanoseconds(), 0, 0, width, height, (const uint32_t*)image->data,
                        image->bytes_per_line / 4);
             XDestroyImage(image);
         } else if (strncmp(command, "go", 2) == 0) {
