@@ -117,7 +117,7 @@ private Q_SLOTS:
         connect(viewer.get(), &HLVPConnection::messageReceived, this,
                 [&](const HLVPMessage& message) { toViewer.append(message); });
 
-        viewer->send(InputEventMessage{u"keyDown"_s, {}, {}, {}, 36, {}, {}});
+        viewer->send(InputEventMessage{u"keyPress"_s, {}, {}, {}, 36, {}, {}, {}, {}, {}});
         TRY_COMPARE(toViewer.size(), 1);
         QCOMPARE(std::get<ErrorMessage>(toViewer.constFirst()).code, u"notAuthenticated"_s);
         QCOMPARE(std::get<ErrorMessage>(toViewer.constFirst()).refersTo,
@@ -125,7 +125,7 @@ private Q_SLOTS:
         QVERIFY(delivered.isEmpty());
 
         QVERIFY(client->markAuthenticated());
-        viewer->send(InputEventMessage{u"keyDown"_s, {}, {}, {}, 36, {}, {}});
+        viewer->send(InputEventMessage{u"keyPress"_s, {}, {}, {}, 36, {}, {}, {}, {}, {}});
         TRY_COMPARE(delivered.size(), 1);
         QVERIFY(std::holds_alternative<InputEventMessage>(delivered.constFirst()));
         QVERIFY(client->connectionState() == HLVP::ConnectionState::authenticated);
