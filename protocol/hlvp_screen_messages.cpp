@@ -17,7 +17,7 @@ std::optional<QString> HLVPScreenRect::problem(const HLVPScreenRect& r) {
     return std::nullopt;
 }
 
-std::optional<QString> ScreenCursorMessage::Shape::problem(const Shape& s) {
+std::optional<QString> HLVPCursorShape::problem(const HLVPCursorShape& s) {
     if (s.width > wire::maxCursorSide || s.height > wire::maxCursorSide) {
         return u"the cursor is larger than %1 pixels a side"_s.arg(wire::maxCursorSide);
     }

@@ -172,27 +172,30 @@ struct ScreenFrameMessage {
     friend bool operator==(const ScreenFrameMessage&, const ScreenFrameMessage&) = default;
 };
 
+// A cursor's picture and hot spot.
+struct HLVPCursorShape {
+    quint32 width = 0;
+    quint32 height = 0;
+    quint32 hotX = 0;
+    quint32 hotY = 0;
+    QByteArray pixels; // A, R, G, B a pixel, premultiplied
+
+    static void fields(auto& s, auto&& field) {
+        field("width", s.width);
+        field("height", s.height);
+        field("hotX", s.hotX);
+        field("hotY", s.hotY);
+        field("pixels", s.pixels, qsizetype(wire::maxCursorSide * wire::maxCursorSide * 4));
+    }
+    static std::optional<QString> problem(const HLVPCursorShape& s);
+    friend bool operator==(const HLVPCursorShape&, const HLVPCursorShape&) = default;
+};
+
 // The pointer's position, and its shape when that changed.
 struct ScreenCursorMessage {
     static constexpr MessageTraits traits{"screenCursor", Direction::agentToViewer, BeforeSignIn::refused,
                                           "ScreenCursorMessage"};
-    struct Shape {
-        quint32 width = 0;
-        quint32 height = 0;
-        quint32 hotX = 0;
-        quint32 hotY = 0;
-        QByteArray pixels; // A, R, G, B a pixel, premultiplied
-
-        static void fields(auto& s, auto&& field) {
-            field("width", s.width);
-            field("height", s.height);
-            field("hotX", s.hotX);
-            field("hotY", s.hotY);
-            field("pixels", s.pixels, qsizetype(wire::maxCursorSide * wire::maxCursorSide * 4));
-        }
-        static std::optional<QString> problem(const Shape& s);
-        friend bool operator==(const Shape&, const Shape&) = default;
-    };
+    using Shape = HLVPCursorShape;
     quint32 streamID = 0;
     quint32 x = 0;
     quint32 y = 0;
