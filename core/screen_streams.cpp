@@ -55,8 +55,8 @@ void ServerManager::configureScreenStreaming(HLVPServerClient& client, const QSt
     });
 }
 
-std::optional<ErrorMessage> ServerManager::inputRefusal() const {
-    if (!m_permissionState.accessibilityAuthorized) {
+std::optional<ErrorMessage> ServerManager::inputRefusal() {
+    if (!inputInjectionPermitted()) {
         return ErrorMessage{
             u"inputNotPermitted"_s, u"Input from viewers is not permitted on this computer."_s, {}, {}};
     }

@@ -210,7 +210,8 @@ private:
     // Screen streams.
     void configureScreenStreaming(HLVPServerClient& client, const QString& key);
     std::optional<ErrorMessage> screenStreamRefusal() const;
-    std::optional<ErrorMessage> inputRefusal() const;
+    std::optional<ErrorMessage> inputRefusal();
+    bool inputInjectionPermitted();
     void handleScreenStreamChange(const QString& key, bool started, quint32 streamID, const QString& detail);
     ScreenStreamHub* screenStreams() const { return m_screenStreams.get(); }
 

@@ -149,8 +149,12 @@ public:
 class StillScreen final : public ScreenSource {
 public:
     std::optional<Failure> start(Listener) override { return std::nullopt; }
+    // Two monitors side by side.
     ScreenLayout layout() const override {
-        return {128, 64, {{0, 0, 128, 64, QStringLiteral("screen"), true}}};
+        return {
+            128,
+            64,
+            {{0, 0, 64, 64, QStringLiteral("left"), true}, {64, 0, 64, 64, QStringLiteral("right"), false}}};
     }
     bool read(const QRect& area, PixelBuffer& into) override {
         for (int y = area.top(); y <= area.bottom(); ++y) {
@@ -172,7 +176,9 @@ public:
     }
     void movePointer(int x, int y) override { m_actions->append(QStringLiteral("move %1,%2").arg(x).arg(y)); }
     void setButtonPressed(Button button, bool pressed) override {
-        m_actions->append(QStringLiteral("button %1 %2").arg(int(button)).arg(pressed ? "down" : "up"));
+        m_actions->append(QStringLiteral("button %1 %2")
+                              .arg(int(button))
+                              .arg(pressed ? QStringLiteral("down") : QStringLiteral("up")));
     }
     void scroll(int horizontalSteps, int verticalSteps) override {
         m_actions->append(QStringLiteral("scroll %1,%2").arg(horizontalSteps).arg(verticalSteps));

@@ -4,6 +4,7 @@ by XGetImage, while X clients draw."""
 import io
 import os
 import random
+import select
 import shutil
 import struct
 import subprocess
@@ -175,6 +176,40 @@ class ScreenStreamTest(unittest.TestCase):
             if size == (viewer.width, viewer.height) and pixels == bytes(viewer.pixels):
                 return
         self.fail("the viewer's picture never became the screen's")
+
+    def test_input_reaches_the_desktop_and_nothing_stays_pressed(self):
+        recorder = subprocess.Popen([os.environ["TELLWYN_INPUT_RECORDER"]], env=self.display.env,
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.windows.append(recorder)
+        seen = []
+
+        def wait_for(start, *parts):
+            """Waits for a line of the recorder that starts so and holds every part."""
+            def found():
+                return any(line.startswith(start) and all(f" {p} " in f"{line} " for p in parts) for line in seen)
+            deadline = time.monotonic() + DEADLINE
+            while not found() and time.monotonic() < deadline:
+                if select.select([recorder.stdout], [], [], 0.5)[0]:
+                    seen.append(recorder.stdout.readline().strip())
+            self.assertTrue(found(), (start, parts, seen))
+
+        wait_for("ready")
+        viewer = Viewer(self.agent.port, "lossless")
+        for event in ({"kind": "pointerMove", "x": 100, "y": 80},
+                      {"kind": "keyPress", "keysym": 0x40}, {"kind": "keyRelease", "keysym": 0x40},
+                      {"kind": "text", "text": "é"},
+                      {"kind": "keyPress", "keysym": 0x61, "keyCode": 30},
+                      {"kind": "buttonPress", "x": 10, "y": 20, "button": 1}):
+            viewer.client.send({"type": "inputEvent", **event})
+        wait_for("motion 100 80")
+        wait_for("key-press", "at")
+        wait_for("key-press", "eacute")
+        wait_for("key-press", "a")
+        wait_for("button-press 1 10 20")
+        # The viewer drops with a key and a button held: the agent lets go of both.
+        viewer.client.sock.close()
+        wait_for("button-release 1 10 20")
+        wait_for("key-release", "a")
 
     def test_refused_before_sign_in(self):
         client = HLVPClient(self.agent.port)

@@ -147,14 +147,14 @@ private Q_SLOTS:
         QVERIFY(actions->isEmpty());
 
         permissions.inputAllowed = true;
-        ServerManagerTestAccess(*agent.manager).checkAccessibilityPermission();
+        ServerManagerTestAccess(*agent.manager).refreshAccessibilityPermission();
         viewer->connection->send(click);
         viewer->connection->send(InputEventMessage{u"keyPress"_s, {}, {}, {}, 30, {}, 0x61, {}, {}, {}});
         viewer->connection->send(InputEventMessage{u"wheel"_s, {}, {}, {}, {}, {}, {}, 0, -240, {}});
         viewer->connection->send(InputEventMessage{u"text"_s, {}, {}, {}, {}, u"é€"_s, {}, {}, {}, {}});
         TRY_COMPARE(actions->size(), 6);
-        // Display 1 of the still desktop starts at (0, 0): positions pass through as they are.
-        QCOMPARE(*actions, (QStringList{u"by key"_s, u"move 10,20"_s, u"button 1 down"_s,
+        // Display 1 of the still desktop starts at (64, 0).
+        QCOMPARE(*actions, (QStringList{u"by key"_s, u"move 74,20"_s, u"button 1 down"_s,
                                         u"key 0x61/30 down"_s, u"scroll 0,-240"_s, u"type é€"_s}));
         viewer->connection->send(ScreenStopMessage{});
         TRY_COMPARE(actions->constLast(), u"release all"_s);
