@@ -125,7 +125,8 @@ class AgentServer:
         self.agent = None
 
     def start(self, display, scratch):
-        self.agent = agent_process.Agent(user=TEST_USER, display=display)
+        # No windows of the agent's own over the scenes: the display is only streamed.
+        self.agent = agent_process.Agent(user=TEST_USER, display=display, extra_args=("--headless",))
         self.agent.wait_until_running()
         return self.agent.process.pid
 
