@@ -5,6 +5,7 @@
 #include "screen_stream_hub.h"
 #include "server_manager.h"
 
+#include <QHash>
 #include <QPointer>
 
 using namespace Qt::StringLiterals;
@@ -14,25 +15,15 @@ namespace tellwyn {
 namespace {
 
 QString endText(const QString& reason) {
-    if (reason == u"viewerStopped"_s) {
-        return u"the viewer stopped it"_s;
-    }
-    if (reason == u"replaced"_s) {
-        return u"the viewer started another stream"_s;
-    }
-    if (reason == u"agentStopped"_s) {
-        return u"streaming was stopped (screen sleep, clean-up or server stop)"_s;
-    }
-    if (reason == u"displayLost"_s) {
-        return u"the display went away"_s;
-    }
-    if (reason == u"captureFailed"_s) {
-        return u"the screen could not be read"_s;
-    }
-    if (reason == u"disconnected"_s) {
-        return u"the viewer disconnected"_s;
-    }
-    return reason;
+    static const QHash<QString, QString> texts{
+        {u"viewerStopped"_s, u"the viewer stopped it"_s},
+        {u"replaced"_s, u"the viewer started another stream"_s},
+        {u"agentStopped"_s, u"streaming was stopped (screen sleep, clean-up or server stop)"_s},
+        {u"displayLost"_s, u"the display went away"_s},
+        {u"captureFailed"_s, u"the screen could not be read"_s},
+        {u"disconnected"_s, u"the viewer disconnected"_s},
+    };
+    return texts.value(reason, reason);
 }
 
 } // namespace

@@ -16,23 +16,13 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "..", "tests", "integration"))
+sys.path.insert(0, os.path.join(HERE, ".."))
 sys.path.insert(0, os.path.join(HERE, "..", "sign_in"))
 sys.path.insert(0, os.path.join(HERE, "..", "transfer"))
-from accounts import TEST_USER  # noqa: E402
-import agent_process  # noqa: E402
-from agent_process import Agent  # noqa: E402
+from bench_common import TEST_USER, Agent, cpu_seconds, resident_kib, use_agent  # noqa: E402
 from bench_sign_in_path import Sshd  # noqa: E402
 from bench_transfer import ensure_sshd  # noqa: E402
 from test_discovery import PrivateAvahi  # noqa: E402
-
-
-def status_kib(pid, field):
-    with open(f"/proc/{pid}/status", encoding="ascii") as status:
-        for line in status:
-            if line.startswith(field + ":"):
-                return int(line.split()[1])
-    raise KeyError(field)
 
 
 def pss_kib(pid):
@@ -41,11 +31,6 @@ def pss_kib(pid):
             if line.startswith("Pss:"):
                 return int(line.split()[1])
     raise KeyError("Pss")
-
-
-def cpu_seconds(pid):
-    fields = open(f"/proc/{pid}/stat", encoding="ascii").read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def shared_objects(pid):
@@ -64,7 +49,7 @@ def main():
     parser.add_argument("--seconds", type=int, default=120)
     parser.add_argument("--settle", type=int, default=15)
     args = parser.parse_args()
-    agent_process.AGENT = os.path.abspath(args.agent)
+    use_agent(args.agent)
     ensure_sshd()
     with tempfile.TemporaryDirectory(prefix="tellwyn-bench-") as scratch, Agent(user=TEST_USER) as agent:
         agent.wait_until_running()
@@ -79,7 +64,7 @@ def main():
             for _ in range(args.seconds):
                 time.sleep(1)
                 for name, pid in processes.items():
-                    rss[name].append(status_kib(pid, "VmRSS"))
+                    rss[name].append(resident_kib(pid))
             print(f"idle for {args.seconds} s after {args.settle} s to settle, sampled every second")
             print(f"{'process':28} {'VmRSS median':>13} {'VmRSS max':>10} {'Pss':>9} {'CPU':>8} {'objects':>8}")
             for name, pid in processes.items():
