@@ -48,9 +48,9 @@ class InputRecorder:
         subprocess.run(["xset", "r", "off"], env=env, check=True, timeout=30)
         self.wait_for("ready")
 
-    def wait_for(self, start, *parts, after=-1):
+    def wait_for(self, start, *parts, after=-1, deadline=DEADLINE):
         """The index of the first line after `after` that starts with `start` and holds every part."""
-        deadline = time.monotonic() + DEADLINE
+        deadline += time.monotonic()
         while time.monotonic() < deadline:
             for index in range(after + 1, len(self.lines)):
                 line = self.lines[index]
