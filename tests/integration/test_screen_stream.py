@@ -222,13 +222,25 @@ class ScreenStreamTest(unittest.TestCase):
         recorder.wait_for("button-release 1 10 20")
         recorder.wait_for("key-release", recorder.lines[held].split()[1], after=held)
 
+    def test_input_refused_where_the_display_has_no_xtest(self):
+        self.agent.close()
+        self.display.close()
+        self.display = XDisplay("-extension", "XTEST")
+        self.agent = Agent(user=TEST_USER, display=self.display.name, extra_args=("--headless",))
+        self.agent.wait_until_running()
+        viewer = Viewer(self.agent.port, "lossless")
+        viewer.client.send({"type": "inputEvent", "kind": "pointerMove", "x": 1, "y": 1, "sequenceNumber": 9})
+        refusal = viewer.client.receive_until("error", DEADLINE)
+        self.assertEqual((refusal["code"], refusal["refersTo"]), ("inputNotPermitted", "inputEvent"))
+
     def test_refused_before_sign_in(self):
         client = HLVPClient(self.agent.port)
         client.handshake("Early")
-        client.send({"type": "screenCaptureRequest", "mode": "lossless"})
-        refusal = client.receive_until("error")
-        self.assertEqual(refusal["code"], "notAuthenticated")
-        self.assertEqual(refusal["refersTo"], "screenCaptureRequest")
+        for message in ({"type": "screenCaptureRequest", "mode": "lossless"},
+                        {"type": "inputEvent", "kind": "keyPress", "keysym": 0x61}):
+            client.send(message)
+            refusal = client.receive_until("error")
+            self.assertEqual((refusal["code"], refusal["refersTo"]), ("notAuthenticated", message["type"]))
         client.close()
 
     def test_two_viewers_lossless_exact_and_balanced_converges(self):
