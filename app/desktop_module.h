@@ -3,6 +3,7 @@
 #include "display_probe.h"
 #include "hlvp_credential_store.h"
 #include "hlvp_screen_capture.h"
+#include "input_injector.h"
 #include "permission_service.h"
 #include "screen_source.h"
 #include "server_manager.h"
@@ -32,6 +33,8 @@ public:
     virtual std::function<std::unique_ptr<HLVPScreenCapture>()> screenCaptureFactory() = 0;
     // Where screen streams read the display; the source is made on the capture thread.
     virtual std::function<std::unique_ptr<ScreenSource>()> screenSourceFactory() = 0;
+    // What puts a streaming viewer's input into this desktop, one per viewer.
+    virtual std::function<std::unique_ptr<InputInjector>()> inputInjectorFactory() = 0;
 
     // False when another agent already shows this desktop: its window has been asked to show.
     virtual bool claimDesktop() = 0;

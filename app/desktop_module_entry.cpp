@@ -9,6 +9,7 @@
 #include "linux/qt_system_clipboard.h"
 #include "linux/secret_service_credential_store.h"
 #include "linux/system_clock.h"
+#include "linux/x11_input_injector.h"
 #include "linux/x11_screen_capture.h"
 #include "linux/x11_screen_source.h"
 #include "linux/x11_window_system.h"
@@ -46,6 +47,11 @@ public:
     std::function<std::unique_ptr<HLVPScreenCapture>()> screenCaptureFactory() override {
         return [] {
             return std::make_unique<X11ScreenCapture>();
+        };
+    }
+    std::function<std::unique_ptr<InputInjector>()> inputInjectorFactory() override {
+        return [] {
+            return std::make_unique<X11InputInjector>();
         };
     }
     std::function<std::unique_ptr<ScreenSource>()> screenSourceFactory() override {

@@ -208,6 +208,7 @@ int main(int argc, char** argv) {
         environment.makeScreenCapture = desktopServices->screenCaptureFactory();
         if (qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
             environment.makeScreenSource = desktopServices->screenSourceFactory();
+            environment.makeInputInjector = desktopServices->inputInjectorFactory();
         } else {
             environment.screenStreamingUnavailable = u"screen streaming on Wayland is not supported yet"_s;
         }

@@ -74,6 +74,15 @@ void ServerManager::refreshAccessibilityPermission() {
     log(u"Accessibility permission status refreshed: %1"_s.arg(booleanText(trusted)), u"PERMISSIONS"_s);
 }
 
+bool ServerManager::inputInjectionPermitted() {
+    // Asked as input arrives, so that a desktop that gained or lost the permission is noticed
+    // without anyone opening the permissions page.
+    if (!cachedPermission(accessibilityKey)) {
+        refreshAccessibilityPermission();
+    }
+    return m_permissionState.accessibilityAuthorized;
+}
+
 void ServerManager::checkScreenCapturePermission() {
     const std::optional<bool> cached = cachedPermission(screenCaptureKey);
     const QPointer<ServerManager> weak(this);

@@ -37,11 +37,21 @@ void ServerManager::configureScreenStreaming(HLVPServerClient& client, const QSt
     client.configureScreenStreaming(m_screenStreams.get(), [weak](const ScreenCaptureRequest&) {
         return weak ? weak->screenStreamRefusal() : std::nullopt;
     });
+    client.configureInput(m_environment.makeInputInjector,
+                          [weak] { return weak ? weak->inputRefusal() : std::nullopt; });
     client.setOnScreenStreamChanged([weak, key](bool started, quint32 streamID, const QString& detail) {
         if (weak) {
             weak->handleScreenStreamChange(key, started, streamID, detail);
         }
     });
+}
+
+std::optional<ErrorMessage> ServerManager::inputRefusal() {
+    if (!inputInjectionPermitted()) {
+        return ErrorMessage{
+            u"inputNotPermitted"_s, u"Input from viewers is not permitted on this computer."_s, {}, {}};
+    }
+    return std::nullopt;
 }
 
 std::optional<ErrorMessage> ServerManager::screenStreamRefusal() const {

@@ -30,6 +30,7 @@ class DisplayProbe;
 class HLVPCredentialStore;
 class HLVPScreenCapture;
 class PermissionService;
+class InputInjector;
 class ScreenSource;
 class ScreenStreamHub;
 class LoginItem;
@@ -69,6 +70,9 @@ struct AgentEnvironment {
     // None, or a non-empty `screenStreamingUnavailable`, refuses every stream with that text.
     std::function<std::unique_ptr<ScreenSource>()> makeScreenSource = {};
     QString screenStreamingUnavailable = {};
+    // What puts a streaming viewer's pointer and keys into the session, one per viewer; none: input
+    // is refused.
+    std::function<std::unique_ptr<InputInjector>()> makeInputInjector = {};
     HLVPServerClient::Settings clientSettings = {}; // per-connection limits; name and version are filled in
 };
 
@@ -206,6 +210,8 @@ private:
     // Screen streams.
     void configureScreenStreaming(HLVPServerClient& client, const QString& key);
     std::optional<ErrorMessage> screenStreamRefusal() const;
+    std::optional<ErrorMessage> inputRefusal();
+    bool inputInjectionPermitted();
     void handleScreenStreamChange(const QString& key, bool started, quint32 streamID, const QString& detail);
     ScreenStreamHub* screenStreams() const { return m_screenStreams.get(); }
 

@@ -132,6 +132,7 @@ struct ScreenCaptureRequest {
     std::optional<double> quality; // older viewers: 1.0 is lossless
     std::optional<QString> mode;   // "lossless" or "balanced"; absent: from `quality`
     std::optional<quint32> maxFPS;
+    std::optional<QString> keyMode; // "bySymbol" (absent) or "byPhysicalKey": how keys are typed
     std::optional<quint32> sequenceNumber;
 
     static void fields(auto& m, auto&& field) {
@@ -139,6 +140,7 @@ struct ScreenCaptureRequest {
         field("quality", m.quality);
         field("mode", m.mode, wire::maxNameBytes);
         field("maxFPS", m.maxFPS);
+        field("keyMode", m.keyMode, wire::maxNameBytes);
     }
     friend bool operator==(const ScreenCaptureRequest&, const ScreenCaptureRequest&) = default;
 };
@@ -165,12 +167,15 @@ struct ScreenCaptureMessage {
 struct InputEventMessage {
     static constexpr MessageTraits traits{"inputEvent", Direction::viewerToAgent, BeforeSignIn::refused,
                                           "InputEventMessage"};
-    QString kind;
-    std::optional<double> x;
+    QString kind;            // pointerMove, buttonPress, buttonRelease, wheel, keyPress, keyRelease, text
+    std::optional<double> x; // the pointer, in the stream's pixels
     std::optional<double> y;
-    std::optional<quint32> button;
-    std::optional<quint32> keyCode;
+    std::optional<quint32> button;  // 1 left, 2 middle, 3 right, 8 back, 9 forward
+    std::optional<quint32> keyCode; // the key's place: a Linux evdev code
     std::optional<QString> text;
+    std::optional<quint32> keysym; // the key's symbol: an X keysym
+    std::optional<double> wheelX;  // 120 a click, positive to the left
+    std::optional<double> wheelY;  // 120 a click, positive up
     std::optional<quint32> sequenceNumber;
 
     static void fields(auto& m, auto&& field) {
@@ -180,6 +185,9 @@ struct InputEventMessage {
         field("button", m.button);
         field("keyCode", m.keyCode);
         field("text", m.text);
+        field("keysym", m.keysym);
+        field("wheelX", m.wheelX);
+        field("wheelY", m.wheelY);
     }
     friend bool operator==(const InputEventMessage&, const InputEventMessage&) = default;
 };

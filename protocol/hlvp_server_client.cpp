@@ -78,6 +78,9 @@ HLVPServerClient::~HLVPServerClient() {
     if (m_screenHub && m_streamHandle != 0) {
         m_screenHub->stop(m_streamHandle);
     }
+    if (m_input) {
+        m_input->releaseAll();
+    }
     if (m_socket) {
         m_socket->abort();
     }
@@ -192,6 +195,65 @@ void HLVPServerClient::sendClipboardSync(const QString& text, SendCompletion com
     sendEncryptedMessage(ClipboardMessage{text, std::nullopt}, std::move(completion));
 }
 
+void HLVPServerClient::configureInput(InputInjectorFactory makeInjector, InputAccessCheck check) {
+    m_makeInput = std::move(makeInjector);
+    m_inputAccessCheck = std::move(check);
+}
+
+std::optional<ErrorMessage> HLVPServerClient::inputRefusal() const {
+    if (m_streamID == 0) {
+        return ErrorMessage{u"notStreaming"_s, u"Start a screen stream before sending input."_s, {}, {}};
+    }
+    if (!m_makeInput) {
+        return ErrorMessage{
+            u"inputUnsupported"_s, u"This computer cannot take input from viewers."_s, {}, {}};
+    }
+    return m_inputAccessCheck ? m_inputAccessCheck() : std::nullopt;
+}
+
+void HLVPServerClient::receiveInput(const InputEventMessage& event) {
+    if (const std::optional<ErrorMessage> refusal = inputRefusal()) {
+        refuse(refusal->code, refusal->message, u"inputEvent"_s);
+        return;
+    }
+    if (!m_input) {
+        m_input = m_makeInput();
+        if (!m_input) {
+            refuse(u"inputUnsupported"_s, u"This computer cannot take input from viewers."_s,
+                   u"inputEvent"_s);
+            return;
+        }
+        m_input->setKeyMode(m_keyMode);
+    }
+    const QPoint origin = m_screenHub ? m_screenHub->origin(m_streamHandle) : QPoint();
+    if (event.x && event.y) {
+        m_input->movePointer(origin.x() + int(*event.x), origin.y() + int(*event.y));
+    }
+    const auto button = InputInjector::Button(event.button.value_or(1));
+    const quint32 keysym = event.keysym.value_or(0);
+    const quint32 evdev = event.keyCode.value_or(0);
+    if (event.kind == u"buttonPress"_s || event.kind == u"buttonRelease"_s) {
+        m_input->setButtonPressed(button, event.kind == u"buttonPress"_s);
+    } else if (event.kind == u"wheel"_s) {
+        m_input->scroll(int(event.wheelX.value_or(0)), int(event.wheelY.value_or(0)));
+    } else if (event.kind == u"keyPress"_s) {
+        if (!m_input->pressKey(keysym, evdev)) {
+            log(u"could not press the key (keysym 0x%1, key code %2)"_s.arg(keysym, 0, 16).arg(evdev),
+                u"INPUT"_s);
+        }
+    } else if (event.kind == u"keyRelease"_s) {
+        m_input->releaseKey(keysym, evdev);
+    } else if (event.kind == u"text"_s) {
+        if (!m_input->typeText(event.text.value_or(QString()))) {
+            log(u"could not type every character of a text"_s, u"INPUT"_s);
+        }
+    } else if (event.kind != u"pointerMove"_s) {
+        refuse(u"unknownInput"_s,
+               u"\"%1\" is not a kind of input this computer takes."_s.arg(event.kind.left(64)),
+               u"inputEvent"_s);
+    }
+}
+
 void HLVPServerClient::configureScreenStreaming(ScreenStreamHub* hub, ScreenAccessCheck check) {
     m_screenHub = hub;
     m_screenAccessCheck = std::move(check);
@@ -215,6 +277,11 @@ void HLVPServerClient::startScreenStream(const ScreenCaptureRequest& request) {
         return;
     }
     endScreenStream(u"replaced"_s, u"The viewer started another stream."_s);
+    m_keyMode = request.keyMode == u"byPhysicalKey"_s ? InputInjector::KeyMode::byPhysicalKey
+                                                      : InputInjector::KeyMode::bySymbol;
+    if (m_input) {
+        m_input->setKeyMode(m_keyMode);
+    }
     ScreenStreamHub::Request wanted;
     wanted.streamID = ++m_lastStreamID;
     wanted.displayID = request.displayID;
@@ -248,6 +315,9 @@ void HLVPServerClient::receiveStreamMessage(quint32 streamID, const HLVPMessage&
     } else if (const auto* ended = std::get_if<ScreenStreamEndedMessage>(&message)) {
         m_streamID = 0;
         m_streamHandle = 0;
+        if (m_input) {
+            m_input->releaseAll();
+        }
         if (m_onScreenStreamChanged) {
             m_onScreenStreamChanged(false, streamID, ended->reason);
         }
@@ -257,6 +327,10 @@ void HLVPServerClient::receiveStreamMessage(quint32 streamID, const HLVPMessage&
 void HLVPServerClient::endScreenStream(const QString& reason, const QString& text) {
     if (m_streamID == 0) {
         return;
+    }
+    // Input rides on the stream: nothing the viewer held stays pressed once the stream is gone.
+    if (m_input) {
+        m_input->releaseAll();
     }
     const quint32 streamID = m_streamID;
     m_streamID = 0;
@@ -455,6 +529,12 @@ void HLVPServerClient::handleMessage(HLVPMessage message) {
         return;
     } else if (isFileTransferMessage(message)) {
         m_transfers->handle(message);
+        return;
+    } else if (const auto* event = std::get_if<InputEventMessage>(&message)) {
+        receiveInput(*event);
+        if (m_onViewerActivity) {
+            m_onViewerActivity();
+        }
         return;
     } else if (const auto* request = std::get_if<ScreenCaptureRequest>(&message)) {
         startScreenStream(*request);

@@ -3,6 +3,7 @@
 #include "hlvp.h"
 #include "hlvp_error.h"
 #include "hlvp_messages.h"
+#include "input_injector.h"
 
 #include <QElapsedTimer>
 #include <QHostAddress>
@@ -84,6 +85,13 @@ public:
 
     void configureFileTransfers(bool enabled, const QString& destinationDirectory);
     void configureClipboardSharing(bool enabled);
+    // Why input may not be taken now (the refusal to send), or none.
+    using InputAccessCheck = std::function<std::optional<ErrorMessage>()>;
+    using InputInjectorFactory = std::function<std::unique_ptr<InputInjector>()>;
+    // A streaming viewer's input goes to an injector of its own, made at its first input once
+    // `check` lets it; without a factory every input event is refused. What the viewer holds is
+    // let go when its stream ends, for any reason.
+    void configureInput(InputInjectorFactory makeInjector, InputAccessCheck check);
     // Streams come from `hub` once `check` lets them; without a hub every request is refused.
     void configureScreenStreaming(ScreenStreamHub* hub, ScreenAccessCheck check);
     void setOnScreenStreamChanged(ScreenStreamObserver observer) {
@@ -118,6 +126,8 @@ private:
     bool takeFrameToken(bool isFileChunk);
     void handleMessage(HLVPMessage message);
     void receiveClipboard(const ClipboardMessage& message);
+    void receiveInput(const InputEventMessage& event);
+    std::optional<ErrorMessage> inputRefusal() const;
     void refuse(const QString& code, const QString& text,
                 const std::optional<QString>& refersTo = std::nullopt);
     void closeForProtocolError(const QString& code, const QString& reason, const QString& category);
@@ -147,6 +157,10 @@ private:
     std::unique_ptr<FileTransferReceiver> m_transfers;
     QPointer<ScreenStreamHub> m_screenHub;
     ScreenAccessCheck m_screenAccessCheck;
+    InputInjectorFactory m_makeInput;
+    std::unique_ptr<InputInjector> m_input;
+    InputInjector::KeyMode m_keyMode = InputInjector::KeyMode::bySymbol;
+    InputAccessCheck m_inputAccessCheck;
     ScreenStreamObserver m_onScreenStreamChanged;
     quint32 m_streamID = 0; // the running stream's, 0 when none
     quint32 m_lastStreamID = 0;

@@ -15,10 +15,12 @@ namespace tellwyn {
 class ScreenCaptureWorker final : public QObject {
 public:
     using Output = std::function<void(quint64 handle, const HLVPMessage& message)>;
+    // Where a stream's area starts on the desktop, told whenever it is placed or moved.
+    using Placement = std::function<void(quint64 handle, QPoint origin)>;
 
-    ScreenCaptureWorker(ScreenStreamHub::SourceFactory makeSource, Output output,
+    ScreenCaptureWorker(ScreenStreamHub::SourceFactory makeSource, Output output, Placement placed,
                         std::shared_ptr<std::atomic<bool>> capturing)
-        : m_makeSource(std::move(makeSource)), m_output(std::move(output)),
+        : m_makeSource(std::move(makeSource)), m_output(std::move(output)), m_placed(std::move(placed)),
           m_capturing(std::move(capturing)) {
         m_clock.start();
     }
@@ -64,6 +66,7 @@ private:
 
     ScreenStreamHub::SourceFactory m_makeSource;
     Output m_output;
+    Placement m_placed;
     std::shared_ptr<std::atomic<bool>> m_capturing;
     std::unique_ptr<ScreenSource> m_source;
     ScreenLayout m_layout;
@@ -192,6 +195,7 @@ void ScreenCaptureWorker::add(quint64 handle, const ScreenStreamHub::Request& re
     }
     stream.area = *area;
     stream.monitors = monitorsIn(*area);
+    m_placed(handle, area->topLeft());
     stream.encoder = std::make_unique<ScreenDeltaEncoder>(
         area->width(), area->height(),
         request.lossless ? ScreenDeltaEncoder::Mode::lossless : ScreenDeltaEncoder::Mode::balanced);
@@ -277,6 +281,7 @@ void ScreenCaptureWorker::onLayoutChanged() {
         }
         // Whatever moved, the whole area is read again; the encoder sends only what differs.
         stream.area = *area;
+        m_placed(handle, area->topLeft());
         stream.monitors = monitors;
         stream.encoder->damage(QRect(QPoint(0, 0), area->size()));
         stream.damaged = true;
@@ -457,6 +462,16 @@ quint64 ScreenStreamHub::start(const Request& request, Sink sink) {
                 QMetaObject::invokeMethod(
                     this, [this, handle, message] { deliver(handle, message); }, Qt::QueuedConnection);
             },
+            [this](quint64 handle, QPoint origin) {
+                QMetaObject::invokeMethod(
+                    this,
+                    [this, handle, origin] {
+                        if (m_sinks.contains(handle)) {
+                            m_origins.insert(handle, origin);
+                        }
+                    },
+                    Qt::QueuedConnection);
+            },
             m_capturing);
         m_worker->moveToThread(m_thread);
         m_thread->start();
@@ -478,7 +493,12 @@ void ScreenStreamHub::acknowledge(quint64 handle, quint32 frame) {
     }
 }
 
+QPoint ScreenStreamHub::origin(quint64 handle) const {
+    return m_origins.value(handle);
+}
+
 void ScreenStreamHub::stop(quint64 handle) {
+    m_origins.remove(handle);
     if (m_sinks.remove(handle) > 0) {
         QMetaObject::invokeMethod(
             m_worker, [worker = m_worker, handle] { worker->remove(handle); }, Qt::QueuedConnection);
@@ -495,6 +515,7 @@ void ScreenStreamHub::deliver(quint64 handle, const HLVPMessage& message) {
     if (std::holds_alternative<ErrorMessage>(message) ||
         std::holds_alternative<ScreenStreamEndedMessage>(message)) {
         m_sinks.remove(handle);
+        m_origins.remove(handle);
     }
     sink(message);
 }

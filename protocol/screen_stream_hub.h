@@ -5,6 +5,7 @@
 
 #include <QHash>
 #include <QObject>
+#include <QPoint>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -49,6 +50,8 @@ public:
     void acknowledge(quint64 handle, quint32 frame);
     // Ends a stream without a message; nothing more reaches its sink.
     void stop(quint64 handle);
+    // Where the stream's picture starts on the desktop: a viewer's positions are relative to it.
+    QPoint origin(quint64 handle) const;
 
     qsizetype streamCount() const { return m_sinks.size(); }
     // The worker holds the display open (a stream runs or is being started).
@@ -61,6 +64,7 @@ private:
     QThread* m_thread = nullptr;
     ScreenCaptureWorker* m_worker = nullptr;
     QHash<quint64, Sink> m_sinks;
+    QHash<quint64, QPoint> m_origins;
     quint64 m_nextHandle = 1;
     std::shared_ptr<std::atomic<bool>> m_capturing = std::make_shared<std::atomic<bool>>(false);
 };

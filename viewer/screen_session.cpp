@@ -50,6 +50,9 @@ void ScreenSession::start() {
     request.displayID = m_request.displayID;
     request.mode = m_request.lossless ? u"lossless"_s : u"balanced"_s;
     request.maxFPS = m_request.maxFramesPerSecond;
+    if (m_request.keysByPlace) {
+        request.keyMode = u"byPhysicalKey"_s;
+    }
     m_stream.requested();
     m_session.send(request);
 }

@@ -20,6 +20,7 @@ public:
         std::optional<quint32> displayID; // none: all displays
         bool lossless = true;
         quint32 maxFramesPerSecond = 30;
+        bool keysByPlace = false; // keys typed by their place on the keyboard instead of their symbol
     };
 
     ScreenSession(ViewerSession& session, ScreenStream& stream, Request request, QObject* parent = nullptr);

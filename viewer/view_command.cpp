@@ -38,19 +38,26 @@ int viewCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
     QCommandLineParser parser;
     parser.setApplicationDescription(
         u"Signs in to the agent at HOST, as 'tellwyn stats' does, and shows its screen live in a window: "
-        u"scaled "
-        u"to fit, or pixel for pixel with scroll bars (View menu, or F to switch). The password is asked for "
-        u"here on the terminal; started from a desktop menu, the window asks for it itself."_s);
+        u"scaled to fit, or pixel for pixel with scroll bars (View menu). The pointer, the wheel and the "
+        u"keyboard work the remote machine while the window has the focus, shortcuts such as Alt+Tab "
+        u"included; press Ctrl+Alt+Shift together to give the keyboard back to this desktop, click the "
+        u"picture to take it again. Text copied on either side can be pasted on the other while the agent "
+        u"shares its clipboard. The password is asked for here on the terminal; started from a desktop "
+        u"menu, the window asks for it itself."_s);
     CommonOptions common;
     SignInOptions signIn;
     const QCommandLineOption actualSize(u"actual-size"_s,
                                         u"Start pixel for pixel instead of scaled to fit."_s);
-    const QCommandLineOption overlay(
-        u"overlay"_s, u"Show frames per second, bandwidth and latency over the picture (O to switch)."_s);
+    const QCommandLineOption overlay(u"overlay"_s,
+                                     u"Show frames per second, bandwidth and latency over the picture."_s);
     const QCommandLineOption balanced(
         u"balanced"_s, u"Ask for balanced quality (lossy where the picture moves) instead of lossless."_s);
+    const QCommandLineOption physicalKeys(
+        u"physical-keys"_s,
+        u"Type keys by their place on the keyboard (games, shortcuts by position) instead "
+        u"of by the symbol they give here."_s);
     parser.addOptions({common.help, common.name, common.knownAgents, signIn.user, signIn.passwordStdin,
-                       actualSize, overlay, balanced});
+                       actualSize, overlay, balanced, physicalKeys});
     parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
     if (const std::optional<int> finished =
             parseCommandLine(parser, arguments, common, u"view"_s, out, err)) {
@@ -101,7 +108,7 @@ int viewCommand(const QStringList& arguments, QTextStream& out, QTextStream& err
                                 target->knownAgents,
                                 u"--password-fd"_s,
                                 QString::number(pipeEnds[0])};
-    for (const QCommandLineOption* option : {&actualSize, &overlay, &balanced}) {
+    for (const QCommandLineOption* option : {&actualSize, &overlay, &balanced, &physicalKeys}) {
         if (parser.isSet(*option)) {
             windowArguments.append(u"--"_s + option->names().constFirst());
         }

@@ -5,6 +5,7 @@
 #include "account_verifier.h"
 #include "fake_discovery.h"
 #include "hlvp_credential_store.h"
+#include "input_injector.h"
 #include "login_item.h"
 #include "screen_source.h"
 #include "service_advertiser.h"
@@ -148,8 +149,12 @@ public:
 class StillScreen final : public ScreenSource {
 public:
     std::optional<Failure> start(Listener) override { return std::nullopt; }
+    // Two monitors side by side.
     ScreenLayout layout() const override {
-        return {128, 64, {{0, 0, 128, 64, QStringLiteral("screen"), true}}};
+        return {
+            128,
+            64,
+            {{0, 0, 64, 64, QStringLiteral("left"), true}, {64, 0, 64, 64, QStringLiteral("right"), false}}};
     }
     bool read(const QRect& area, PixelBuffer& into) override {
         for (int y = area.top(); y <= area.bottom(); ++y) {
@@ -159,6 +164,40 @@ public:
     }
     CursorImage cursor() override { return {}; }
     std::optional<QPoint> pointer() override { return QPoint(5, 5); }
+};
+
+// Records what a viewer's input would do to the desktop, one line an action, in `actions` (shared,
+// so that a test still reads it after the agent has let go of the injector).
+class FakeInputInjector final : public InputInjector {
+public:
+    explicit FakeInputInjector(std::shared_ptr<QStringList> actions) : m_actions(std::move(actions)) {}
+    void setKeyMode(KeyMode mode) override {
+        m_actions->append(mode == KeyMode::bySymbol ? QStringLiteral("by symbol") : QStringLiteral("by key"));
+    }
+    void movePointer(int x, int y) override { m_actions->append(QStringLiteral("move %1,%2").arg(x).arg(y)); }
+    void setButtonPressed(Button button, bool pressed) override {
+        m_actions->append(QStringLiteral("button %1 %2")
+                              .arg(int(button))
+                              .arg(pressed ? QStringLiteral("down") : QStringLiteral("up")));
+    }
+    void scroll(int horizontalSteps, int verticalSteps) override {
+        m_actions->append(QStringLiteral("scroll %1,%2").arg(horizontalSteps).arg(verticalSteps));
+    }
+    bool pressKey(quint32 keysym, quint32 evdevCode) override {
+        m_actions->append(QStringLiteral("key 0x%1/%2 down").arg(keysym, 0, 16).arg(evdevCode));
+        return true;
+    }
+    void releaseKey(quint32 keysym, quint32 evdevCode) override {
+        m_actions->append(QStringLiteral("key 0x%1/%2 up").arg(keysym, 0, 16).arg(evdevCode));
+    }
+    bool typeText(const QString& text) override {
+        m_actions->append(QStringLiteral("type ") + text);
+        return true;
+    }
+    void releaseAll() override { m_actions->append(QStringLiteral("release all")); }
+
+private:
+    std::shared_ptr<QStringList> m_actions;
 };
 
 } // namespace tellwyn::testing

@@ -37,6 +37,7 @@ bool LoopbackAgent::start() {
     environment.permissions = permissions;
     environment.makeScreenSource = makeScreenSource;
     environment.screenStreamingUnavailable = screenStreamingUnavailable;
+    environment.makeInputInjector = makeInputInjector;
     manager = std::make_unique<ServerManager>(environment);
     VirtualTime::drainEvents();
     bool started = false;

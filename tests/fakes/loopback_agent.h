@@ -72,6 +72,7 @@ public:
     PermissionService* permissions = nullptr; // set before start()
     std::function<std::unique_ptr<ScreenSource>()> makeScreenSource;
     QString screenStreamingUnavailable;
+    std::function<std::unique_ptr<InputInjector>()> makeInputInjector;
     QTemporaryDir dataDirectory;
     std::unique_ptr<ServerManager> manager;
     quint16 port = 0;

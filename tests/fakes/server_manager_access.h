@@ -37,6 +37,7 @@ public:
     void screenCaptureStartupPreflight() { m.screenCaptureStartupPreflight(); }
     void checkScreenCapturePermission() { m.checkScreenCapturePermission(); }
     void checkAccessibilityPermission() { m.checkAccessibilityPermission(); }
+    void refreshAccessibilityPermission() { m.refreshAccessibilityPermission(); }
     void validateScreenCaptureRuntime() { m.validateScreenCaptureRuntime(); }
     std::optional<bool> cachedPermission(const QString& key) const { return m.cachedPermission(key); }
 

@@ -7,12 +7,12 @@ import subprocess
 import time
 
 
-def start_xvfb(size="1024x768"):
+def start_xvfb(size="1024x768", *options):
     """An X server of the test's own, on a display number it picks itself (other tests may run
     displays at the same time); any local user may connect. Returns (process, ":N")."""
     read_end, write_end = os.pipe()
     xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0", f"{size}x24", "-nolisten", "tcp",
-                             "-ac", "-noreset"], pass_fds=(write_end,), stdout=subprocess.DEVNULL,
+                             "-ac", "-noreset", *options], pass_fds=(write_end,), stdout=subprocess.DEVNULL,
                             stderr=subprocess.DEVNULL)
     os.close(write_end)
     with os.fdopen(read_end) as chosen:

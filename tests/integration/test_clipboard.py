@@ -15,8 +15,8 @@ VIEWER = os.environ.get("TELLWYN_VIEWER", "tellwyn")
 class XDisplay:
     """An Xvfb of the test's own; any local user may connect (the agent runs as the test account)."""
 
-    def __init__(self):
-        self.process, self.name = start_xvfb("800x600")
+    def __init__(self, *options):
+        self.process, self.name = start_xvfb("800x600", *options)
         self.env = dict(os.environ, DISPLAY=self.name)
         self.owners = []
 

@@ -7,6 +7,7 @@ import random
 import shutil
 import struct
 import subprocess
+import threading
 import time
 import unittest
 
@@ -32,6 +33,31 @@ def write_xwd(path, width, height, rgb):
         pixels += b"\0" + rgb[i:i + 3]
     with open(path, "wb") as out:
         out.write(header + name + bytes(pixels))
+
+
+class InputRecorder:
+    """The X client that prints the input it receives, one line per event, read as they come."""
+
+    def __init__(self, env):
+        self.process = subprocess.Popen([os.environ["TELLWYN_INPUT_RECORDER"]], env=env, stdout=subprocess.PIPE,
+                                        stderr=subprocess.DEVNULL, text=True)
+        self.lines = []
+        threading.Thread(target=lambda: self.lines.extend(line.strip() for line in self.process.stdout),
+                         daemon=True).start()
+        # A held key must not repeat, so that the one release that counts can be told apart.
+        subprocess.run(["xset", "r", "off"], env=env, check=True, timeout=30)
+        self.wait_for("ready")
+
+    def wait_for(self, start, *parts, after=-1, deadline=DEADLINE):
+        """The index of the first line after `after` that starts with `start` and holds every part."""
+        deadline += time.monotonic()
+        while time.monotonic() < deadline:
+            for index in range(after + 1, len(self.lines)):
+                line = self.lines[index]
+                if line.startswith(start) and all(f" {p} " in f"{line} " for p in parts):
+                    return index
+            time.sleep(0.05)
+        raise AssertionError(f"no {start} {parts} among {self.lines[-20:]}")
 
 
 class Viewer:
@@ -176,13 +202,45 @@ class ScreenStreamTest(unittest.TestCase):
                 return
         self.fail("the viewer's picture never became the screen's")
 
+    def test_input_reaches_the_desktop_and_nothing_stays_pressed(self):
+        recorder = InputRecorder(self.display.env)
+        self.windows.append(recorder.process)
+        viewer = Viewer(self.agent.port, "lossless")
+        for event in ({"kind": "pointerMove", "x": 100, "y": 80},
+                      {"kind": "keyPress", "keysym": 0x40}, {"kind": "keyRelease", "keysym": 0x40},
+                      {"kind": "text", "text": "é"},
+                      {"kind": "keyPress", "keysym": 0x61, "keyCode": 30},
+                      {"kind": "buttonPress", "x": 10, "y": 20, "button": 1}):
+            viewer.client.send({"type": "inputEvent", **event})
+        recorder.wait_for("motion 100 80")
+        recorder.wait_for("key-press", "at")
+        recorder.wait_for("key-press", "eacute")
+        held = recorder.wait_for("key-press", "a")
+        recorder.wait_for("button-press 1 10 20")
+        # The viewer drops, on a still screen, with a key and a button held: the agent lets go of both.
+        viewer.client.sock.close()
+        recorder.wait_for("button-release 1 10 20")
+        recorder.wait_for("key-release", recorder.lines[held].split()[1], after=held)
+
+    def test_input_refused_where_the_display_has_no_xtest(self):
+        self.agent.close()
+        self.display.close()
+        self.display = XDisplay("-extension", "XTEST")
+        self.agent = Agent(user=TEST_USER, display=self.display.name, extra_args=("--headless",))
+        self.agent.wait_until_running()
+        viewer = Viewer(self.agent.port, "lossless")
+        viewer.client.send({"type": "inputEvent", "kind": "pointerMove", "x": 1, "y": 1, "sequenceNumber": 9})
+        refusal = viewer.client.receive_until("error", DEADLINE)
+        self.assertEqual((refusal["code"], refusal["refersTo"]), ("inputNotPermitted", "inputEvent"))
+
     def test_refused_before_sign_in(self):
         client = HLVPClient(self.agent.port)
         client.handshake("Early")
-        client.send({"type": "screenCaptureRequest", "mode": "lossless"})
-        refusal = client.receive_until("error")
-        self.assertEqual(refusal["code"], "notAuthenticated")
-        self.assertEqual(refusal["refersTo"], "screenCaptureRequest")
+        for message in ({"type": "screenCaptureRequest", "mode": "lossless"},
+                        {"type": "inputEvent", "kind": "keyPress", "keysym": 0x61}):
+            client.send(message)
+            refusal = client.receive_until("error")
+            self.assertEqual((refusal["code"], refusal["refersTo"]), ("notAuthenticated", message["type"]))
         client.close()
 
     def test_two_viewers_lossless_exact_and_balanced_converges(self):

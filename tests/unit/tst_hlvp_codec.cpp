@@ -105,7 +105,7 @@ private Q_SLOTS:
         QTest::addColumn<HLVPMessage>("message");
         addEveryMessageType(std::make_index_sequence<std::variant_size_v<HLVPMessage>>{});
         QTest::newRow("screenCaptureRequest, all fields")
-            << HLVPMessage(ScreenCaptureRequest{{}, {}, u"lossless"_s, 60, 7});
+            << HLVPMessage(ScreenCaptureRequest{{}, {}, u"lossless"_s, 60, u"byPhysicalKey"_s, 7});
         const QList<HLVPScreenMonitor> monitors{{0, 0, 1920, 1080, u"HDMI-1"_s, true},
                                                 {1920, 0, 1280, 1024, {}, false}};
         QTest::newRow("screenStreamStarted, two monitors")

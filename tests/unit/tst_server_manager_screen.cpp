@@ -2,6 +2,7 @@
 // and why, and that screen sleep ends a stream while the viewer stays connected.
 
 #include "event_wait.h"
+#include "fake_services.h"
 #include "log_lines.h"
 #include "loopback_agent.h"
 #include "screen_stream_hub.h"
@@ -60,7 +61,7 @@ private Q_SLOTS:
         QVERIFY(agent.start());
         const auto viewer = signedInViewer(agent);
         QVERIFY(viewer);
-        viewer->connection->send(ScreenCaptureRequest{{}, {}, u"lossless"_s, {}, 9});
+        viewer->connection->send(ScreenCaptureRequest{{}, {}, u"lossless"_s, {}, {}, 9});
         TRY_VERIFY(viewer->last<ErrorMessage>() != nullptr);
         QCOMPARE(*viewer->last<ErrorMessage>(), (ErrorMessage{code, text, u"screenCaptureRequest"_s, 9}));
         QVERIFY(agent.manager->serverState().streamingClients.isEmpty());
@@ -80,7 +81,7 @@ private Q_SLOTS:
         QVERIFY(agent.start());
         const auto viewer = signedInViewer(agent);
         QVERIFY(viewer);
-        viewer->connection->send(ScreenCaptureRequest{{}, {}, u"lossless"_s, {}, {}});
+        viewer->connection->send(ScreenCaptureRequest{{}, {}, u"lossless"_s, {}, {}, {}});
         TRY_VERIFY(viewer->last<ScreenFrameMessage>() != nullptr);
         const ScreenFrameMessage frame = *viewer->last<ScreenFrameMessage>();
         QCOMPARE(frame.frame, 1U);
@@ -111,6 +112,53 @@ private Q_SLOTS:
         viewer->connection->send(HeartbeatMessage{77});
         TRY_VERIFY(viewer->last<HeartbeatResponseMessage>() != nullptr);
         QVERIFY(!viewer->closed);
+    }
+
+    // Input rides on the stream: refused before it and without permission, placed relative to the
+    // streamed area, and whatever the viewer holds is let go when the stream ends.
+    void inputGoesToTheStreamedDesktopAndNothingStaysPressed() {
+        LoopbackAgent agent;
+        agent.displays.count = 1;
+        permissions.captureAllowed = true;
+        permissions.inputAllowed = false;
+        agent.permissions = &permissions;
+        agent.makeScreenSource = [] {
+            return std::make_unique<StillScreen>();
+        };
+        const auto actions = std::make_shared<QStringList>();
+        agent.makeInputInjector = [actions] {
+            return std::make_unique<FakeInputInjector>(actions);
+        };
+        QVERIFY(agent.start());
+        const auto viewer = signedInViewer(agent);
+        QVERIFY(viewer);
+        const auto refusalOf = [&](const InputEventMessage& event) {
+            const qsizetype before = viewer->count<ErrorMessage>();
+            viewer->connection->send(event);
+            return QTest::qWaitFor([&] { return viewer->count<ErrorMessage>() > before; }, eventDeadlineMs)
+                       ? viewer->last<ErrorMessage>()->code
+                       : u"(no refusal)"_s;
+        };
+        const InputEventMessage click{u"buttonPress"_s, 10, 20, 1, {}, {}, {}, {}, {}, {}};
+        QCOMPARE(refusalOf(click), u"notStreaming"_s);
+        viewer->connection->send(ScreenCaptureRequest{1, {}, u"lossless"_s, {}, u"byPhysicalKey"_s, {}});
+        TRY_VERIFY(viewer->last<ScreenFrameMessage>() != nullptr);
+        QCOMPARE(refusalOf(click), u"inputNotPermitted"_s);
+        QVERIFY(actions->isEmpty());
+
+        permissions.inputAllowed = true;
+        ServerManagerTestAccess(*agent.manager).refreshAccessibilityPermission();
+        viewer->connection->send(click);
+        viewer->connection->send(InputEventMessage{u"keyPress"_s, {}, {}, {}, 30, {}, 0x61, {}, {}, {}});
+        viewer->connection->send(InputEventMessage{u"wheel"_s, {}, {}, {}, {}, {}, {}, 0, -240, {}});
+        viewer->connection->send(InputEventMessage{u"text"_s, {}, {}, {}, {}, u"é€"_s, {}, {}, {}, {}});
+        TRY_COMPARE(actions->size(), 6);
+        // Display 1 of the still desktop starts at (64, 0).
+        QCOMPARE(*actions, (QStringList{u"by key"_s, u"move 74,20"_s, u"button 1 down"_s,
+                                        u"key 0x61/30 down"_s, u"scroll 0,-240"_s, u"type é€"_s}));
+        viewer->connection->send(ScreenStopMessage{});
+        TRY_COMPARE(actions->constLast(), u"release all"_s);
+        QCOMPARE(refusalOf(click), u"notStreaming"_s);
     }
 };
 

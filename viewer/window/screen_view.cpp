@@ -3,11 +3,14 @@
 #include <QPaintEvent>
 #include <QPainter>
 #include <QScrollBar>
+#include <algorithm>
+#include <cmath>
 
 namespace tellwyn {
 
 ScreenView::ScreenView(const RemoteScreen& screen, QWidget* parent)
     : QAbstractScrollArea(parent), m_screen(screen) {
+    setFrameShape(QFrame::NoFrame);
     viewport()->setAttribute(Qt::WA_OpaquePaintEvent);
     viewport()->setMouseTracking(true);
     screenResized();
@@ -76,6 +79,17 @@ QRectF ScreenView::toViewport(const QRectF& rect) const {
     }
     const double scale = area.width() / m_screen.size().width();
     return {area.topLeft() + rect.topLeft() * scale, rect.size() * scale};
+}
+
+std::optional<QPoint> ScreenView::toScreen(QPointF viewportPoint) const {
+    const QRectF area = pictureArea();
+    if (area.isEmpty()) {
+        return std::nullopt;
+    }
+    const QSize size = m_screen.size();
+    const QPointF pixel = (viewportPoint - area.topLeft()) * (size.width() / area.width());
+    return QPoint(std::clamp(int(std::floor(pixel.x())), 0, size.width() - 1),
+                  std::clamp(int(std::floor(pixel.y())), 0, size.height() - 1));
 }
 
 QRect ScreenView::cursorArea() const {

@@ -4,6 +4,7 @@
 
 #include <QAbstractScrollArea>
 #include <QImage>
+#include <optional>
 
 namespace tellwyn {
 
@@ -25,6 +26,10 @@ public:
     // Pixels inside `rect` (screen coordinates) changed.
     void screenChanged(const QRect& rect);
     void cursorChanged();
+
+    // The picture's pixel under a point of the viewport; a point beside the picture gives the
+    // nearest pixel of its edge. None while there is no picture.
+    std::optional<QPoint> toScreen(QPointF viewportPoint) const;
 
 protected:
     void paintEvent(QPaintEvent* event) override;

@@ -5,6 +5,8 @@
 #include "linux/avahi_service_browser.h"
 #include "linux/linux_system_identity.h"
 #include "linux/unix_signal_watcher.h"
+#include "message_text.h"
+#include "remote_input.h"
 #include "screen_session.h"
 #include "screen_stream.h"
 #include "screen_view.h"
@@ -12,6 +14,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QClipboard>
 #include <QCommandLineParser>
 #include <QInputDialog>
 #include <QMainWindow>
@@ -71,8 +74,10 @@ int main(int argc, char* argv[]) {
                                         u"Start pixel for pixel instead of scaled to fit."_s);
     const QCommandLineOption overlay(u"overlay"_s, u"Show frames per second, bandwidth and latency."_s);
     const QCommandLineOption balanced(u"balanced"_s, u"Ask for balanced quality instead of lossless."_s);
+    const QCommandLineOption physicalKeys(
+        u"physical-keys"_s, u"Type keys by their place on the keyboard instead of their symbol."_s);
     parser.addOptions({common.help, common.name, common.knownAgents, signIn.user, passwordFd, actualSize,
-                       overlay, balanced});
+                       overlay, balanced, physicalKeys});
     parser.addPositionalArgument(u"HOST[:PORT]"_s, u"Where the agent listens."_s);
     // Started by `tellwyn view`, errors go to its terminal; started from a desktop menu, to a dialog.
     bool fromDesktop = false;
@@ -131,6 +136,7 @@ int main(int argc, char* argv[]) {
     ScreenStream stream(screen);
     ScreenSession::Request request;
     request.lossless = !parser.isSet(balanced);
+    request.keysByPlace = parser.isSet(physicalKeys);
     ScreenSession screenSession(session, stream, request);
 
     QMainWindow window;
@@ -138,21 +144,31 @@ int main(int argc, char* argv[]) {
     view->setFitToWindow(!parser.isSet(actualSize));
     view->setOverlayVisible(parser.isSet(overlay));
     window.setCentralWidget(view);
-    window.setWindowTitle(u"%1 - tellwyn view"_s.arg(target->address.display()));
+    QString agentName = target->address.display();
+    RemoteInput input(*view, [&session, &stream](const InputEventMessage& event) {
+        if (stream.streamID()) {
+            session.send(event);
+        }
+    });
+    const auto showTitle = [&window, &agentName, &input] {
+        window.setWindowTitle(
+            input.holdsKeyboard()
+                ? u"%1 - tellwyn view (Ctrl+Alt+Shift gives the keyboard back)"_s.arg(agentName)
+                : u"%1 - tellwyn view"_s.arg(agentName));
+    };
+    QObject::connect(&input, &RemoteInput::holdsKeyboardChanged, &window, showTitle);
+    showTitle();
     QMenu* viewMenu = window.menuBar()->addMenu(u"&View"_s);
     QAction* fit = viewMenu->addAction(u"Scale to &Fit"_s);
     fit->setCheckable(true);
     fit->setChecked(view->fitToWindow());
-    fit->setShortcut(QKeySequence(Qt::Key_F));
     QObject::connect(fit, &QAction::toggled, view, &ScreenView::setFitToWindow);
     QAction* figures = viewMenu->addAction(u"Show Stream &Figures"_s);
     figures->setCheckable(true);
     figures->setChecked(view->overlayVisible());
-    figures->setShortcut(QKeySequence(Qt::Key_O));
     QObject::connect(figures, &QAction::toggled, view, &ScreenView::setOverlayVisible);
     viewMenu->addSeparator();
     QAction* quit = viewMenu->addAction(u"&Close"_s);
-    quit->setShortcut(QKeySequence::Close);
     QObject::connect(quit, &QAction::triggered, &session, [&session] { session.finish(exitOk); });
 
     QObject::connect(&stream, &ScreenStream::sizeChanged, view, [&window, view](QSize size) {
@@ -189,12 +205,46 @@ int main(int argc, char* argv[]) {
     QObject::connect(&heartbeats, &QTimer::timeout, &session,
                      [&session] { session.send(HeartbeatMessage{std::nullopt}); });
     QObject::connect(&session, &ViewerSession::ready, &window,
-                     [&window](const HandshakeResponseMessage& response) {
-                         window.setWindowTitle(u"%1 - tellwyn view"_s.arg(response.agentName));
+                     [&agentName, &showTitle](const HandshakeResponseMessage& response) {
+                         agentName = response.agentName;
+                         showTitle();
                      });
+
+    // The clipboards in step: a copy on either side can be pasted on the other, until the agent
+    // says it does not share its clipboard.
+    QClipboard* clipboard = QGuiApplication::clipboard();
+    QString sharedText;
+    bool signedIn = false;
+    bool clipboardRefused = false;
+    QObject::connect(clipboard, &QClipboard::dataChanged, &session, [&] {
+        const QString text = clipboard->text();
+        if (signedIn && !clipboardRefused && !text.isEmpty() && text != sharedText &&
+            text.toUtf8().size() <= HLVP::maxClipboardBytes) {
+            sharedText = text;
+            session.send(ClipboardMessage{text, std::nullopt});
+        }
+    });
+    QStringList refusalsShown;
+    QObject::connect(&session, &ViewerSession::messageReceived, &window, [&](const HLVPMessage& message) {
+        if (const auto* copied = std::get_if<ClipboardMessage>(&message)) {
+            sharedText = copied->text;
+            clipboard->setText(copied->text);
+        } else if (const auto* refusal = std::get_if<ErrorMessage>(&message);
+                   refusal && (refusal->refersTo == u"inputEvent"_s || refusal->refersTo == u"clipboard"_s)) {
+            clipboardRefused = clipboardRefused || refusal->refersTo == u"clipboard"_s;
+            // Said once: input keeps coming while the agent refuses it.
+            if (!refusalsShown.contains(refusal->code)) {
+                refusalsShown.append(refusal->code);
+                err << u"tellwyn: the agent refused: %1"_s.arg(agentText(refusal->message)) << Qt::endl;
+                report(exitOk);
+                errorText.clear();
+            }
+        }
+    });
     signInWhenReady(
         session, Credentials{parser.value(signIn.user), *password},
         [&] {
+            signedIn = true;
             heartbeats.start();
             screenSession.start();
         },
