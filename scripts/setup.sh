@@ -11,7 +11,7 @@ test_packages=(openssl clang-format python3 python3-cbor2 procps clang-14 libcla
                xdotool xclip gnome-keyring desktop-file-utils avahi-daemon avahi-utils iproute2
                haskell-gtk-sni-tray-utils libglib2.0-bin qt6-qpa-plugins python3-pil
                at-spi2-core python3-pyatspi gir1.2-atspi-2.0 imagemagick x11-xkb-utils
-               python3-zstandard x11-apps x11-xserver-utils)
+               python3-zstandard x11-apps x11-xserver-utils acl)
 bench_packages=(prometheus-node-exporter openssh-server openssh-client linux-perf
                 gcc libx11-dev libxext-dev xfonts-base python3-numpy python3-zstandard x11vnc tigervnc-scraping-server)
 package_packages=(debhelper lintian debootstrap man-db systemd ccache librsvg2-bin)
@@ -79,6 +79,22 @@ for group in "$@"; do
                     --home-dir /nonexistent --shell /usr/sbin/nologin tellwyn-test
                 echo 'tellwyn-test:Tellwyn-Test-Passw0rd' | "${as_root[@]}" chpasswd
                 echo "test account of TellwynAgent's sign-in tests" | "${as_root[@]}" tee /etc/tellwyn-test-account >/dev/null
+            fi
+            # The tests run the agent and some of their helpers as tellwyn-test, from this tree, which
+            # may sit in a private home (Debian 12 makes homes 0700): the account gets, by ACL, the
+            # right to pass through the folders above the tree and to read the tree. Nothing else
+            # changes for anyone else.
+            if ! "${as_root[@]}" setpriv --reuid=tellwyn-test --regid=tellwyn-test --clear-groups \
+                test -r "$root/CMakeLists.txt"; then
+                need_root "let tellwyn-test read $root"
+                echo "setup.sh: letting the test account tellwyn-test read $root (ACL)"
+                folder="$root"
+                while [ "$folder" != / ]; do
+                    folder="$(dirname "$folder")"
+                    "${as_root[@]}" setpriv --reuid=tellwyn-test --regid=tellwyn-test --clear-groups test -x "$folder" ||
+                        "${as_root[@]}" setfacl -m u:tellwyn-test:x "$folder"
+                done
+                "${as_root[@]}" setfacl -R -m u:tellwyn-test:rX -m d:u:tellwyn-test:rX "$root"
             fi
             # A polkit rule that lets the polkit test answer the unlock action yes or no; it does
             # nothing unless the test's folder /run/tellwyn-polkit-test exists.
