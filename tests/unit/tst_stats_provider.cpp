@@ -156,7 +156,7 @@ private Q_SLOTS:
         time.reset();
     }
 
-    void everyFieldIsFilledFromItsProbeInOrder() {
+    void everyFieldIsFilledFromItsProbe() {
         probes->activeApplication = u"Firefox"_s;
         const SystemStatsMessage s = snapshot();
         QCOMPARE(s.totalMemory, 16ull << 30);
@@ -186,32 +186,6 @@ private Q_SLOTS:
         QCOMPARE(s.diskVolumes->size(), 1);
         QCOMPARE(s.sequenceNumber, std::nullopt);
 
-        QStringList snapshotCalls = probes->calls();
-        snapshotCalls.removeIf([](const QString& call) { return call.startsWith(u"powerLogLine"_s); });
-        QCOMPARE(snapshotCalls, (QStringList{u"observeSleepAndWake"_s,
-                                             u"activeApplicationName"_s,
-                                             u"physicalMemory"_s,
-                                             u"freeMemory"_s,
-                                             u"rootDiskCapacity"_s,
-                                             u"cpuTicks"_s,
-                                             u"osVersion"_s,
-                                             u"model"_s,
-                                             u"uptimeSeconds"_s,
-                                             u"screenCaptureAuthorized"_s,
-                                             u"accessibilityAuthorized"_s,
-                                             u"screenLocked"_s,
-                                             u"primaryInterface"_s,
-                                             u"loggedInUser"_s,
-                                             u"networkName"_s,
-                                             u"displays"_s,
-                                             u"serialNumber"_s,
-                                             u"hardwareUUID"_s,
-                                             u"diskEncryptionEnabled"_s,
-                                             u"platformIntegrityEnabled"_s,
-                                             u"applicationAssessmentEnabled"_s,
-                                             u"managementEnrolled"_s,
-                                             u"uptimeSeconds"_s,
-                                             u"volumes"_s}));
         // The application in front is read on the main thread, the rest on the statistics queue.
         QCOMPARE(probes->threadOf(u"activeApplicationName"_s), QThread::currentThread());
         QThread* queue = probes->threadOf(u"physicalMemory"_s);
