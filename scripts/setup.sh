@@ -14,7 +14,7 @@ test_packages=(openssl clang-format python3 python3-cbor2 procps clang-14 libcla
                python3-zstandard x11-apps x11-xserver-utils acl)
 bench_packages=(prometheus-node-exporter openssh-server openssh-client linux-perf
                 gcc libx11-dev libxext-dev xfonts-base python3-numpy python3-zstandard x11vnc tigervnc-scraping-server)
-package_packages=(debhelper lintian debootstrap man-db systemd ccache librsvg2-bin)
+package_packages=(build-essential debhelper lintian debootstrap man-db systemd ccache librsvg2-bin)
 
 wanted=()
 for group in "$@"; do
